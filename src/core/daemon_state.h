@@ -1,0 +1,129 @@
+// The one process-wide record that every thread of the daemon shares.
+//
+// Plain text buffers are written before the threads that read them exist, or
+// under the AT access rule; everything that one thread publishes while others
+// poll it is a std::atomic (release on the publishing store, acquire on the load).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <semaphore.h>
+
+constexpr int RING_SLOTS = 20;
+constexpr int RING_LINE_SIZE = 500;
+constexpr int TEXT_FIELD_SIZE = 52;  // configuration texts and paths
+constexpr int CMD_FIELD_SIZE = 100;  // prepared shell commands
+constexpr int IDENTITY_SIZE = 100;   // module identity texts
+constexpr int PING_ADDRESS_COUNT = 6;
+constexpr int ICMP_BUFFER_SIZE = 4096;
+
+// Family numbers of `module_type`: 1 and 2 select the EC200 behaviour everywhere.
+constexpr int32_t MODULE_EC20 = 0;
+constexpr int32_t MODULE_EC200T = 1;
+constexpr int32_t MODULE_EC200S = 2;
+
+// A binary semaphore: the interface thread takes it before starting a worker and
+// the worker gives it back, so it must not be owned by the thread that took it.
+class at_gate {
+public:
+    at_gate();
+    ~at_gate();
+    at_gate(const at_gate &) = delete;
+    at_gate &operator=(const at_gate &) = delete;
+
+    void lock();     // waits; a cancellation point
+    bool try_lock(); // true when taken
+    void unlock();   // from any thread; a second unlock without a lock is ignored
+
+private:
+    sem_t sem_;
+};
+
+struct daemon_state {
+    // Command line
+    std::atomic<uint8_t> debug{0};
+    std::atomic<uint8_t> atprint{0};
+
+    // Configuration
+    char app_name[TEXT_FIELD_SIZE];
+    char apn_name[TEXT_FIELD_SIZE];
+    char apn_user[TEXT_FIELD_SIZE];
+    char apn_passwd[TEXT_FIELD_SIZE];
+    std::atomic<uint32_t> apn_auth{1};
+    std::atomic<uint8_t> auto_dial{0};
+    std::atomic<uint8_t> auto_check{0};
+    char ping_address[PING_ADDRESS_COUNT][TEXT_FIELD_SIZE]; // ping_address1 .. ping_address6
+    std::atomic<uint32_t> check_timeS{600};
+    char down_script[TEXT_FIELD_SIZE];
+
+    // Prepared commands
+    char killall_cmd[CMD_FIELD_SIZE];
+    char app_cmd[CMD_FIELD_SIZE];
+    char ifdown_cmd[TEXT_FIELD_SIZE];
+
+    // Module
+    std::atomic<int32_t> module_type{MODULE_EC20};
+    char net_if_name[TEXT_FIELD_SIZE];
+    char at_port_path[TEXT_FIELD_SIZE];
+
+    // Supervisor flags
+    std::atomic<uint8_t> module_restarting{1};
+    std::atomic<uint8_t> module_reset_request{0};
+    std::atomic<uint8_t> connected{0};
+    std::atomic<uint8_t> fota_done{0};
+    std::atomic<uint8_t> fota_reopen{0};
+    std::atomic<uint8_t> fota_reopen_watch{0};
+    std::atomic<uint8_t> restart_report_pending{0};
+    std::atomic<uint8_t> call_active{0};
+    std::atomic<int32_t> fota_port_status{0};
+    std::atomic<pthread_t> check_tid{0};
+
+    // AT work gate
+    at_gate at_mutex;
+    std::atomic<uint8_t> worker_busy{0};
+    std::atomic<uint8_t> dial_in_progress{0};
+
+    // AT transport
+    std::atomic<int32_t> at_fd{-1};
+    std::atomic<int32_t> at_state{0};
+    std::atomic<uint8_t> at_passthrough{0};
+    std::atomic<int32_t> resp_write_index{0};
+    std::atomic<int32_t> resp_ready_index{0};
+    std::atomic<int32_t> resp_read_index{0};
+    std::atomic<int32_t> urc_write_index{0};
+    std::atomic<int32_t> urc_ready_index{0};
+    std::atomic<int32_t> urc_read_index{0};
+    char resp_ring[RING_SLOTS][RING_LINE_SIZE];
+    char urc_ring[RING_SLOTS][RING_LINE_SIZE];
+
+    // Client
+    std::atomic<int32_t> client_fd{0};
+    std::atomic<uint8_t> client_connected{0};
+
+    // Module identity
+    char module_model[IDENTITY_SIZE];
+    char module_imei[IDENTITY_SIZE];
+    char sim_imsi[IDENTITY_SIZE];
+    char operator_name[IDENTITY_SIZE];
+    char signal_rssi[10];
+    char smsc_number[20];
+
+    // Link check
+    std::atomic<uint8_t> ping_disabled{1};
+    uint32_t icmp_data_len = 56;
+    int32_t icmp_socket = 0;
+    uint32_t icmp_seq = 0;
+    sockaddr_in icmp_dest;
+    uint32_t icmp_ident = 0;
+    unsigned char icmp_rx_buf[ICMP_BUFFER_SIZE];
+    unsigned char icmp_tx_buf[ICMP_BUFFER_SIZE];
+};
+
+// The single instance, zero-initialised but for the defaults above.
+daemon_state &state();
+
+// Puts every field back to its start value. Only for a process that has no
+// other thread running (tests).
+void daemon_state_reset();

@@ -1,0 +1,124 @@
+#include "core/startup.h"
+
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "core/text.h"
+#include "module/module.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+pthread_attr_t g_thread_attr;
+
+void run_shell(const char *cmd) {
+    int ignored = system(cmd);
+    (void)ignored;
+}
+
+bool has_entry(const char *dir_path, const char *name) {
+    DIR *dir = opendir(dir_path);
+    if (dir == nullptr)
+        return false;
+    bool found = false;
+    while (dirent *e = readdir(dir)) {
+        if (strcmp(e->d_name, name) == 0) {
+            found = true;
+            break;
+        }
+    }
+    closedir(dir);
+    return found;
+}
+} // namespace
+
+void parse_command_line(int argc, char **argv) {
+    daemon_state &s = state();
+    if (argc > 1 && strcmp(argv[1], "debug") == 0)
+        s.debug.store(1, std::memory_order_release);
+    if (argc > 2 && strcmp(argv[2], "atprint") == 0)
+        s.atprint.store(1, std::memory_order_release);
+}
+
+int app_running_in(const char *proc_dir, const char *name) {
+    DIR *proc = opendir(proc_dir);
+    if (proc == nullptr)
+        return -1;
+    bool found = false;
+    while (!found) {
+        dirent *e = readdir(proc);
+        if (e == nullptr)
+            break;
+        if (e->d_type != DT_DIR || strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0)
+            continue;
+        char path[512];
+        snprintf(path, sizeof path, "%s/%s", proc_dir, e->d_name);
+        if (!has_entry(path, "cmdline"))
+            continue;
+        snprintf(path, sizeof path, "%s/%s/cmdline", proc_dir, e->d_name);
+        FILE *f = fopen(path, "r");
+        if (f == nullptr)
+            continue;
+        // Arguments are NUL-separated, so only the program path takes part.
+        char cmdline[50];
+        memset(cmdline, 0, sizeof cmdline);
+        size_t n = fread(cmdline, 1, sizeof cmdline, f);
+        (void)n;
+        cmdline[49] = '\0';
+        fclose(f);
+        if (strstr(cmdline, name) != nullptr)
+            found = true;
+    }
+    closedir(proc);
+    return found ? 0 : -1;
+}
+
+int app_running() { return app_running_in("/proc", state().app_name); }
+
+pthread_attr_t *thread_attributes() { return &g_thread_attr; }
+
+int daemon_main(int argc, char **argv) {
+    daemon_state &s = state();
+    parse_command_line(argc, argv);
+    s.check_tid.store(0, std::memory_order_release);
+
+    run_shell("modprobe rndis_host");
+    run_shell("modprobe cdc_ether");
+    run_shell("modprobe option");
+    puts(BANNER);
+
+    // Without both control lines this is not the board the daemon is made for.
+    int power_line = open(POWER_LINE_PATH, O_RDWR | O_CLOEXEC);
+    if (power_line < 0)
+        return 0;
+    int reset_line = open(RESET_LINE_PATH, O_RDWR | O_CLOEXEC);
+    if (reset_line < 0) {
+        close(power_line);
+        return 0;
+    }
+    control_line_write(reset_line, '0');
+    control_line_write(power_line, '1');
+
+    config_read(CONFIG_PATH);
+    app_cmd_build();
+    snprintf(s.killall_cmd, sizeof s.killall_cmd, "killall %s", s.app_name);
+    if (s.app_name[0] != '\0' && app_running() == 0)
+        run_shell(s.killall_cmd);
+    for (const char *address : s.ping_address) {
+        if (address[0] != '\0')
+            s.ping_disabled.store(0, std::memory_order_release);
+    }
+
+    pthread_attr_init(&g_thread_attr);
+    pthread_attr_setstacksize(&g_thread_attr, THREAD_STACK_SIZE);
+
+    // The interface server, module bring-up and supervision are not part of
+    // this build yet: start-up ends here.
+    close(reset_line);
+    close(power_line);
+    return 0;
+}
