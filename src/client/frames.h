@@ -1,0 +1,75 @@
+// The client protocol's two frames and `client_report`, the one writer of reply
+// and event frames. Shared with the desk tools, so nothing here touches the
+// daemon's threads.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr size_t REQUEST_MAX = 1000;       // one read of the socket is one request
+constexpr int REQUEST_FIELDS_MAX = 6;
+constexpr size_t FIELD_SIZE = 1000;        // a field is 1 .. 999 bytes, stored NUL-terminated
+constexpr size_t REPLY_MAX = 500;
+constexpr size_t REPLY_TEXT_MAX = REPLY_MAX - 8;
+
+// Status values of a reply frame.
+enum : int {
+    STATUS_OK = 0,
+    STATUS_FAIL = 1,
+    STATUS_CALL_STATE = 2,
+    STATUS_PROGRESS = 5,
+    STATUS_BAD_PARAM = 10,
+    STATUS_PASSTHROUGH_OFF = 11,
+    STATUS_BUSY = 12,
+    STATUS_NOT_READY = 13,
+    STATUS_UNKNOWN_CODE = 20,
+};
+
+// Codes of frames the daemon sends unprompted (and the late completions).
+enum : int {
+    EVENT_AT_LINE = 402,
+    EVENT_FOTA_DONE = 561,
+    EVENT_RESTARTED = 901,
+    EVENT_CALL = 1001,
+    EVENT_TTS_DONE = 1011,
+    EVENT_TONE = 1021,
+    EVENT_SMS = 1031,
+    EVENT_SMS_REPORT = 1032,
+    EVENT_MODULE_ERROR = 1201,
+};
+
+struct request_frame {
+    uint16_t code;
+    int field_count;
+    size_t field_len[REQUEST_FIELDS_MAX];
+    char fields[REQUEST_FIELDS_MAX][FIELD_SIZE]; // fields[0] is field 1
+};
+
+// Parses one read of `len` bytes. Returns -1 (no reply is owed) when the bytes
+// do not start with "ZVS" and a code. Fields are taken only from the bytes
+// received: a length that runs past them, or of 1000 or more, ends the list
+// and is not counted.
+int request_parse(const uint8_t *buf, size_t len, request_frame *out);
+
+// Builds a request frame; returns its length, or 0 when it does not fit `cap`
+// or a field is empty or 1000 bytes or longer.
+size_t request_build(uint8_t *out, size_t cap, uint16_t code, const char *const *fields,
+                     const size_t *lens, int count);
+
+// Builds "ZVR", code, status, text (cut to 492 bytes), NUL; returns the length.
+size_t reply_build(uint8_t (&out)[REPLY_MAX], int code, int status, const char *text);
+
+struct reply_frame {
+    uint16_t code;
+    uint16_t status;
+    size_t text_len;
+    char text[REPLY_MAX];
+};
+
+// Takes one reply frame from the start of a received byte stream: returns the
+// bytes it used, 0 when the frame is not complete yet, or -1 when the bytes do
+// not start with "ZVR" or no NUL ends the text within 500 bytes.
+long reply_parse(const uint8_t *buf, size_t len, reply_frame *out);
+
+// Sends one reply or event frame to the connected client, if any, in one send().
+void client_report(int code, int status, const char *text);
