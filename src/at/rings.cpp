@@ -21,6 +21,9 @@ void ring_push(ring_view ring, const char *line) {
     int32_t w = ring.write_index.load(std::memory_order_relaxed);
     if (w < 0 || w >= RING_SLOTS)
         w = 0;
+    // No fullness test, but the slot about to be reused must be ordered after the
+    // reader's last copy out of it: take the reader's progress with acquire.
+    (void)ring.read_index.load(std::memory_order_acquire);
     size_t n = strnlen(line, RING_LINE_SIZE - 1);
     memcpy(ring.slots[w], line, n);
     ring.slots[w][n] = '\0';

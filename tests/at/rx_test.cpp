@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <random>
 #include <thread>
 #include <string>
@@ -193,24 +194,34 @@ TEST_F(ReceiveThreadTest, LineWithoutEndIsDeliveredAfterAboutASecond) {
 TEST_F(ReceiveThreadTest, NoLineIsLostWhileTheRingHasRoom) {
     at_port port;
     port.start_rx();
-    // A consumer keeps up while the module sends a burst, in pieces of any size.
-    std::string burst;
-    for (int i = 0; i < 300; ++i)
-        burst += "+QIND: " + std::to_string(i) + "\r\n";
+    // The module sends in bursts, cut at arbitrary byte positions; a consumer
+    // keeps the ring below 20 unread lines by being at most 16 lines behind.
+    constexpr int total = 320;
     std::vector<std::string> got;
+    std::atomic<int> taken{0};
     std::thread consumer([&] {
-        while (got.size() < 300) {
+        while (taken.load() < total) {
             std::string l = urc_next(3000);
             if (l == "<none>")
                 return;
             got.push_back(l);
+            taken.fetch_add(1);
         }
     });
-    for (size_t i = 0; i < burst.size(); i += 37)
-        port.module_says(burst.substr(i, 37));
+    std::string pending;
+    for (int i = 0; i < total; ++i) {
+        pending += "+QIND: " + std::to_string(i) + "\r\n";
+        if ((i + 1) % 8 != 0)
+            continue;
+        for (size_t k = 0; k < pending.size(); k += 37)
+            port.module_says(pending.substr(k, 37));
+        pending.clear();
+        int sent = i + 1;
+        ASSERT_TRUE(wait_until([&] { return taken.load() >= sent - 8; }, 3000)) << sent;
+    }
     consumer.join();
-    ASSERT_EQ(got.size(), 300u);
-    for (int i = 0; i < 300; ++i)
+    ASSERT_EQ(got.size(), static_cast<size_t>(total));
+    for (int i = 0; i < total; ++i)
         ASSERT_EQ(got[static_cast<size_t>(i)], "+QIND: " + std::to_string(i));
 }
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-std::string format_at(time_t when, const char *fmt, ...) {
+__attribute__((format(printf, 2, 3))) std::string format_at(time_t when, const char *fmt, ...) {
     char *buf = nullptr;
     size_t len = 0;
     FILE *mem = open_memstream(&buf, &len);
