@@ -83,6 +83,7 @@ struct at_member {
     const char *prefix;  // for at_end::prefix
     bool module_errors;  // "+CME ERROR:" / "+CMS ERROR:" fail (and reach urc_ring)
     bool plain_error;    // "ERROR" fails
+    bool send_error_always_reported = false; // "at send error!" even when report is 0
 };
 
 // What a member's parse step makes of its success line.

@@ -76,7 +76,7 @@ int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse
 
     if (at_send(cmd, strlen(cmd)) == -1) {
         s.at_state.store(AT_IDLE, std::memory_order_release);
-        report_if(report, m, STATUS_FAIL, "at send error!");
+        report_if(report || m.send_error_always_reported, m, STATUS_FAIL, "at send error!");
         return -1;
     }
     timeval start;
