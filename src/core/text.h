@@ -11,5 +11,9 @@ template <size_t N> size_t text_set(char (&dst)[N], const char *src) {
     return text_copy(dst, N, src, N - 1);
 }
 
+// snprintf for texts that are meant to be cut when they do not fit.
+// Returns the length the full text would have had.
+int text_format(char *dst, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+
 // True when `prefix` stands at the start of `line`.
 bool has_prefix(const char *line, const char *prefix);

@@ -1,9 +1,45 @@
-// Module hardware: the board's power and reset lines of the module, and (with
-// USB discovery) finding the module and its AT port.
+// Module hardware: recognising the module on the USB bus, the board's power
+// and reset lines of the module, and the bring-up that waits for the module
+// and opens its AT port.
 #pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 
 constexpr const char *POWER_LINE_PATH = "/dev/pcie_pwr";
 constexpr const char *RESET_LINE_PATH = "/dev/pcie_rst";
+constexpr const char *USB_DEVICES_PATH = "/sys/bus/usb/devices";
+
+// Interface and tty names up to the kernel's 15 characters; longer ones are not found.
+constexpr size_t MODULE_NAME_SIZE = 16;
+
+struct module_entry {
+    uint32_t module_type;
+    char vendor_id[4];  // no terminator
+    char product_id[4]; // no terminator
+    uint32_t net_if_num;
+    uint32_t at_if_num;
+    char model_name[12];
+};
+
+constexpr int MODULE_TABLE_SIZE = 3;
+extern const module_entry module_table[MODULE_TABLE_SIZE];
+
+// Where the module is looked for; the daemon uses the real paths.
+struct module_paths {
+    const char *usb_devices = USB_DEVICES_PATH;
+    const char *dev_dir = "/dev";
+};
+
+// Full discovery: the AT port's tty name and the network interface name, both
+// needed for 0. Sets `module_type` and logs what it finds.
+int module_discover(const module_paths &paths, char (&at_port)[MODULE_NAME_SIZE],
+                    char (&net_if)[MODULE_NAME_SIZE]);
+// The AT port alone (the module back after a firmware download). Sets `module_type`.
+int module_find_at_port(const module_paths &paths, char (&at_port)[MODULE_NAME_SIZE]);
+// The `module_type` of the supported module present (the last one wins), or -1.
+int module_probe_type(const module_paths &paths);
 
 // One ASCII digit to a control line; the board gives no answer worth checking.
 void control_line_write(int line, char value);
@@ -11,3 +47,9 @@ void control_line_write(int line, char value);
 // Hold reset, power off, release reset, power on: reset "1"; 1 s; power "0";
 // 5 s; reset "0"; power "1".
 void module_power_cycle(int power_line, int reset_line);
+
+// Waits for a supported module (power-cycling it after every 30 misses), then
+// opens its AT port into `at_fd`. Sets net_if_name, ifdown_cmd, at_port_path.
+// -1 after "Open at port failed!" when the port cannot be opened.
+int module_bring_up(const module_paths &paths, std::atomic<int32_t> *at_fd, int power_line,
+                    int reset_line);
