@@ -84,6 +84,14 @@ struct at_member {
     bool module_errors;  // "+CME ERROR:" / "+CMS ERROR:" fail (and reach urc_ring)
     bool plain_error;    // "ERROR" fails
     bool send_error_always_reported = false; // "at send error!" even when report is 0
+    // A line that also ends the wait through the parse step and is then passed
+    // on to urc_ring, for an event the common thread must see as well (a call
+    // that ends while "ATA" is answered).
+    const char *event_end = nullptr;
+    // Lines that are handed to `info` while the wait goes on (an answer line
+    // that comes before the closing "OK").
+    const char *info_prefix = nullptr;
+    void (*info)(const char *line, void *ctx) = nullptr;
 };
 
 // What a member's parse step makes of its success line.

@@ -30,7 +30,8 @@ void collect(char (&text)[100], size_t &used, const char *line) {
     text[used] = '\0';
 }
 
-int succeed(const at_member &m, const char *line, uint8_t report, at_parse parse, void *ctx) {
+// Parses the ending line and reports the outcome; the caller finishes.
+int settle(const at_member &m, const char *line, uint8_t report, at_parse parse, void *ctx) {
     at_outcome out;
     out.result = 0;
     out.status = STATUS_OK;
@@ -41,8 +42,13 @@ int succeed(const at_member &m, const char *line, uint8_t report, at_parse parse
         parse(line, &out, ctx);
     if (report || out.always_report)
         client_report(m.report_code, out.status, out.has_text ? out.text : nullptr);
-    at_txn_finish();
     return out.result;
+}
+
+int succeed(const at_member &m, const char *line, uint8_t report, at_parse parse, void *ctx) {
+    int result = settle(m, line, report, parse, ctx);
+    at_txn_finish();
+    return result;
 }
 
 int fail(const at_member &m, uint8_t report, const char *text) {
@@ -96,6 +102,14 @@ int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse
                         has_prefix(line, m.prefix)) ||
                        (m.success == at_end::digit_line && is_digit_line(line))) {
                 return succeed(m, line, report, parse, ctx);
+            } else if (m.event_end != nullptr && has_prefix(line, m.event_end)) {
+                int result = settle(m, line, report, parse, ctx);
+                urc_push(line);
+                at_txn_finish();
+                return result;
+            } else if (m.info_prefix != nullptr && has_prefix(line, m.info_prefix)) {
+                if (m.info != nullptr)
+                    m.info(line, ctx);
             } else if (m.module_errors &&
                        (has_prefix(line, "+CME ERROR:") || has_prefix(line, "+CMS ERROR:"))) {
                 report_if(report, m, STATUS_FAIL, nullptr);
