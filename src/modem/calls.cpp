@@ -1,0 +1,42 @@
+#include "modem/member.h"
+#include "modem/modem.h"
+
+#include "core/text.h"
+
+namespace {
+
+// "NO CARRIER" to ATA means the caller hung up first; the common thread must
+// see it too, to tell the client the call ended. An error answer is just
+// another line, and ATA then ends by its time-out.
+constexpr at_member ATA_ROW{CODE_ANSWER_CALL, 1100, at_end::ok, nullptr, false,
+                            false,            false, "NO CARRIER"};
+// ATH has no error rule: an error answer waits the whole 90 s.
+constexpr at_member ATH_ROW{CODE_HANG_UP, 90000, at_end::ok, nullptr, false, false};
+constexpr at_member COLP_ROW = setting_row(CODE_SET_COLP, 15000);
+constexpr at_member CLIP_ROW = setting_row(CODE_SET_CLIP, 15000);
+
+void answered(const char *line, at_outcome *out, void *) {
+    if (!has_prefix(line, "NO CARRIER"))
+        return;
+    state().call_active.store(0, std::memory_order_release);
+    out->status = STATUS_FAIL;
+    outcome_text(out, "NO CARRIER");
+}
+
+void hung_up(const char *, at_outcome *, void *) {
+    state().call_active.store(0, std::memory_order_release);
+}
+
+} // namespace
+
+int answer_call() { return at_transaction(ATA_ROW, "ATA\r\n", 1, answered); }
+
+int hang_up() { return at_transaction(ATH_ROW, "ATH\r\n", 1, hung_up); }
+
+int set_colp(int32_t on, uint8_t report) {
+    return at_transaction(COLP_ROW, on != 0 ? "AT+COLP=1\r\n" : "AT+COLP=0\r\n", report);
+}
+
+int set_clip(int32_t on, uint8_t report) {
+    return at_transaction(CLIP_ROW, on != 0 ? "AT+CLIP=1\r\n" : "AT+CLIP=0\r\n", report);
+}

@@ -1,0 +1,154 @@
+#include "modem/member.h"
+#include "modem/modem.h"
+
+#include "core/log.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr at_member QIDEACT_ROW = data_step_row(CODE_SET_QIDEACT, 40000);
+constexpr at_member QICSGP_ROW = data_step_row(CODE_SET_QICSGP, 5000);
+// Activation waits for the network: up to two and a half minutes.
+constexpr at_member QIACT_ROW = data_step_row(CODE_SET_QIACT, 150000);
+constexpr at_member QNETDEVCTL_ROW = data_step_row(CODE_SET_QNETDEVCTL, 5000);
+constexpr at_member QCRMCALL_ROW = data_step_row(CODE_SET_QCRMCALL, 5000);
+constexpr at_member QNETDEVSTATUS_SET_ROW = setting_row(CODE_SET_QNETDEVSTATUS, 350);
+// A dead port is reported even when the link check asks silently.
+constexpr at_member QNETDEVSTATUS_ROW{
+    CODE_GET_QNETDEVSTATUS, 2000, at_end::prefix, "+QNETDEVSTATUS:", false, true, true};
+
+void report_qnetdevstatus(const char *line, at_outcome *out, void *) {
+    const char *text;
+    out->result = qnetdevstatus_parse(line, &text);
+    outcome_text(out, text);
+}
+
+// One step of a dial procedure; its name is the failure text for the client.
+struct dial_step {
+    const char *name;
+    int (*run)();
+};
+
+int deactivate_context() { return set_qideact(1, 0); }
+
+int configure_context() {
+    daemon_state &s = state();
+    return set_qicsgp(1, 1, s.apn_name, s.apn_user, s.apn_passwd,
+                      static_cast<int32_t>(s.apn_auth.load(std::memory_order_relaxed)), 0);
+}
+
+int activate_context() { return set_qiact(1, 0); }
+int start_network_device() { return set_qnetdevctl(1, 1, 0); }
+int start_data_call() { return set_qcrmcall(1, 1, 0); }
+
+constexpr dial_step EC200_DIAL[] = {
+    {"set_qideact", deactivate_context},
+    {"set_qicsgp", configure_context},
+    {"set_qiact", activate_context},
+    {"set_qnetdevctl", start_network_device},
+};
+
+constexpr dial_step EC20_DIAL[] = {
+    {"set_qideact", deactivate_context},
+    {"set_qicsgp", configure_context},
+    {"set_qiact", activate_context},
+    {"set_qcrmcall", start_data_call},
+};
+
+// Runs the steps in order and stops at the first that fails; the steps stay
+// silent, the procedure names the failed one.
+template <size_t N> int run_dial(const dial_step (&steps)[N], uint8_t report) {
+    for (const dial_step &step : steps) {
+        if (step.run() < 0) {
+            log_printf("%s failed!\n", step.name);
+            if (report)
+                client_report(CODE_DIAL, STATUS_FAIL, step.name);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+int set_qideact(int32_t cid, uint8_t report) {
+    char cmd[32];
+    snprintf(cmd, sizeof cmd, "AT+QIDEACT=%d\r\n", cid);
+    return at_transaction(QIDEACT_ROW, cmd, report);
+}
+
+int set_qicsgp(int32_t cid, int32_t type, const char *apn, const char *user, const char *password,
+               int32_t auth, uint8_t report) {
+    // Three configured texts of up to 50 characters give 176 characters.
+    char cmd[256];
+    if (!format_command(cmd, sizeof cmd, CODE_SET_QICSGP, report,
+                        "AT+QICSGP=%d,%d,\"%s\",\"%s\",\"%s\",%d\r\n", cid, type, apn, user,
+                        password, auth))
+        return -1;
+    return at_transaction(QICSGP_ROW, cmd, report);
+}
+
+int set_qiact(int32_t cid, uint8_t report) {
+    char cmd[32];
+    snprintf(cmd, sizeof cmd, "AT+QIACT=%d\r\n", cid);
+    return at_transaction(QIACT_ROW, cmd, report);
+}
+
+int set_qnetdevctl(int32_t op, int32_t cid, uint8_t report) {
+    char cmd[48];
+    snprintf(cmd, sizeof cmd, "AT+QNETDEVCTL=%d,%d\r\n", op, cid);
+    return at_transaction(QNETDEVCTL_ROW, cmd, report);
+}
+
+int set_qcrmcall(int32_t action, int32_t profile, uint8_t report) {
+    char cmd[48];
+    snprintf(cmd, sizeof cmd, "AT$QCRMCALL=%d,1,1,2,%d\r\n", action, profile);
+    return at_transaction(QCRMCALL_ROW, cmd, report);
+}
+
+int set_qnetdevstatus(int32_t on, uint8_t report) {
+    return at_transaction(QNETDEVSTATUS_SET_ROW,
+                          on != 0 ? "AT+QNETDEVSTATUS=1\r\n" : "AT+QNETDEVSTATUS=0\r\n", report);
+}
+
+int get_qnetdevstatus(uint8_t report) {
+    return at_transaction(QNETDEVSTATUS_ROW, "AT+QNETDEVSTATUS?\r\n", report,
+                          report_qnetdevstatus);
+}
+
+int dial_ec200(uint8_t report) {
+    daemon_state &s = state();
+    log_printf("Begin to dial up...\n");
+    s.dial_in_progress.store(1, std::memory_order_release);
+    // Echo off; a module that keeps echoing still dials, the echo is dropped.
+    set_ate(0, 0);
+    int result = run_dial(EC200_DIAL, report);
+    if (result == 0 && report)
+        client_report(CODE_DIAL, STATUS_OK, nullptr);
+    s.dial_in_progress.store(0, std::memory_order_release);
+    return result;
+}
+
+int dial_ec20(uint8_t report) {
+    daemon_state &s = state();
+    if (s.app_name[0] != '\0') {
+        // The external program owns the connection; whether it came up is for
+        // the link check to find out.
+        int ignored = system(s.app_cmd);
+        (void)ignored;
+        if (report)
+            client_report(CODE_DIAL, STATUS_OK, nullptr);
+        return 0;
+    }
+    s.dial_in_progress.store(1, std::memory_order_release);
+    set_ate(0, 0);
+    // Stop a call that may still be up from before; if there is none, that is fine too.
+    set_qcrmcall(0, 1, 0);
+    int result = run_dial(EC20_DIAL, report);
+    s.dial_in_progress.store(0, std::memory_order_release);
+    if (result == 0 && report)
+        client_report(CODE_DIAL, STATUS_OK, nullptr);
+    return result;
+}

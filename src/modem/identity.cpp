@@ -1,0 +1,123 @@
+#include "modem/member.h"
+#include "modem/modem.h"
+
+#include "core/text.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+// ATI has no error rule: whatever the module says up to "OK", an unsolicited
+// line too, is part of the model text.
+constexpr at_member ATI_ROW{CODE_GET_ATI, 350, at_end::collect_ok, nullptr, false, false};
+// The IMEI query has no error rule either: an error answer ends by time-out.
+constexpr at_member GSN_ROW{CODE_GET_GSN, 350, at_end::digit_line, nullptr, false, false};
+constexpr at_member CIMI_ROW{CODE_GET_CIMI, 350, at_end::digit_line, nullptr, true, true};
+constexpr at_member CSQ_ROW = query_row(CODE_GET_CSQ, 350, "+CSQ:");
+constexpr at_member COPS_ROW = query_row(CODE_GET_COPS, 5000, "+COPS:");
+constexpr at_member CSCA_ROW = query_row(CODE_GET_CSCA, 350, "+CSCA:");
+constexpr at_member CREG_SET_ROW = setting_row(CODE_SET_CREG, 300);
+constexpr at_member CREG_ROW = query_row(CODE_GET_CREG, 5000, "+CREG:");
+
+struct field_ref {
+    char *text;
+    size_t size;
+};
+
+// The whole answer is the value: store it and report it.
+void store_answer(const char *answer, at_outcome *out, void *ctx) {
+    auto *field = static_cast<field_ref *>(ctx);
+    text_copy(field->text, field->size, answer, field->size - 1);
+    outcome_text(out, answer);
+}
+
+int query_into(char *field, size_t size, const at_member &row, const char *cmd, uint8_t report) {
+    field_ref ref{field, size};
+    return at_transaction(row, cmd, report, store_answer, &ref);
+}
+
+void store_csq(const char *line, at_outcome *out, void *) {
+    char value[CSQ_VALUE_SIZE];
+    csq_value(line, value);
+    text_set(state().signal_rssi, value);
+    outcome_text(out, value);
+}
+
+void store_cops(const char *line, at_outcome *out, void *) {
+    char name[IDENTITY_SIZE];
+    bool named = cops_operator(line, name, sizeof name);
+    // An answer without a usable name still says "no operator": forget the old one.
+    text_set(state().operator_name, named ? name : "");
+    if (named)
+        outcome_text(out, name);
+}
+
+void store_csca(const char *line, at_outcome *out, void *) {
+    daemon_state &s = state();
+    char number[sizeof s.smsc_number];
+    if (!csca_number(line, number, sizeof number)) {
+        // SMS sending asks with report 0 and still owes its client the reason.
+        out->result = -1;
+        out->status = STATUS_FAIL;
+        out->always_report = true;
+        outcome_text(out, "Wrong number!");
+        return;
+    }
+    text_set(s.smsc_number, number);
+    outcome_text(out, number);
+}
+
+void report_creg(const char *line, at_outcome *out, void *) {
+    char text[120];
+    if (!creg_location(line, text, sizeof text)) {
+        // Not registered: the query worked, there is just no location to give.
+        out->status = STATUS_FAIL;
+        return;
+    }
+    outcome_text(out, text);
+}
+
+} // namespace
+
+int get_ati(uint8_t report) {
+    daemon_state &s = state();
+    return query_into(s.module_model, sizeof s.module_model, ATI_ROW, "ATI\r\n", report);
+}
+
+int get_gsn(uint8_t report) {
+    daemon_state &s = state();
+    return query_into(s.module_imei, sizeof s.module_imei, GSN_ROW, "AT+GSN\r\n", report);
+}
+
+int get_cimi(uint8_t report) {
+    daemon_state &s = state();
+    return query_into(s.sim_imsi, sizeof s.sim_imsi, CIMI_ROW, "AT+CIMI\r\n", report);
+}
+
+int get_csq(uint8_t report) { return at_transaction(CSQ_ROW, "AT+CSQ\r\n", report, store_csq); }
+
+int get_cops(uint8_t report) {
+    return at_transaction(COPS_ROW, "AT+COPS?\r\n", report, store_cops);
+}
+
+int get_csca(uint8_t report) {
+    // A failed query must not leave an old centre for SMS sending to use.
+    memset(state().smsc_number, 0, sizeof state().smsc_number);
+    return at_transaction(CSCA_ROW, "AT+CSCA?\r\n", report, store_csca);
+}
+
+int set_creg(int32_t n, uint8_t report) {
+    char cmd[32];
+    snprintf(cmd, sizeof cmd, "AT+CREG=%d\r\n", n);
+    return at_transaction(CREG_SET_ROW, cmd, report);
+}
+
+int get_creg() {
+    // Mode 2 makes the answer carry the area code and the cell identity.
+    if (set_creg(2, 0) < 0) {
+        client_report(CODE_GET_CREG, STATUS_FAIL, nullptr);
+        return -1;
+    }
+    return at_transaction(CREG_ROW, "AT+CREG?\r\n", 1, report_creg);
+}

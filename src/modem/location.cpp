@@ -1,0 +1,69 @@
+#include "modem/member.h"
+#include "modem/modem.h"
+
+#include "core/text.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr size_t LBS_TEXT_SIZE = 100;
+
+struct lbs_exchange {
+    bool setting;
+    const char *key;
+    char text[LBS_TEXT_SIZE];
+};
+
+void lbs_answer_line(const char *line, void *ctx) {
+    auto *x = static_cast<lbs_exchange *>(ctx);
+    qlbscfg_answer(line, x->text, sizeof x->text);
+}
+
+void lbs_done(const char *, at_outcome *out, void *ctx) {
+    auto *x = static_cast<lbs_exchange *>(ctx);
+    if (x->setting)
+        snprintf(x->text, sizeof x->text, "set %s", x->key);
+    outcome_text(out, x->text);
+}
+
+// The read answer comes as a line before "OK"; there is no module-error rule,
+// so such an answer ends by time-out.
+constexpr at_member QLBSCFG_ROW{CODE_LBS_CONFIG, 5000,  at_end::ok,     nullptr,
+                                false,           true,  false,          nullptr,
+                                "+QLBSCFG: \"",  lbs_answer_line};
+// Locating can take the module up to two minutes.
+constexpr at_member QLBS_ROW = query_row(CODE_GET_QLBS, 120000, "+QLBS: ");
+
+void report_position(const char *line, at_outcome *out, void *) {
+    char text[LBS_TEXT_SIZE];
+    // An error code is the module's answer, not a failed exchange: result 0.
+    if (!qlbs_answer(line, text, sizeof text))
+        out->status = STATUS_FAIL;
+    outcome_text(out, text);
+}
+
+} // namespace
+
+int lbs_config(int32_t mode, const char *key, const char *value) {
+    const lbs_key *k = lbs_key_find(key);
+    if (k == nullptr) {
+        client_report(CODE_LBS_CONFIG, STATUS_BAD_PARAM, nullptr);
+        return -1;
+    }
+    bool setting = mode == 1;
+    // Room for a key and a value as long as request fields can carry.
+    char cmd[2 * FIELD_SIZE + 32];
+    bool formed = !setting ? format_command(cmd, sizeof cmd, CODE_LBS_CONFIG, 1,
+                                            "AT+QLBSCFG=\"%s\"\r\n", key)
+                  : k->quoted ? format_command(cmd, sizeof cmd, CODE_LBS_CONFIG, 1,
+                                               "AT+QLBSCFG=\"%s\",\"%s\"\r\n", key, value)
+                              : format_command(cmd, sizeof cmd, CODE_LBS_CONFIG, 1,
+                                               "AT+QLBSCFG=\"%s\",%s\r\n", key, value);
+    if (!formed)
+        return -1;
+    lbs_exchange x{setting, key, {}};
+    return at_transaction(QLBSCFG_ROW, cmd, 1, lbs_done, &x);
+}
+
+int get_qlbs() { return at_transaction(QLBS_ROW, "AT+QLBS\r\n", 1, report_position); }
