@@ -19,10 +19,13 @@ int request_parse(const uint8_t *buf, size_t len, request_frame *out) {
         return -1;
     out->code = be16(buf + 3);
     out->field_count = 0;
+    out->oversize_field = false;
     size_t pos = 5;
     while (out->field_count < REQUEST_FIELDS_MAX && pos + 2 <= len) {
         size_t flen = be16(buf + pos);
         pos += 2;
+        if (flen >= FIELD_SIZE)
+            out->oversize_field = true;
         if (flen == 0 || flen >= FIELD_SIZE || flen > len - pos)
             break;
         int i = out->field_count;

@@ -41,6 +41,7 @@ enum : int {
 struct request_frame {
     uint16_t code;
     int field_count;
+    bool oversize_field; // the list ended at a length of 1000 or more
     size_t field_len[REQUEST_FIELDS_MAX];
     char fields[REQUEST_FIELDS_MAX][FIELD_SIZE]; // fields[0] is field 1
 };

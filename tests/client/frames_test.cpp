@@ -68,6 +68,7 @@ TEST(RequestFrameTest, BadLengthsEndTheParseUncounted) {
     std::string big(1000, 'x');
     ASSERT_EQ(parse("ZVS" + bytes({1, 0x91, 0, 1}) + "a" + bytes({0x03, 0xE8}) + big, &f), 0);
     EXPECT_EQ(f.field_count, 1);
+    EXPECT_TRUE(f.oversize_field);
     // 999 bytes is the largest field.
     ASSERT_EQ(parse("ZVS" + bytes({1, 0x91, 0x03, 0xE7}) + std::string(999, 'y'), &f), 0);
     ASSERT_EQ(f.field_count, 1);
@@ -75,6 +76,7 @@ TEST(RequestFrameTest, BadLengthsEndTheParseUncounted) {
     // A length that runs past the bytes received.
     ASSERT_EQ(parse("ZVS" + bytes({1, 0x91, 0, 1}) + "a" + bytes({0, 5}) + "abc", &f), 0);
     EXPECT_EQ(f.field_count, 1);
+    EXPECT_FALSE(f.oversize_field);
     EXPECT_STREQ(f.fields[1], "");
     // A length cut in half by the end of the read.
     ASSERT_EQ(parse("ZVS" + bytes({1, 0x91, 0}), &f), 0);
