@@ -5,9 +5,9 @@
 
 namespace {
 
-// "NO CARRIER" to ATA means the caller hung up first; the common thread must
-// see it too, to tell the client the call ended. An error answer is just
-// another line, and ATA then ends by its time-out.
+// "NO CARRIER" to ATA: the call was gone before it could be answered. The
+// common thread must see the line too, to tell the client the call ended. An
+// error answer is just another line, and ATA then ends by its time-out.
 constexpr at_member ATA_ROW{CODE_ANSWER_CALL, 1100, at_end::ok, nullptr, false,
                             false,            false, "NO CARRIER"};
 // ATH has no error rule: an error answer waits the whole 90 s.
