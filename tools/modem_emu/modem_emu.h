@@ -83,6 +83,8 @@ extern const char MODEM_GARBAGE[];
 
 struct module_session;
 
+// Every call may come from any thread, except start(), stop() and the
+// destructor, which belong to the owner.
 class modem_emulator {
 public:
     explicit modem_emulator(modem_family family = modem_family::ec200t);
@@ -133,6 +135,8 @@ public:
     bool peer_present() const;
 
     std::vector<modem_command> commands() const;
+    // Commands received since the emulator was made (forgetting does not
+    // lower it): the index the next command gets.
     size_t command_count() const;
     void forget_commands();
     // The first command at or after index `from` whose text begins with
