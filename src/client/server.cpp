@@ -1,0 +1,323 @@
+#include "client/client.h"
+
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "core/startup.h"
+#include "core/text.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// The frame a worker runs; rewritten only when the next worker starts, which
+// cannot happen while one runs.
+uint8_t g_request_copy[REQUEST_MAX];
+
+// Lets the server cancel a detached worker only while it still exists.
+pthread_mutex_t g_worker_lock = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<bool> g_worker_alive{false};
+pthread_t g_worker_tid;
+sem_t g_worker_done;
+pthread_once_t g_worker_once = PTHREAD_ONCE_INIT;
+void init_worker_sync() { sem_init(&g_worker_done, 0, 0); }
+
+void reply(uint16_t code, int status, const char *text = nullptr) {
+    client_report(code, status, text);
+}
+
+bool switch_is(const request_frame &f, int field, char value) {
+    return f.field_count > field && f.fields[field][0] == value;
+}
+
+void restart_module() {
+    daemon_state &s = state();
+    if (s.worker_busy.load(std::memory_order_acquire)) {
+        pthread_mutex_lock(&g_worker_lock);
+        bool alive = g_worker_alive.load(std::memory_order_acquire);
+        if (alive)
+            pthread_cancel(g_worker_tid);
+        pthread_mutex_unlock(&g_worker_lock);
+        if (alive) {
+            while (sem_wait(&g_worker_done) != 0 && errno == EINTR) {
+            }
+        }
+        s.worker_busy.store(0, std::memory_order_release);
+    }
+    s.at_passthrough.store(0, std::memory_order_release);
+    s.module_restarting.store(1, std::memory_order_release);
+    s.restart_report_pending.store(1, std::memory_order_release);
+}
+
+void connection_state(uint16_t code) {
+    daemon_state &s = state();
+    if (s.module_restarting.load(std::memory_order_acquire) ||
+        s.module_reset_request.load(std::memory_order_acquire) ||
+        s.fota_done.load(std::memory_order_acquire)) {
+        reply(code, STATUS_NOT_READY);
+        return;
+    }
+    const char *text = s.connected.load(std::memory_order_acquire)   ? "Connected"
+                       : s.auto_dial.load(std::memory_order_acquire) ? "Connecting"
+                                                                     : "Disconnected";
+    reply(code, s.worker_busy.load(std::memory_order_acquire) ? STATUS_BUSY : STATUS_OK, text);
+}
+
+void auto_dial_switch(const request_frame &f) {
+    if (!switch_is(f, 0, '0') && !switch_is(f, 0, '1')) {
+        reply(f.code, STATUS_BAD_PARAM);
+        return;
+    }
+    state().auto_dial.store(f.fields[0][0] == '1' ? 1 : 0, std::memory_order_release);
+    reply(f.code, STATUS_OK);
+}
+
+// Text settings behind numbered slots, read ("0") or written ("1") by 521 and 523.
+struct text_slot {
+    char *field;
+};
+
+// 521 and 523: field 1 read/write, field 2 the slot, field 3 the value.
+void slot_setting(const request_frame &f, const text_slot *slots, int slot_count,
+                  bool is_apn) {
+    if (f.field_count < 2 || (!switch_is(f, 0, '0') && !switch_is(f, 0, '1'))) {
+        reply(f.code, STATUS_BAD_PARAM);
+        return;
+    }
+    int slot = f.fields[1][0] - '0';
+    if (slot < 1 || slot > slot_count) {
+        reply(f.code, STATUS_BAD_PARAM);
+        return;
+    }
+    daemon_state &s = state();
+    bool write = f.fields[0][0] == '1';
+    char text[100];
+    if (is_apn && slot == 4) {
+        if (write) {
+            int v = atoi(f.fields[2]);
+            bool valid = f.field_count >= 3 && v >= 0 && v <= 3;
+            if (valid)
+                s.apn_auth.store(static_cast<uint32_t>(v), std::memory_order_release);
+            app_cmd_build();
+            if (!valid) {
+                reply(f.code, STATUS_OK, "");
+                return;
+            }
+        }
+        text_format(text, sizeof text, "4:%d", static_cast<int>(s.apn_auth.load()));
+        reply(f.code, STATUS_OK, text);
+        return;
+    }
+    char *field = slots[slot - 1].field;
+    if (write) {
+        text_copy(field, TEXT_FIELD_SIZE, f.field_count >= 3 ? f.fields[2] : "", CONFIG_VALUE_MAX);
+        if (is_apn)
+            app_cmd_build();
+    }
+    text_format(text, sizeof text, "%d:%s", slot, field);
+    reply(f.code, STATUS_OK, text);
+}
+
+void apn_setting(const request_frame &f) {
+    daemon_state &s = state();
+    const text_slot slots[] = {{s.apn_name}, {s.apn_user}, {s.apn_passwd}, {nullptr}};
+    slot_setting(f, slots, 4, true);
+}
+
+void ping_setting(const request_frame &f) {
+    daemon_state &s = state();
+    const text_slot slots[] = {{s.ping_address[0]}, {s.ping_address[1]}, {s.ping_address[2]},
+                               {s.ping_address[3]}, {s.ping_address[4]}, {s.ping_address[5]}};
+    slot_setting(f, slots, 6, false);
+}
+
+void check_switch(const request_frame &f) {
+    daemon_state &s = state();
+    if (f.field_count < 1 || (switch_is(f, 0, '1') && f.field_count < 2)) {
+        reply(f.code, STATUS_BAD_PARAM);
+        return;
+    }
+    if (switch_is(f, 0, '1') && (f.fields[1][0] == '0' || f.fields[1][0] == '1'))
+        s.auto_check.store(f.fields[1][0] == '1' ? 1 : 0, std::memory_order_release);
+    reply(f.code, STATUS_OK, s.auto_check.load(std::memory_order_acquire) ? "1" : "0");
+}
+
+void check_period(const request_frame &f) {
+    daemon_state &s = state();
+    if (f.field_count < 1 || (switch_is(f, 0, '1') && f.field_count < 2)) {
+        reply(f.code, STATUS_BAD_PARAM);
+        return;
+    }
+    if (switch_is(f, 0, '1')) {
+        int v = atoi(f.fields[1]);
+        if (v < 1 || v > 30000) {
+            reply(f.code, STATUS_BAD_PARAM, "Value between 1-30000");
+            return;
+        }
+        s.check_timeS.store(static_cast<uint32_t>(v), std::memory_order_release);
+    }
+    char text[16];
+    text_format(text, sizeof text, "%u", s.check_timeS.load(std::memory_order_acquire));
+    reply(f.code, STATUS_OK, text);
+}
+
+void down_script_setting(const request_frame &f) {
+    daemon_state &s = state();
+    if (!switch_is(f, 0, '0') && !switch_is(f, 0, '1')) {
+        reply(f.code, STATUS_BAD_PARAM);
+        return;
+    }
+    if (f.fields[0][0] == '1')
+        text_copy(s.down_script, sizeof s.down_script, f.field_count >= 2 ? f.fields[1] : "",
+                  CONFIG_VALUE_MAX);
+    reply(f.code, STATUS_OK, s.down_script);
+}
+
+struct local_code {
+    uint16_t code;
+    void (*handle)(const request_frame &f);
+};
+
+const local_code LOCAL_CODES[] = {
+    {901, [](const request_frame &) { restart_module(); }},
+    {911, [](const request_frame &f) { reply(f.code, STATUS_OK, BANNER); }},
+    {912, [](const request_frame &f) { connection_state(f.code); }},
+    {501, auto_dial_switch},
+    {521, apn_setting},
+    {522, check_switch},
+    {523, ping_setting},
+    {524, check_period},
+    {525, down_script_setting},
+};
+
+void start_worker(const uint8_t *buf, size_t len, uint16_t code) {
+    daemon_state &s = state();
+    if (s.module_restarting.load(std::memory_order_acquire) ||
+        s.module_reset_request.load(std::memory_order_acquire)) {
+        reply(code, STATUS_NOT_READY);
+        return;
+    }
+    if (s.worker_busy.load(std::memory_order_acquire) ||
+        s.dial_in_progress.load(std::memory_order_acquire)) {
+        reply(code, STATUS_BUSY);
+        return;
+    }
+    pthread_once(&g_worker_once, init_worker_sync);
+    memset(g_request_copy, 0, sizeof g_request_copy);
+    memcpy(g_request_copy, buf, len < sizeof g_request_copy ? len : sizeof g_request_copy);
+    int32_t type = s.module_type.load(std::memory_order_acquire);
+    void *(*worker)(void *) =
+        type == MODULE_EC200T || type == MODULE_EC200S ? request_worker_ec200 : request_worker_ec20;
+
+    // Held for the worker's whole run; the worker gives it back.
+    s.at_mutex.lock();
+    s.worker_busy.store(1, std::memory_order_release);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attr, THREAD_STACK_SIZE);
+    pthread_mutex_lock(&g_worker_lock);
+    while (sem_trywait(&g_worker_done) == 0) {
+    }
+    int rc = pthread_create(&g_worker_tid, &attr, worker, g_request_copy);
+    g_worker_alive.store(rc == 0, std::memory_order_release);
+    pthread_mutex_unlock(&g_worker_lock);
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        s.worker_busy.store(0, std::memory_order_release);
+        s.at_mutex.unlock();
+    }
+}
+
+void close_quietly(int fd) {
+    if (fd >= 0)
+        close(fd);
+}
+
+} // namespace
+
+socklen_t server_address(sockaddr_un *addr) {
+    memset(addr, 0, sizeof *addr);
+    addr->sun_family = AF_UNIX;
+    memcpy(addr->sun_path, SERVER_SOCKET_NAME, strlen(SERVER_SOCKET_NAME) + 1);
+    addr->sun_path[0] = '\0'; // the abstract namespace
+    return static_cast<socklen_t>(sizeof addr->sun_family + strlen(SERVER_SOCKET_NAME));
+}
+
+void worker_finished() {
+    daemon_state &s = state();
+    pthread_mutex_lock(&g_worker_lock);
+    g_worker_alive.store(false, std::memory_order_release);
+    s.worker_busy.store(0, std::memory_order_release);
+    s.at_mutex.unlock();
+    pthread_once(&g_worker_once, init_worker_sync);
+    sem_post(&g_worker_done);
+    pthread_mutex_unlock(&g_worker_lock);
+}
+
+void handle_request(const uint8_t *buf, size_t len) {
+    request_frame f;
+    if (request_parse(buf, len, &f) != 0)
+        return; // not ours: no reply at all
+    for (const local_code &c : LOCAL_CODES) {
+        if (c.code == f.code) {
+            c.handle(f);
+            return;
+        }
+    }
+    start_worker(buf, len, f.code);
+}
+
+void *interface_thread(void *) {
+    daemon_state &s = state();
+    uint8_t buf[REQUEST_MAX];
+    for (;;) {
+        int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (listener < 0) {
+            perror("cannot create communication socket");
+            return nullptr;
+        }
+        int on = 1;
+        setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        sockaddr_un addr;
+        socklen_t addr_len = server_address(&addr);
+        if (bind(listener, reinterpret_cast<sockaddr *>(&addr), addr_len) != 0) {
+            perror("cannot bind server socket");
+            close(listener);
+            return nullptr;
+        }
+        if (listen(listener, 1) != 0) {
+            perror("cannot listen the client connect request");
+            close(listener);
+            return nullptr;
+        }
+        sockaddr_un peer;
+        socklen_t peer_len = sizeof peer;
+        int client = accept4(listener, reinterpret_cast<sockaddr *>(&peer), &peer_len, SOCK_CLOEXEC);
+        if (client < 0) {
+            perror("cannot accept client connect request");
+            close(listener);
+            return nullptr;
+        }
+        // No listening socket while a client is connected: a second one is refused at once.
+        close_quietly(listener);
+        s.client_fd.store(client, std::memory_order_release);
+        s.client_connected.store(1, std::memory_order_release);
+        for (;;) {
+            ssize_t n = read(client, buf, sizeof buf);
+            if (n <= 0)
+                break;
+            handle_request(buf, static_cast<size_t>(n));
+        }
+        // Cleared before the close, so no other thread writes to a reused descriptor.
+        s.client_connected.store(0, std::memory_order_release);
+        s.at_passthrough.store(0, std::memory_order_release);
+        close(client);
+    }
+}

@@ -1,0 +1,187 @@
+#include "client/client.h"
+
+#include "at/at.h"
+#include "core/daemon_state.h"
+#include "core/text.h"
+#include "modem/modem.h"
+
+#include <cstring>
+#include <pthread.h>
+
+namespace {
+
+enum : uint8_t { FAMILY_EC200 = 1, FAMILY_EC20 = 2, FAMILY_BOTH = 3 };
+
+// The digit of field 1: its first character minus '0'.
+int32_t digit(const request_frame &f) { return static_cast<int32_t>(f.fields[0][0] - '0'); }
+
+int dial(uint8_t family) { return family == FAMILY_EC200 ? dial_ec200(1) : dial_ec20(1); }
+
+void passthrough_switch(const request_frame &f) {
+    state().at_passthrough.store(f.fields[0][0] == '0' ? 0 : 1, std::memory_order_release);
+    client_report(f.code, STATUS_OK, nullptr);
+}
+
+void raw_at_line(const request_frame &f) {
+    daemon_state &s = state();
+    if (s.at_passthrough.load(std::memory_order_acquire) != 1) {
+        client_report(f.code, STATUS_PASSTHROUGH_OFF, nullptr);
+        return;
+    }
+    size_t len = strlen(f.fields[1]);
+    if (len > FIELD_SIZE - 3) {
+        client_report(f.code, STATUS_BAD_PARAM, nullptr);
+        return;
+    }
+    char line[FIELD_SIZE];
+    memcpy(line, f.fields[1], len);
+    memcpy(line + len, "\r\n", 3);
+    // The answer comes back line by line as pass-through events.
+    if (at_send(line, len + 2) == -1)
+        client_report(f.code, STATUS_FAIL, "at send error!");
+}
+
+void speak(const request_frame &f) {
+    if (f.fields[0][0] == '0') {
+        play_tts(0, "");
+    } else if (f.field_count < 2) {
+        client_report(f.code, STATUS_BAD_PARAM, nullptr);
+    } else {
+        play_tts(1, f.fields[1]);
+    }
+}
+
+void location_config(const request_frame &f) {
+    if (f.fields[0][0] == '1' && f.field_count < 3)
+        client_report(f.code, STATUS_BAD_PARAM, nullptr);
+    else
+        lbs_config(f.fields[0][0] == '1' ? 1 : 0, f.fields[1], f.fields[2]);
+}
+
+struct worker_code {
+    uint16_t code;
+    uint8_t families;
+    int min_fields; // fewer answer status 10
+    void (*run)(const request_frame &f, uint8_t family);
+};
+
+// What each code runs. Operations send their own replies.
+const worker_code WORKER_CODES[] = {
+    {51, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_ati(1); }},
+    {52, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_gsn(1); }},
+    {101, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_cimi(1); }},
+    {102, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_csq(1); }},
+    {103, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_cops(1); }},
+    {110, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_creg(digit(f), 1); }},
+    {111, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_creg(); }},
+    {190, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qnetdevstatus(digit(f), 1); }},
+    {191, FAMILY_EC20, 0, [](const request_frame &, uint8_t) { get_qnetdevstatus(1); }},
+    {201, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_csca(1); }},
+    {231, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cmgf(digit(f), 1); }},
+    {232, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_csms(digit(f), 1); }},
+    {233, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cnmi(digit(f), 1); }},
+    {234, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_colp(digit(f), 1); }},
+    {235, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qtonedet(digit(f), 1); }},
+    {236, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_clip(digit(f), 1); }},
+    {237, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cscs(f.fields[0], 1); }},
+    {238, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_ate(digit(f), 1); }},
+    {301, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_sms_call_defaults(); }},
+    {302, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { answer_call(); }},
+    {303, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { hang_up(); }},
+    {304, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { voice_dial(f.fields[0]); }},
+    {310, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { speak(f); }},
+    {351, FAMILY_BOTH, 0,
+     [](const request_frame &, uint8_t) {
+         daemon_state &s = state();
+         set_qicsgp(1, 1, s.apn_name, s.apn_user, s.apn_passwd,
+                    static_cast<int32_t>(s.apn_auth.load(std::memory_order_acquire)), 1);
+     }},
+    {352, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qideact(1, 1); }},
+    {353, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qiact(1, 1); }},
+    {360, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_qnetdevctl(digit(f), 1, 1); }},
+    {362, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qcrmcall(digit(f), 1, 1); }},
+    {370, FAMILY_BOTH, 0, [](const request_frame &, uint8_t family) { dial(family); }},
+    {401, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { passthrough_switch(f); }},
+    {402, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { raw_at_line(f); }},
+    {451, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { location_config(f); }},
+    {452, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_qlbs(); }},
+    {551, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_usbifc(digit(f), 1); }},
+};
+
+void cleanup(void *) { worker_finished(); }
+
+void run_request(const uint8_t *raw, uint8_t family) {
+    request_frame f;
+    if (request_parse(raw, REQUEST_MAX, &f) != 0 || f.oversize_field)
+        return; // an oversize field ends the request without a reply
+    if (f.code != 401 && f.code != 402)
+        state().at_passthrough.store(0, std::memory_order_release);
+    for (const worker_code &c : WORKER_CODES) {
+        if (c.code != f.code || (c.families & family) == 0)
+            continue;
+        if (f.field_count < c.min_fields)
+            client_report(f.code, STATUS_BAD_PARAM, nullptr);
+        else
+            c.run(f, family);
+        return;
+    }
+    client_report(f.code, STATUS_UNKNOWN_CODE, nullptr);
+}
+
+void *run_worker(void *request_copy, uint8_t family) {
+    // A worker cancelled by a restart request still gives the AT port back.
+    pthread_cleanup_push(cleanup, nullptr);
+    run_request(static_cast<const uint8_t *>(request_copy), family);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+} // namespace
+
+void *request_worker_ec200(void *request_copy) { return run_worker(request_copy, FAMILY_EC200); }
+
+void *request_worker_ec20(void *request_copy) { return run_worker(request_copy, FAMILY_EC20); }
+
+int set_sms_call_defaults() {
+    struct step {
+        const char *name;
+        int (*run)();
+    };
+    static const step STEPS[] = {
+        {"set_cscs", [] { return set_cscs("GSM", 0); }},
+        {"set_cmgf", [] { return set_cmgf(0, 0); }},
+        {"set_csms", [] { return set_csms(0, 0); }},
+        {"set_cnmi", [] { return set_cnmi(2, 0); }},
+        {"set_colp", [] { return set_colp(1, 0); }},
+        {"set_clip", [] { return set_clip(1, 0); }},
+    };
+    set_ate(0, 0);
+    for (const step &st : STEPS) {
+        if (st.run() < 0) {
+            client_report(301, STATUS_FAIL, st.name);
+            return -1;
+        }
+    }
+    client_report(301, STATUS_OK, nullptr);
+    return 0;
+}
+
+int voice_dial(const char *number) {
+    daemon_state &s = state();
+    char line[50];
+    if (strlen(number) > 43) {
+        client_report(304, STATUS_BAD_PARAM, nullptr);
+        return -1;
+    }
+    s.at_passthrough.store(0, std::memory_order_release);
+    int n = text_format(line, sizeof line, "ATD%s;\r\n", number);
+    s.call_active.store(1, std::memory_order_release);
+    // Not a transaction: the module's answers come as call events.
+    if (at_send(line, static_cast<size_t>(n)) == -1) {
+        s.call_active.store(0, std::memory_order_release);
+        client_report(304, STATUS_FAIL, "at send error!");
+        return -1;
+    }
+    client_report(304, STATUS_OK, nullptr);
+    return 0;
+}

@@ -1,0 +1,205 @@
+#include "core/supervisor.h"
+
+#include "at/at.h"
+#include "client/frames.h"
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/startup.h"
+#include "core/text.h"
+#include "modem/modem.h"
+#include "sms/common.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+void cancel_join(pthread_t &tid) {
+    if (tid == 0)
+        return;
+    pthread_cancel(tid);
+    pthread_join(tid, nullptr);
+    tid = 0;
+}
+
+void stop_external_program() {
+    daemon_state &s = state();
+    if (s.app_name[0] != '\0' && app_running() == 0) {
+        run_shell(s.killall_cmd);
+        sleep_for(1, 0);
+    }
+}
+
+void reset_action(supervisor &sv) {
+    daemon_state &s = state();
+    supervisor_stop_threads(sv);
+    serial_close(s.at_fd.load(std::memory_order_acquire));
+    stop_external_program();
+    run_shell(s.ifdown_cmd);
+    bool power_cycle = s.module_restarting.load(std::memory_order_acquire) ||
+                       s.module_reset_request.load(std::memory_order_acquire);
+    bool after_fota = s.fota_done.load(std::memory_order_acquire) != 0;
+    if (power_cycle)
+        module_power_cycle(sv.power_line, sv.reset_line);
+    // The EC20 family takes longer to come back after installing new firmware.
+    if (s.module_type.load(std::memory_order_acquire) == MODULE_EC20 && after_fota)
+        sleep_for(40, 0);
+    sleep_for(20, 0);
+    rings_reset();
+    s.at_state.store(AT_IDLE, std::memory_order_release);
+    if (module_bring_up(sv.paths, &s.at_fd, sv.power_line, sv.reset_line) == -1)
+        exit(0);
+    sleep_for(2, 0);
+    supervisor_start_threads(sv);
+    if (s.module_restarting.load(std::memory_order_acquire))
+        client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
+    else if (after_fota)
+        client_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
+    s.module_restarting.store(0, std::memory_order_release);
+    s.module_reset_request.store(0, std::memory_order_release);
+    s.fota_done.store(0, std::memory_order_release);
+    s.connected.store(0, std::memory_order_release);
+    s.call_active.store(0, std::memory_order_release);
+    sv.dial_pacer = 0;
+    sv.dial_failures = 0;
+}
+
+void log_sim_state() {
+    daemon_state &s = state();
+    if (get_cimi(0) == 0) {
+        log_printf("Sim imsi: %s\n", s.sim_imsi);
+        if (get_cops(0) == 0)
+            log_printf("COPS: %s\n", s.operator_name);
+        if (get_csq(0) == 0)
+            log_printf("Signal: %s\n", s.signal_rssi);
+    } else {
+        log_printf("Sim status: SIM_ABSENT\n");
+    }
+    sleep_for(1, 0);
+}
+
+// Returns false for the busy retry, which skips the pass's sleep.
+bool dial_action(supervisor &sv) {
+    daemon_state &s = state();
+    if (s.connected.load(std::memory_order_acquire) != 1 && sv.dial_pacer == 0) {
+        // A running worker holds the gate for its whole run, so this also waits for it.
+        s.at_mutex.lock();
+        if (s.worker_busy.load(std::memory_order_acquire)) {
+            s.at_mutex.unlock();
+            sleep_for(0, 10000);
+            return false;
+        }
+        s.dial_in_progress.store(1, std::memory_order_release);
+        s.at_mutex.unlock();
+
+        bool ec200 = s.module_type.load(std::memory_order_acquire) != MODULE_EC20;
+        if (s.debug.load(std::memory_order_acquire))
+            log_sim_state();
+        int result = ec200 ? dial_ec200(0) : dial_ec20(0);
+        s.dial_in_progress.store(0, std::memory_order_release);
+        if (result == 0) {
+            s.connected.store(1, std::memory_order_release);
+            sv.dial_pacer = 0;
+            sv.dial_failures = 0;
+            // With an external program on the EC20 the program gets the address itself.
+            if (ec200 || s.app_name[0] == '\0') {
+                char dhcp[160];
+                text_format(dhcp, sizeof dhcp, DHCP_CMD_FORMAT, s.net_if_name);
+                run_shell(dhcp);
+            }
+        } else if (++sv.dial_failures < DIAL_FAILURES_BEFORE_RESET) {
+            log_printf("Dial failed,retry to dail!\n");
+        } else {
+            sv.dial_failures = 0;
+            s.module_reset_request.store(1, std::memory_order_release);
+            log_printf("Dial failed,reaches maximum times,begin to reset module!\n");
+        }
+    }
+    if (s.connected.load(std::memory_order_acquire) != 1)
+        sv.dial_pacer = sv.dial_pacer < DIAL_PACER_PASSES ? sv.dial_pacer + 1 : 0;
+    return true;
+}
+
+// Runs a tear-down command as supervisor AT work, unless a worker owns the port.
+template <typename F> void as_supervisor_work(F command) {
+    daemon_state &s = state();
+    if (s.worker_busy.load(std::memory_order_acquire) == 1)
+        return;
+    s.worker_busy.store(1, std::memory_order_release);
+    command();
+    s.worker_busy.store(0, std::memory_order_release);
+}
+
+void disconnect_action() {
+    daemon_state &s = state();
+    log_printf("Disconnect 4G network.\n");
+    pthread_t check = s.check_tid.load(std::memory_order_acquire);
+    cancel_join(check);
+    s.check_tid.store(0, std::memory_order_release);
+    run_shell(s.ifdown_cmd);
+    if (s.module_type.load(std::memory_order_acquire) != MODULE_EC20) {
+        as_supervisor_work([] { set_qnetdevctl(0, 1, 0); });
+    } else if (s.app_name[0] != '\0') {
+        run_shell(s.killall_cmd);
+        sleep_for(3, 0);
+    } else {
+        as_supervisor_work([] { set_qcrmcall(0, 1, 0); });
+    }
+    s.connected.store(0, std::memory_order_release);
+    if (s.down_script[0] != '\0')
+        run_shell(s.down_script);
+}
+
+} // namespace
+
+void run_shell(const char *cmd) {
+    int ignored = system(cmd);
+    (void)ignored;
+}
+
+void supervisor_start_threads(supervisor &sv) {
+    if (pthread_create(&sv.rx_tid, thread_attributes(), rx_thread, nullptr) != 0) {
+        puts("Creat receive thread failed!");
+        exit(0);
+    }
+    if (pthread_create(&sv.common_tid, thread_attributes(), common_thread, nullptr) != 0) {
+        puts("Creat commone thread failed!");
+        exit(0);
+    }
+}
+
+void supervisor_stop_threads(supervisor &sv) {
+    cancel_join(sv.common_tid);
+    cancel_join(sv.rx_tid);
+    pthread_t check = state().check_tid.load(std::memory_order_acquire);
+    cancel_join(check);
+    state().check_tid.store(0, std::memory_order_release);
+}
+
+bool supervisor_pass(supervisor &sv) {
+    daemon_state &s = state();
+    if (s.module_restarting.load(std::memory_order_acquire) ||
+        s.module_reset_request.load(std::memory_order_acquire) ||
+        s.fota_done.load(std::memory_order_acquire)) {
+        reset_action(sv);
+    } else if (s.fota_reopen.load(std::memory_order_acquire) ||
+               s.fota_reopen_watch.load(std::memory_order_acquire)) {
+        // The firmware update's re-open actions take this place in the order;
+        // nothing raises their flags yet.
+    } else if (s.auto_dial.load(std::memory_order_acquire)) {
+        return dial_action(sv);
+    } else if (s.connected.load(std::memory_order_acquire)) {
+        disconnect_action();
+    } else {
+        sv.dial_pacer = 0;
+        sv.dial_failures = 0;
+    }
+    return true;
+}
+
+void supervisor_run(supervisor &sv) {
+    for (;;) {
+        if (supervisor_pass(sv))
+            sleep_for(0, 100000);
+    }
+}
