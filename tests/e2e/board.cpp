@@ -44,7 +44,7 @@ std::vector<std::pair<long long, std::string>> records(const std::string &path) 
 // Polls `ready` until it holds or the time is up; the board's records are
 // files, so there is no event to block on.
 template <typename Pred>
-bool wait_until(std::chrono::milliseconds timeout, Pred ready) {
+bool poll_until(std::chrono::milliseconds timeout, Pred ready) {
     auto deadline = clock_type::now() + timeout;
     for (;;) {
         if (ready())
@@ -242,7 +242,7 @@ std::optional<int> sim_board::wait_exit(ms timeout) {
     if (exit_status_ || pid_ <= 0)
         return exit_status_;
     int status = 0;
-    bool done = wait_until(timeout, [&] {
+    bool done = poll_until(timeout, [&] {
         pid_t r = waitpid(pid_, &status, WNOHANG);
         return r == pid_ || (r < 0 && errno == ECHILD);
     });
@@ -263,17 +263,21 @@ void sim_board::stop() {
 }
 
 bool sim_board::wait_for_stdout(const std::string &text, ms timeout) const {
-    return wait_until(timeout, [&] { return stdout_text().find(text) != std::string::npos; });
+    return poll_until(timeout, [&] { return stdout_text().find(text) != std::string::npos; });
 }
 
 bool sim_board::wait_for_event(const std::string &prefix, ms timeout) const {
-    return wait_until(timeout, [&] {
+    return poll_until(timeout, [&] {
         for (const board_event &e : events()) {
             if (e.text.rfind(prefix, 0) == 0)
                 return true;
         }
         return false;
     });
+}
+
+bool sim_board::wait_until(const std::function<bool()> &ready, ms timeout) {
+    return poll_until(timeout, ready);
 }
 
 std::string sim_board::stdout_text() const { return slurp(path("stdout")); }
@@ -318,7 +322,7 @@ std::vector<board_event> sim_board::events() const {
 
 std::string sim_board::control(const std::string &command, ms timeout) {
     int fd = -1;
-    wait_until(timeout, [&] { return (fd = connect_unix(path("control.sock"))) >= 0; });
+    poll_until(timeout, [&] { return (fd = connect_unix(path("control.sock"))) >= 0; });
     if (fd < 0)
         return "error no control socket";
     std::string reply;
@@ -342,6 +346,6 @@ std::string sim_board::control(const std::string &command, ms timeout) {
 
 modem_port sim_board::connect_modem(ms timeout) {
     int fd = -1;
-    wait_until(timeout, [&] { return (fd = connect_unix(path("modem.sock"))) >= 0; });
+    poll_until(timeout, [&] { return (fd = connect_unix(path("modem.sock"))) >= 0; });
     return modem_port(fd);
 }

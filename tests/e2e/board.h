@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -96,6 +97,9 @@ public:
     // if it is still running after `timeout`.
     std::optional<int> wait_exit(ms timeout);
     bool wait_for_event(const std::string &prefix, ms timeout) const;
+    // Polls `ready` (over the records, say) until it holds or the time is up.
+    static bool wait_until(const std::function<bool()> &ready, ms timeout);
+    bool running() { return pid_ > 0 && !wait_exit(ms(0)); }
 
     std::string stdout_text() const;
     std::string stderr_text() const;

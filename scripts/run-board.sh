@@ -1,0 +1,109 @@
+#!/usr/bin/env bash
+# Builds the daemon and the simulated board, then runs the daemon with "debug"
+# on a board carrying an EC200T and a sample configuration. Shows the daemon's
+# output as it comes, then what the board recorded. Needs root (the board uses
+# namespaces and mounts); installs missing build tools with apt-get.
+#
+#   scripts/run-board.sh [--seconds N] [--family ec20|ec200t|ec200s|none] [--keep]
+#
+# The board is stopped after N seconds (default 15) if the daemon has not ended
+# by itself by then.
+set -euo pipefail
+
+seconds=15
+family=ec200t
+keep=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --seconds) seconds="${2:?--seconds needs a number}"; shift 2 ;;
+    --family) family="${2:?--family needs a name}"; shift 2 ;;
+    --keep) keep=1; shift ;;
+    -h|--help) sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "run-board.sh: unknown argument '$1'" >&2; exit 2 ;;
+  esac
+done
+case "$seconds" in ''|*[!0-9]*) echo "run-board.sh: --seconds needs a whole number" >&2; exit 2 ;; esac
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "run-board.sh: the simulated board needs root" >&2
+  exit 1
+fi
+
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="$root/build-run"
+
+# Build tools, only what is missing.
+missing=()
+command -v cmake >/dev/null || missing+=(cmake)
+command -v g++ >/dev/null || missing+=(g++)
+if ! command -v ninja >/dev/null && ! command -v make >/dev/null; then missing+=(ninja-build); fi
+[ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "== installing ${missing[*]}"
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
+fi
+
+generator=()
+command -v ninja >/dev/null && generator=(-G Ninja)
+if [ ! -f "$build/CMakeCache.txt" ]; then
+  cmake -S "$root" -B "$build" "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+fi
+echo "== building in $build"
+cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd -j 2 >/dev/null
+
+work="$(mktemp -d /tmp/zolvin_board.XXXXXX)"
+board_pid=""
+tail_pid=""
+cleanup() {
+  [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && wait "$board_pid" 2>/dev/null
+  [ -n "$tail_pid" ] && kill "$tail_pid" 2>/dev/null
+  if [ "$keep" -eq 1 ]; then echo "== records kept in $work"; else rm -rf "$work"; fi
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+cat >"$work/zolvin_4g.conf" <<'CONF'
+# Sample configuration for the simulated board
+apn_name=cmnet
+apn_auth=1
+auto_dial=1
+auto_check=0
+check_timeS=600
+CONF
+
+echo "== board: $family, configuration:"
+sed 's/^/   /' "$work/zolvin_4g.conf"
+echo "== daemon output"
+"$build/tools/simboard/zolvin_simboard" --work "$work" --family "$family" \
+  --conf "$work/zolvin_4g.conf" -- "$build/zolvin_4g" debug &
+board_pid=$!
+tail -n +1 -F "$work/stdout" 2>/dev/null &
+tail_pid=$!
+
+deadline=$(( $(date +%s) + seconds ))
+while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
+  sleep 0.2
+done
+if kill -0 "$board_pid" 2>/dev/null; then
+  echo "== stopping the board after $seconds s"
+  kill -TERM "$board_pid"
+fi
+status=0
+wait "$board_pid" || status=$?
+board_pid=""
+# Let tail show the last of the output before it goes.
+sleep 0.3
+kill "$tail_pid" 2>/dev/null || true
+wait "$tail_pid" 2>/dev/null || true
+tail_pid=""
+
+show() {
+  echo "== $1"
+  if [ -s "$work/$2" ]; then sed 's/^/   /' "$work/$2"; else echo "   (none)"; fi
+}
+show "daemon's standard error" stderr
+show "control lines (ms line value)" lines.log
+show "commands run (ms argv)" calls.log
+show "board events (ms event)" board.log
+echo "== board exit status: $status"
