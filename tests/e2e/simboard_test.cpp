@@ -265,37 +265,50 @@ int host_processes_with(const std::string &start) {
     return found;
 }
 
-std::string host_mounts() {
+// The host's mounts on the points the board mounts on (other work on the
+// machine may mount elsewhere meanwhile).
+std::vector<std::string> host_board_mounts() {
+    std::vector<std::string> out;
     std::ifstream in("/proc/self/mountinfo");
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        std::string id, parent, dev, root, point;
+        fields >> id >> parent >> dev >> root >> point;
+        for (const char *board_point : {"/sys/bus", "/sys/devices/platform", "/dev", "/dev/pts", "/etc", "/run", "/proc"}) {
+            if (point == board_point)
+                out.push_back(line);
+        }
+    }
+    return out;
 }
 
 TEST(SimBoardTest, StoppingTheBoardLeavesNothingOnTheHost) {
     SKIP_WITHOUT_BOARD();
-    const std::string before = host_mounts();
+    const std::vector<std::string> before = host_board_mounts();
     for (int sig : {SIGTERM, SIGKILL}) {
         const std::string marker = "/opt/zolvin-left-behind-" + std::to_string(getpid()) + "-" + std::to_string(sig);
         board_config config;
         config.spawn = {{marker}};
         sim_board board(config);
-        ASSERT_TRUE(board.start({"/bin/sh", "-c", "echo up; exec sleep 3599"}));
+        // Unique, as other boards may run on the machine meanwhile.
+        const std::string sleeper = "3599." + std::to_string(getpid()) + std::to_string(sig);
+        ASSERT_TRUE(board.start({"/bin/sh", "-c", "echo up; exec sleep " + sleeper}));
         ASSERT_TRUE(board.wait_for_stdout("up\n", WAIT));
         EXPECT_EQ(host_processes_with(marker), 1);
-        EXPECT_EQ(host_mounts(), before); // the board's mounts never show on the host
+        EXPECT_EQ(host_board_mounts(), before); // the board's mounts never show on the host
         kill(board.pid(), sig);
         EXPECT_EQ(board.wait_exit(WAIT), 128 + sig);
         // SIGKILL leaves the board no time: the namespace goes with its process 1.
         for (int i = 0; i < 1000 && host_processes_with(marker) > 0; ++i)
             usleep(5000);
         EXPECT_EQ(host_processes_with(marker), 0) << sig;
-        EXPECT_EQ(host_processes_with(std::string("sleep\0" "3599", 10)), 0);
+        EXPECT_EQ(host_processes_with(std::string("sleep\0", 6) + sleeper), 0);
         if (sig == SIGTERM) {
             EXPECT_EQ(board.exit_file(), "143\n");
         }
     }
-    EXPECT_EQ(host_mounts(), before);
+    EXPECT_EQ(host_board_mounts(), before);
 }
 
 } // namespace

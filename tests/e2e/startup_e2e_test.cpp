@@ -7,7 +7,6 @@
 
 #include <functional>
 #include <optional>
-#include <regex>
 #include <sstream>
 
 namespace {
@@ -35,13 +34,28 @@ std::vector<std::string> stdout_lines(const sim_board &board) {
 
 // How the one idle process of the board ended: "ended signal 15", "alive", ...
 std::string spawn_fate(const sim_board &board) {
-    std::smatch m;
-    const std::regex fate("spawn (ended|alive) \\d+(.*)");
     for (const board_event &e : board.events()) {
-        if (std::regex_match(e.text, m, fate))
-            return m[1].str() + m[2].str();
+        std::istringstream words(e.text);
+        std::string spawn, fate, pid, rest;
+        words >> spawn >> fate >> pid;
+        std::getline(words, rest);
+        if (spawn == "spawn" && (fate == "ended" || fate == "alive"))
+            return fate + rest;
     }
     return "";
+}
+
+// "[YYYY-MM-DD hh:mm:ss] " followed by `message`.
+bool stamped(const std::string &line, const std::string &message) {
+    const std::string shape = "[dddd-dd-dd dd:dd:dd] ";
+    if (line.size() != shape.size() + message.size() || line.compare(shape.size(), std::string::npos, message) != 0)
+        return false;
+    for (size_t i = 0; i < shape.size(); ++i) {
+        bool digit = line[i] >= '0' && line[i] <= '9';
+        if (shape[i] == 'd' ? !digit : line[i] != shape[i])
+            return false;
+    }
+    return true;
 }
 
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
@@ -119,23 +133,23 @@ TEST(DaemonStartUpTest, WithoutEitherControlLineEndsSilentlyAfterTheBanner) {
 TEST(DaemonStartUpTest, ConfigurationIsLoggedWithTimeStampsOnlyWhenDebugging) {
     SKIP_WITHOUT_BOARD();
     const std::string body = "apn_name=cmnet\n# apn_user=nobody\napn_auth=7\nauto_dial=yes\nbad line\n";
-    const std::string stamp = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] )";
+    const std::string stamp = "@"; // the line is time-stamped
     struct {
         std::string conf;
         std::vector<std::string> args;
-        std::vector<std::string> expected; // regular expressions, one per line
+        std::vector<std::string> expected; // one per line
     } cases[] = {
         {"debug=1\n" + body,
          {},
-         {"ZOLVIN 4G SERVER V1\\.23", stamp + "Set debug log out!", stamp + "apn_name=cmnet",
+         {"ZOLVIN 4G SERVER V1.23", stamp + "Set debug log out!", stamp + "apn_name=cmnet",
           stamp + "wrong apn_auth value,set default value 1", stamp + "auto_dial=yes",
           "Line 6: invalid line 'bad line'"}},
         {body, {"debug"},
-         {"ZOLVIN 4G SERVER V1\\.23", stamp + "apn_name=cmnet", stamp + "wrong apn_auth value,set default value 1",
+         {"ZOLVIN 4G SERVER V1.23", stamp + "apn_name=cmnet", stamp + "wrong apn_auth value,set default value 1",
           stamp + "auto_dial=yes", "Line 5: invalid line 'bad line'"}},
-        {body, {}, {"ZOLVIN 4G SERVER V1\\.23", "Line 5: invalid line 'bad line'"}},
+        {body, {}, {"ZOLVIN 4G SERVER V1.23", "Line 5: invalid line 'bad line'"}},
         // "debug" only counts as the first word.
-        {body, {"atprint", "debug"}, {"ZOLVIN 4G SERVER V1\\.23", "Line 5: invalid line 'bad line'"}},
+        {body, {"atprint", "debug"}, {"ZOLVIN 4G SERVER V1.23", "Line 5: invalid line 'bad line'"}},
     };
     for (auto &c : cases) {
         board_config config;
@@ -145,8 +159,13 @@ TEST(DaemonStartUpTest, ConfigurationIsLoggedWithTimeStampsOnlyWhenDebugging) {
         std::vector<std::string> lines = stdout_lines(board);
         ASSERT_GE(lines.size(), c.expected.size()) << board.stdout_text();
         lines.resize(c.expected.size());
-        for (size_t i = 0; i < lines.size(); ++i)
-            EXPECT_TRUE(std::regex_match(lines[i], std::regex(c.expected[i]))) << lines[i];
+        for (size_t i = 0; i < lines.size(); ++i) {
+            const std::string &want = c.expected[i];
+            if (want[0] == '@')
+                EXPECT_TRUE(stamped(lines[i], want.substr(1))) << lines[i];
+            else
+                EXPECT_EQ(lines[i], want);
+        }
     }
 }
 
