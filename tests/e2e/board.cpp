@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -158,6 +159,9 @@ sim_board::sim_board(board_config config) : config_(std::move(config)) {
 
 sim_board::~sim_board() {
     stop();
+    // A board that could not be built says why only in its own log.
+    if (exit_status_ == 125)
+        fprintf(stderr, "zolvin_simboard failed:\n%s", slurp(path("simboard.log")).c_str());
     if (!dir_.empty() && getenv("ZOLVIN_E2E_KEEP") == nullptr) {
         std::string cmd = "rm -rf '" + dir_ + "'";
         int ignored = system(cmd.c_str());
@@ -209,7 +213,11 @@ bool sim_board::start_daemon(const std::vector<std::string> &args) {
 }
 
 bool sim_board::start(const std::vector<std::string> &command) {
-    if (dir_.empty() || pid_ > 0 || std::string(ZOLVIN_SIMBOARD_BIN).empty())
+    if (std::string(ZOLVIN_SIMBOARD_BIN).empty()) {
+        fprintf(stderr, "zolvin_simboard is not part of this build\n");
+        return false;
+    }
+    if (dir_.empty() || pid_ > 0)
         return false;
     std::vector<std::string> args = board_arguments();
     args.insert(args.end(), command.begin(), command.end());
