@@ -1,5 +1,7 @@
 #include "e2e/board.h"
 
+#include "client/client.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -8,6 +10,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
+#include <sched.h>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -195,6 +198,8 @@ std::vector<std::string> sim_board::board_arguments() const {
     } else {
         a.emplace_back("--no-conf");
     }
+    if (config_.relay_modem)
+        a.insert(a.end(), {"--modem", "relay"});
     if (config_.power_replug_ms >= 0)
         a.insert(a.end(), {"--power-replug", std::to_string(config_.power_replug_ms)});
     for (const std::vector<std::string> &words : config_.spawn) {
@@ -356,4 +361,46 @@ modem_port sim_board::connect_modem(ms timeout) {
     int fd = -1;
     poll_until(timeout, [&] { return (fd = connect_unix(path("modem.sock"))) >= 0; });
     return modem_port(fd);
+}
+
+bool sim_board::modem(modem_control *control, ms timeout) {
+    return poll_until(timeout, [&] {
+        return control->connect(path("modem.ctl"), 200);
+    });
+}
+
+std::vector<modem_command> sim_board::at_commands() {
+    modem_control control;
+    if (!modem(&control))
+        return {};
+    return control.commands().value_or(std::vector<modem_command>{});
+}
+
+int sim_board::connect_client(ms timeout) {
+    int fd = -1;
+    std::string ns = "/proc/" + std::to_string(pid_) + "/ns/net";
+    int ns_fd = open(ns.c_str(), O_RDONLY | O_CLOEXEC);
+    if (ns_fd < 0)
+        return -1;
+    // The namespace is entered by a thread of its own: sockets keep the
+    // namespace they were made in, the test's threads keep theirs.
+    std::thread([&] {
+        if (setns(ns_fd, CLONE_NEWNET) != 0)
+            return;
+        sockaddr_un addr;
+        socklen_t len = server_address(&addr);
+        poll_until(timeout, [&] {
+            int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (s < 0)
+                return false;
+            if (::connect(s, reinterpret_cast<sockaddr *>(&addr), len) == 0) {
+                fd = s;
+                return true;
+            }
+            close(s);
+            return false;
+        });
+    }).join();
+    close(ns_fd);
+    return fd;
 }

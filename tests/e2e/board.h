@@ -7,6 +7,8 @@
 // port's other end, and unplug and re-plug the module.
 #pragma once
 
+#include "modem_emu/modem_emu.h"
+
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -24,6 +26,7 @@ struct board_config {
     bool reset_line = true;
     std::optional<std::string> conf; // content of /etc/zolvin_4g.conf; none: no file
     int power_replug_ms = -1;        // >= 0: power "0" unplugs, power "1" re-plugs after this
+    bool relay_modem = false;        // play the module through connect_modem(), not the emulator
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
 };
 
@@ -116,6 +119,14 @@ public:
     bool unplug() { return control("unplug").rfind("ok", 0) == 0; }
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
     modem_port connect_modem(ms timeout = ms(5000));
+    // The modem emulator's control (boards without relay_modem); false when it
+    // could not be reached in time.
+    bool modem(modem_control *control, ms timeout = ms(5000));
+    // Every AT command the emulator received so far, in order.
+    std::vector<modem_command> at_commands();
+    // A client socket connected to the daemon's "@phone_server" in the board's
+    // network namespace, or -1 when none could connect in time.
+    int connect_client(ms timeout = ms(5000));
 
     // SIGTERM, then SIGKILL if the board has not gone after a while.
     void stop();

@@ -130,7 +130,9 @@ TEST(SimBoardTest, ControlLineWritesAreRecordedInTheWritersOrder) {
 
 TEST(SimBoardTest, AtPortRelaysRawBytesBothWaysAndKeepsWhatCameEarly) {
     SKIP_WITHOUT_BOARD();
-    sim_board board;
+    board_config relay;
+    relay.relay_modem = true;
+    sim_board board(relay);
     ASSERT_TRUE(board.start({"/bin/sh", "-c",
                              "printf 'AT+CSQ\\r\\n' >/dev/ttyUSB1; echo sent; head -c 13 </dev/ttyUSB1"}));
     // The command writes before anyone plays the module; nothing may be lost.
@@ -146,7 +148,9 @@ TEST(SimBoardTest, AtPortRelaysRawBytesBothWaysAndKeepsWhatCameEarly) {
 
 TEST(SimBoardTest, UnplugRemovesTheModuleAndHangsUpItsPort) {
     SKIP_WITHOUT_BOARD();
-    sim_board board(board_for("ec20"));
+    board_config relay = board_for("ec20");
+    relay.relay_modem = true;
+    sim_board board(relay);
     // Holds the port open across the unplug, then waits for the module to return.
     ASSERT_TRUE(board.start({"/bin/sh", "-c", R"(
 exec 3<>/dev/ttyUSB2

@@ -149,6 +149,10 @@ bool modem_emulator::start(int fd) {
 
 void modem_emulator::stop() {
     stop_control();
+    stop_port();
+}
+
+void modem_emulator::stop_port() {
     if (!running_)
         return;
     {

@@ -100,6 +100,9 @@ public:
     // upload being received counts as aborted); overrides, switches, the
     // module's settings and the command record stay.
     void stop();
+    // Lets go of the port only (it is about to be closed); the control socket,
+    // overrides and the command record stay.
+    void stop_port();
     bool running() const;
 
     modem_family family() const;

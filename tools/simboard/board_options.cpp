@@ -32,7 +32,7 @@ bool valid_name(const std::string &name) {
 const char *const BOARD_USAGE =
     "usage: zolvin_simboard --work DIR [--family ec20|ec200t|ec200s|none] [--tty NAME]\n"
     "         [--ifname NAME] [--usb-upper] [--no-net-dir] [--conf FILE | --no-conf]\n"
-    "         [--no-power-line] [--no-reset-line] [--power-replug MS]\n"
+    "         [--no-power-line] [--no-reset-line] [--modem emu|relay] [--power-replug MS]\n"
     "         [--spawn ARGV0 [ARGS...] --]... -- COMMAND [ARGS...]\n";
 
 const family_layout *find_family(const std::string &name) {
@@ -100,6 +100,15 @@ bool parse_board_options(int argc, char **argv, board_options *out, std::string 
             o.power_line = false;
         } else if (a == "--no-reset-line") {
             o.reset_line = false;
+        } else if (a == "--modem") {
+            const char *v = value("--modem");
+            if (v == nullptr)
+                return false;
+            if (strcmp(v, "emu") != 0 && strcmp(v, "relay") != 0) {
+                *error = "--modem takes emu or relay";
+                return false;
+            }
+            o.relay_modem = strcmp(v, "relay") == 0;
         } else if (a == "--power-replug") {
             const char *v = value("--power-replug");
             if (v == nullptr)

@@ -34,6 +34,7 @@ struct board_options {
     bool power_line = true;
     bool reset_line = true;
     std::string conf_path; // empty: no configuration file on the board
+    bool relay_modem = false; // the AT port relayed to a socket instead of the emulator
     int power_replug_ms = -1; // >= 0: power "0" unplugs, power "1" plugs back after this delay
     std::vector<std::vector<std::string>> spawns;
     std::vector<std::string> command;

@@ -1,6 +1,7 @@
 #include "modem_side.h"
 
 #include "board_util.h"
+#include "modem_emu/modem_emu.h"
 
 #include <cerrno>
 #include <condition_variable>
@@ -244,7 +245,39 @@ void socket_relay::run() {
     }
 }
 
+class emulator_side : public modem_side {
+public:
+    emulator_side(modem_family family, std::string control_path, std::string log_path)
+        : emulator_(family), control_path_(std::move(control_path)), log_path_(std::move(log_path)) {}
+    ~emulator_side() override { stop(); }
+
+    bool start() override {
+        return emulator_.set_log_file(log_path_) && emulator_.serve_control(control_path_);
+    }
+    void attach(int master_fd) override {
+        // A module that comes back on the bus has rebooted.
+        emulator_.reboot();
+        emulator_.start(master_fd);
+    }
+    void detach() override { emulator_.stop_port(); }
+    void stop() override { emulator_.stop(); }
+    void power_on() override { emulator_.reboot(); }
+
+private:
+    modem_emulator emulator_;
+    std::string control_path_;
+    std::string log_path_;
+};
+
 } // namespace
+
+std::unique_ptr<modem_side> make_emulator_modem_side(const std::string &family,
+                                                     const std::string &control_path,
+                                                     const std::string &log_path) {
+    modem_family f = modem_family::ec200t;
+    modem_family_parse(family, &f);
+    return std::make_unique<emulator_side>(f, control_path, log_path);
+}
 
 std::unique_ptr<modem_side> make_socket_modem_side(const std::string &socket_path) {
     return std::make_unique<socket_relay>(socket_path);

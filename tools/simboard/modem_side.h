@@ -15,9 +15,18 @@ public:
     virtual void attach(int master_fd) = 0;
     virtual void detach() = 0;
     virtual void stop() = 0;
+    // The power line switched the module on: it starts afresh.
+    virtual void power_on() {}
 };
 
 // Relays the master to one connection on the Unix stream socket `socket_path`,
 // bytes both ways, so that a test can answer as the module. What the port sends
 // while nobody is connected is kept (up to a bound) for the next connection.
 std::unique_ptr<modem_side> make_socket_modem_side(const std::string &socket_path);
+
+// Plays the module with the modem emulator of `family` ("ec20", "ec200t",
+// "ec200s"); a test drives it through its control socket `control_path`, and
+// every command it receives is logged to `log_path`.
+std::unique_ptr<modem_side> make_emulator_modem_side(const std::string &family,
+                                                     const std::string &control_path,
+                                                     const std::string &log_path);

@@ -326,10 +326,13 @@ bool board::launch(const std::string &fakecmd, std::string *error) {
     if (!error->empty())
         return false;
 
-    modem_ = make_socket_modem_side(files_.path("modem.sock"));
+    modem_ = options_.relay_modem
+                 ? make_socket_modem_side(files_.path("modem.sock"))
+                 : make_emulator_modem_side(options_.family, files_.path("modem.ctl"),
+                                            files_.path("at.log"));
     usb_ = std::make_unique<usb_board>(options_, *modem_, files_.path("board.log"));
     if (!modem_->start())
-        return set_error(error, "modem socket " + files_.path("modem.sock"));
+        return set_error(error, "modem side in " + files_.dir);
     control_listen_ = listen_unix(files_.path("control.sock"));
     if (control_listen_ < 0)
         return set_error(error, "control socket " + files_.path("control.sock"));
@@ -371,6 +374,8 @@ void board::on_line(const char *line, char value) {
     else
         snprintf(shown, sizeof shown, "\\x%02x", static_cast<unsigned char>(value));
     append_record(files_.path("lines.log"), std::string(line) + " " + shown);
+    if (strcmp(line, "pwr") == 0 && value == '1')
+        modem_->power_on();
     if (options_.power_replug_ms < 0 || strcmp(line, "pwr") != 0 || !usb_->has_module())
         return;
     std::string ignored;
