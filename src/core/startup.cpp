@@ -1,7 +1,11 @@
 #include "core/startup.h"
 
+#include "client/client.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/supervisor.h"
+#include "modem/modem.h"
 #include "core/text.h"
 #include "module/module.h"
 
@@ -14,11 +18,6 @@
 
 namespace {
 pthread_attr_t g_thread_attr;
-
-void run_shell(const char *cmd) {
-    int ignored = system(cmd);
-    (void)ignored;
-}
 
 bool has_entry(const char *dir_path, const char *name) {
     DIR *dir = opendir(dir_path);
@@ -116,9 +115,32 @@ int daemon_main(int argc, char **argv) {
     pthread_attr_init(&g_thread_attr);
     pthread_attr_setstacksize(&g_thread_attr, THREAD_STACK_SIZE);
 
-    // The interface server, module bring-up and supervision are not part of
-    // this build yet: start-up ends here.
-    close(reset_line);
-    close(power_line);
-    return 0;
+    pthread_t interface_tid;
+    if (pthread_create(&interface_tid, &g_thread_attr, interface_thread, nullptr) != 0) {
+        puts("Creat interface thread failed!");
+        daemon_exit(0);
+    }
+
+    supervisor sv;
+    sv.power_line = power_line;
+    sv.reset_line = reset_line;
+    // The module may take its time to appear: this waits, power-cycling it now and then.
+    if (module_bring_up(sv.paths, &s.at_fd, power_line, reset_line) == -1)
+        daemon_exit(0);
+    sleep_for(2, 0);
+    if (s.auto_dial.load(std::memory_order_acquire) != 1)
+        run_shell(s.ifdown_cmd);
+    supervisor_start_threads(sv);
+    s.module_restarting.store(0, std::memory_order_release);
+    if (s.restart_report_pending.load(std::memory_order_acquire))
+        client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
+    if (s.debug.load(std::memory_order_acquire) && s.worker_busy.load(std::memory_order_acquire) != 1) {
+        s.worker_busy.store(1, std::memory_order_release);
+        if (get_ati(0) == 0)
+            log_printf("Module: %s\n", s.module_model);
+        if (get_gsn(0) == 0)
+            log_printf("Module imei: %s\n", s.module_imei);
+        s.worker_busy.store(0, std::memory_order_release);
+    }
+    supervisor_run(sv);
 }

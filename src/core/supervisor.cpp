@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <unistd.h>
 
 namespace {
 
@@ -48,7 +49,7 @@ void reset_action(supervisor &sv) {
     rings_reset();
     s.at_state.store(AT_IDLE, std::memory_order_release);
     if (module_bring_up(sv.paths, &s.at_fd, sv.power_line, sv.reset_line) == -1)
-        exit(0);
+        daemon_exit(0);
     sleep_for(2, 0);
     supervisor_start_threads(sv);
     if (s.module_restarting.load(std::memory_order_acquire))
@@ -152,6 +153,12 @@ void disconnect_action() {
 
 } // namespace
 
+void daemon_exit(int status) {
+    fflush(stdout);
+    fflush(stderr);
+    _exit(status);
+}
+
 void run_shell(const char *cmd) {
     int ignored = system(cmd);
     (void)ignored;
@@ -160,11 +167,11 @@ void run_shell(const char *cmd) {
 void supervisor_start_threads(supervisor &sv) {
     if (pthread_create(&sv.rx_tid, thread_attributes(), rx_thread, nullptr) != 0) {
         puts("Creat receive thread failed!");
-        exit(0);
+        daemon_exit(0);
     }
     if (pthread_create(&sv.common_tid, thread_attributes(), common_thread, nullptr) != 0) {
         puts("Creat commone thread failed!");
-        exit(0);
+        daemon_exit(0);
     }
 }
 
