@@ -122,3 +122,28 @@ std::string urc_next(long timeout_ms) {
     bool got = wait_until([&] { return ring_pop(urc_ring_view(), line, sizeof line); }, timeout_ms);
     return got ? std::string(line) : std::string("<none>");
 }
+
+emulated_port::emulated_port(modem_family family) : emu_(family) {
+    std::string slave;
+    master_ = open_modem_pty(&slave);
+    std::atomic<int32_t> fd{-1};
+    if (master_ < 0 || serial_open(&fd, slave.c_str()) != 0)
+        throw std::runtime_error("emulated AT port");
+    state().at_fd.store(fd.load(), std::memory_order_release);
+    if (!emu_.start(master_) || pthread_create(&rx_, nullptr, rx_thread, nullptr) != 0)
+        throw std::runtime_error("emulator or receive thread");
+}
+
+emulated_port::~emulated_port() {
+    pthread_cancel(rx_);
+    pthread_join(rx_, nullptr);
+    emu_.stop();
+    close_port();
+    close(master_);
+}
+
+void emulated_port::close_port() {
+    int fd = state().at_fd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
+}

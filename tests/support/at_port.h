@@ -63,3 +63,22 @@ private:
 
 // The next line in urc_ring within the deadline, or "<none>".
 std::string urc_next(long timeout_ms);
+
+#include "modem_emu/modem_emu.h"
+
+// The AT port with the modem emulator playing the module and the receive
+// thread running: a transaction can run against it as against a module.
+class emulated_port {
+public:
+    explicit emulated_port(modem_family family = modem_family::ec200t);
+    ~emulated_port();
+
+    modem_emulator &module() { return emu_; }
+    // Closes the daemon's side of the port, as a vanished device would leave it.
+    void close_port();
+
+private:
+    modem_emulator emu_;
+    int master_ = -1;
+    pthread_t rx_ = 0;
+};
