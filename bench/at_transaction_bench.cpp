@@ -1,0 +1,48 @@
+// How soon a transaction's caller has the module's answer: from the moment the
+// module's final line is written to the pty until at_transaction returns.
+#include "at/at.h"
+#include "support/at_port.h"
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+const at_member QUERY = {102, 350, at_end::prefix, "+CSQ:", true, true};
+const at_member SETTER = {110, 300, at_end::ok, nullptr, true, true};
+
+void run(benchmark::State &st, const at_member &m, const char *cmd, const char *answer) {
+    daemon_state_reset();
+    at_port port;
+    port.start_rx();
+    for (auto _ : st) {
+        int result = 1;
+        std::thread caller([&] { result = at_transaction(m, cmd, 0); });
+        port.module_reads("\n", 1000);
+        auto sent = std::chrono::steady_clock::now();
+        port.module_says(answer);
+        caller.join();
+        auto done = std::chrono::steady_clock::now();
+        if (result != 0) {
+            st.SkipWithError("transaction failed");
+            break;
+        }
+        st.SetIterationTime(std::chrono::duration<double>(done - sent).count());
+        // Whatever the finish moved to the unsolicited ring is not part of the next round.
+        while (urc_next(0) != "<none>") {
+        }
+    }
+    port.stop_rx();
+}
+
+void BM_QueryAnswer(benchmark::State &st) { run(st, QUERY, "AT+CSQ\r\n", "\r\n+CSQ: 20,99\r\n"); }
+void BM_SetterAnswer(benchmark::State &st) { run(st, SETTER, "AT+CREG=2\r\n", "\r\nOK\r\n"); }
+
+BENCHMARK(BM_QueryAnswer)->UseManualTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly();
+BENCHMARK(BM_SetterAnswer)->UseManualTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly();
+
+} // namespace
+
+BENCHMARK_MAIN();
