@@ -102,9 +102,11 @@ void slot_setting(const request_frame &f, const text_slot *slots, int slot_count
         if (write) {
             int v = atoi(f.fields[2]);
             bool valid = f.field_count >= 3 && v >= 0 && v <= 3;
-            if (valid)
-                s.apn_auth.store(static_cast<uint32_t>(v), std::memory_order_release);
-            app_cmd_build();
+            settings_edit([&] {
+                if (valid)
+                    s.apn_auth.store(static_cast<uint32_t>(v), std::memory_order_release);
+                app_cmd_build();
+            });
             if (!valid) {
                 reply(f.code, STATUS_OK, "");
                 return;
@@ -115,12 +117,15 @@ void slot_setting(const request_frame &f, const text_slot *slots, int slot_count
         return;
     }
     char *field = slots[slot - 1].field;
-    if (write) {
-        text_copy(field, TEXT_FIELD_SIZE, f.field_count >= 3 ? f.fields[2] : "", CONFIG_VALUE_MAX);
-        if (is_apn)
-            app_cmd_build();
-    }
-    text_format(text, sizeof text, "%d:%s", slot, field);
+    settings_edit([&] {
+        if (write) {
+            text_copy(field, TEXT_FIELD_SIZE, f.field_count >= 3 ? f.fields[2] : "",
+                      CONFIG_VALUE_MAX);
+            if (is_apn)
+                app_cmd_build();
+        }
+        text_format(text, sizeof text, "%d:%s", slot, field);
+    });
     reply(f.code, STATUS_OK, text);
 }
 
@@ -173,10 +178,14 @@ void down_script_setting(const request_frame &f) {
         reply(f.code, STATUS_BAD_PARAM);
         return;
     }
-    if (f.fields[0][0] == '1')
-        text_copy(s.down_script, sizeof s.down_script, f.field_count >= 2 ? f.fields[1] : "",
-                  CONFIG_VALUE_MAX);
-    reply(f.code, STATUS_OK, s.down_script);
+    char text[TEXT_FIELD_SIZE];
+    settings_edit([&] {
+        if (f.fields[0][0] == '1')
+            text_copy(s.down_script, sizeof s.down_script, f.field_count >= 2 ? f.fields[1] : "",
+                      CONFIG_VALUE_MAX);
+        text_set(text, s.down_script);
+    });
+    reply(f.code, STATUS_OK, text);
 }
 
 struct local_code {

@@ -1,6 +1,7 @@
 #include "client/client.h"
 
 #include "at/at.h"
+#include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/text.h"
 #include "modem/modem.h"
@@ -92,9 +93,8 @@ const worker_code WORKER_CODES[] = {
     {310, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { speak(f); }},
     {351, FAMILY_BOTH, 0,
      [](const request_frame &, uint8_t) {
-         daemon_state &s = state();
-         set_qicsgp(1, 1, s.apn_name, s.apn_user, s.apn_passwd,
-                    static_cast<int32_t>(s.apn_auth.load(std::memory_order_acquire)), 1);
+         apn_settings apn = apn_snapshot();
+         set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth, 1);
      }},
     {352, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qideact(1, 1); }},
     {353, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qiact(1, 1); }},

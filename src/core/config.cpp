@@ -140,3 +140,23 @@ void app_cmd_build() {
     }
     text_set(s.app_cmd, cmd);
 }
+
+void settings_lock_take() { pthread_mutex_lock(&state().settings_lock); }
+
+void settings_lock_give() { pthread_mutex_unlock(&state().settings_lock); }
+
+apn_settings apn_snapshot() {
+    daemon_state &s = state();
+    apn_settings a;
+    settings_edit([&] {
+        text_set(a.name, s.apn_name);
+        text_set(a.user, s.apn_user);
+        text_set(a.passwd, s.apn_passwd);
+        a.auth = static_cast<int32_t>(s.apn_auth.load(std::memory_order_acquire));
+    });
+    return a;
+}
+
+void setting_read(char *dst, size_t size, const char *field) {
+    settings_edit([&] { text_copy(dst, size, field, size - 1); });
+}

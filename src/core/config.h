@@ -2,6 +2,9 @@
 // daemon_state, and the external connection program's command line.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+
 constexpr const char *CONFIG_PATH = "/etc/zolvin_4g.conf";
 constexpr int CONFIG_VALUE_MAX = 50; // characters kept of a text value
 
@@ -10,3 +13,26 @@ int config_apply(const char *key, const char *value);
 
 // Fills `app_cmd` from app_name, apn_name, apn_user, apn_passwd and apn_auth.
 void app_cmd_build();
+
+// Run-time changes by clients meet readers on other threads: the texts of the
+// data call, the ping addresses and the down script are written inside
+// settings_edit() and read through these copies.
+struct apn_settings {
+    char name[52];
+    char user[52];
+    char passwd[52];
+    int32_t auth;
+};
+apn_settings apn_snapshot();
+// Copies one setting text (a field of daemon_state) under the lock.
+void setting_read(char *dst, size_t size, const char *field);
+
+void settings_lock_take();
+void settings_lock_give();
+
+// Runs `edit` with the settings locked. `edit` must not block.
+template <typename F> void settings_edit(F edit) {
+    settings_lock_take();
+    edit();
+    settings_lock_give();
+}

@@ -46,7 +46,9 @@ struct daemon_state {
     std::atomic<uint8_t> debug{0};
     std::atomic<uint8_t> atprint{0};
 
-    // Configuration
+    // Configuration. The texts that clients may change at run time are
+    // written and read under settings_lock (see config.h).
+    pthread_mutex_t settings_lock = PTHREAD_MUTEX_INITIALIZER;
     char app_name[TEXT_FIELD_SIZE];
     char apn_name[TEXT_FIELD_SIZE];
     char apn_user[TEXT_FIELD_SIZE];

@@ -2,6 +2,7 @@
 
 #include "at/at.h"
 #include "client/frames.h"
+#include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/startup.h"
@@ -147,8 +148,10 @@ void disconnect_action() {
         as_supervisor_work([] { set_qcrmcall(0, 1, 0); });
     }
     s.connected.store(0, std::memory_order_release);
-    if (s.down_script[0] != '\0')
-        run_shell(s.down_script);
+    char script[TEXT_FIELD_SIZE];
+    setting_read(script, sizeof script, s.down_script);
+    if (script[0] != '\0')
+        run_shell(script);
 }
 
 } // namespace

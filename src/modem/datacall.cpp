@@ -1,6 +1,7 @@
 #include "modem/member.h"
 #include "modem/modem.h"
 
+#include "core/config.h"
 #include "core/log.h"
 
 #include <cstdio>
@@ -34,9 +35,8 @@ struct dial_step {
 int deactivate_context() { return set_qideact(1, 0); }
 
 int configure_context() {
-    daemon_state &s = state();
-    return set_qicsgp(1, 1, s.apn_name, s.apn_user, s.apn_passwd,
-                      static_cast<int32_t>(s.apn_auth.load(std::memory_order_relaxed)), 0);
+    apn_settings apn = apn_snapshot();
+    return set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth, 0);
 }
 
 int activate_context() { return set_qiact(1, 0); }
@@ -136,7 +136,9 @@ int dial_ec20(uint8_t report) {
     if (s.app_name[0] != '\0') {
         // The external program owns the connection; whether it came up is for
         // the link check to find out.
-        int ignored = system(s.app_cmd);
+        char cmd[CMD_FIELD_SIZE];
+        setting_read(cmd, sizeof cmd, s.app_cmd);
+        int ignored = system(cmd);
         (void)ignored;
         if (report)
             client_report(CODE_DIAL, STATUS_OK, nullptr);
