@@ -2,6 +2,8 @@
 
 #include "client/client.h"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -162,6 +164,10 @@ sim_board::sim_board(board_config config) : config_(std::move(config)) {
 
 sim_board::~sim_board() {
     stop();
+    // Whatever a test checked, a sanitizer's report from the daemon fails it.
+    std::string err = stderr_text();
+    if (err.find("Sanitizer") != std::string::npos || err.find("runtime error:") != std::string::npos)
+        ADD_FAILURE() << "the daemon's standard error holds a sanitizer report:\n" << err;
     // A board that could not be built says why only in its own log.
     if (exit_status_ == 125)
         fprintf(stderr, "zolvin_simboard failed:\n%s", slurp(path("simboard.log")).c_str());
