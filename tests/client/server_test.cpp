@@ -162,3 +162,51 @@ TEST_F(LocalCodeTest, FramesWithoutMagicGetNoReply) {
 }
 
 } // namespace
+
+namespace {
+
+// A worker on a module that answers slowly, and a restart request meanwhile.
+TEST(WorkerCancelTest, RestartCancelsTheRunningWorkerAndFreesThePort) {
+    daemon_state_reset();
+    state().module_restarting = 0;
+    state().module_type = MODULE_EC200T;
+    {
+        emulated_port port;
+        client_end client;
+        port.module().set_reply("AT+COPS?", modem_reply::standard().after(3000));
+        uint8_t frame[16];
+        size_t n = request_build(frame, sizeof frame, 103, nullptr, nullptr, 0);
+        handle_request(frame, n);
+        ASSERT_TRUE(port.module().wait_for_command("AT+COPS?", 2000).has_value());
+        EXPECT_EQ(state().worker_busy, 1);
+        EXPECT_FALSE(state().at_mutex.try_lock());
+
+        n = request_build(frame, sizeof frame, 901, nullptr, nullptr, 0);
+        handle_request(frame, n);
+        EXPECT_EQ(state().worker_busy, 0);
+        EXPECT_EQ(state().module_restarting, 1);
+        EXPECT_EQ(state().restart_report_pending, 1);
+        // The gate is free again for the supervisor, the check thread and the next worker.
+        ASSERT_TRUE(state().at_mutex.try_lock());
+        state().at_mutex.unlock();
+        // The cancelled worker never answers, and no reply is owed to the restart itself.
+        EXPECT_TRUE(client.silent(200));
+
+        // A worker that ends by itself leaves the gate free as well.
+        state().module_restarting = 0; // as after the supervisor's restart
+        port.module().clear_replies();
+        port.module().reboot();
+        n = request_build(frame, sizeof frame, 102, nullptr, nullptr, 0);
+        handle_request(frame, n);
+        reply_frame r{};
+        ASSERT_TRUE(client.next(&r, 2000));
+        EXPECT_EQ(r.code, 102);
+        EXPECT_STREQ(r.text, "20");
+        ASSERT_TRUE(wait_until([] { return state().worker_busy.load() == 0; }, 1000));
+        ASSERT_TRUE(state().at_mutex.try_lock());
+        state().at_mutex.unlock();
+    }
+    daemon_state_reset();
+}
+
+} // namespace
