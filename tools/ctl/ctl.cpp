@@ -1,0 +1,731 @@
+#include "ctl/ctl.h"
+
+#include "client/client.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <ostream>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace ctl {
+
+namespace {
+
+// ---- command words
+
+bool switch_value(const std::string &word, std::string *out) {
+    if (word == "on" || word == "1")
+        *out = "1";
+    else if (word == "off" || word == "0")
+        *out = "0";
+    else
+        return false;
+    return true;
+}
+
+request make(uint16_t code, std::vector<std::string> fields = {}) {
+    request r;
+    r.code = code;
+    r.fields = std::move(fields);
+    return r;
+}
+
+using args = std::vector<std::string>; // the words after the command's name
+
+struct command_spec {
+    const char *name;
+    const char *synopsis;
+    size_t min_args;
+    size_t max_args;
+    // Builds the requests; false with a reason for arguments it cannot take.
+    bool (*build)(const args &a, command *out, std::string *error);
+};
+
+bool single(command *out, request r) {
+    out->steps.push_back(std::move(r));
+    return true;
+}
+
+// A query with no argument, by its code.
+template <uint16_t CODE> bool query(const args &, command *out, std::string *) {
+    return single(out, make(CODE));
+}
+
+bool build_dial(const args &a, command *out, std::string *error) {
+    std::string v;
+    if (!switch_value(a[0], &v)) {
+        *error = "dial takes on or off";
+        return false;
+    }
+    return single(out, make(501, {v}));
+}
+
+// "get SLOT" or "set SLOT [VALUE]" for the numbered settings of 521 and 523.
+bool build_slots(uint16_t code, const args &a, command *out, std::string *error) {
+    if (a[0] == "get" && a.size() == 2)
+        return single(out, make(code, {"0", a[1]}));
+    if (a[0] == "set" && a.size() <= 3) {
+        request r = make(code, {"1", a[1]});
+        // An empty value clears the setting: the frame simply has no third field.
+        if (a.size() == 3 && !a[2].empty())
+            r.fields.push_back(a[2]);
+        return single(out, r);
+    }
+    *error = "expected get SLOT or set SLOT [VALUE]";
+    return false;
+}
+
+bool build_apn(const args &a, command *out, std::string *error) { return build_slots(521, a, out, error); }
+bool build_ping(const args &a, command *out, std::string *error) { return build_slots(523, a, out, error); }
+
+bool build_check(const args &a, command *out, std::string *error) {
+    if (a.empty())
+        return single(out, make(522, {"0"}));
+    std::string v;
+    if (!switch_value(a[0], &v)) {
+        *error = "check takes on or off, or nothing to read it";
+        return false;
+    }
+    return single(out, make(522, {"1", v}));
+}
+
+bool build_period(const args &a, command *out, std::string *) {
+    if (a.empty())
+        return single(out, make(524, {"0"}));
+    return single(out, make(524, {"1", a[0]}));
+}
+
+bool build_down_script(const args &a, command *out, std::string *) {
+    if (a.empty())
+        return single(out, make(525, {"0"}));
+    request r = make(525, {"1"});
+    if (!a[0].empty())
+        r.fields.push_back(a[0]);
+    return single(out, r);
+}
+
+bool build_passthrough(const args &a, command *out, std::string *error) {
+    std::string v;
+    if (!switch_value(a[0], &v)) {
+        *error = "passthrough takes on or off";
+        return false;
+    }
+    return single(out, make(401, {v}));
+}
+
+// The daemon ends pass-through mode when its client leaves, so a raw command
+// switches it on for its own connection first.
+bool build_at(const args &a, command *out, std::string *) {
+    request on = make(401, {"1"});
+    on.quiet = true;
+    out->steps.push_back(on);
+    request line = make(402, {"1", a[0]});
+    line.kind = reply_kind::at_lines;
+    out->steps.push_back(line);
+    return true;
+}
+
+bool build_call(const args &a, command *out, std::string *) { return single(out, make(304, {a[0]})); }
+bool build_tts(const args &a, command *out, std::string *) { return single(out, make(310, {"1", a[0]})); }
+bool build_tts_stop(const args &, command *out, std::string *) { return single(out, make(310, {"0"})); }
+
+bool build_lbs(const args &a, command *out, std::string *error) {
+    if (a[0] == "get" && a.size() == 2)
+        return single(out, make(451, {"0", a[1]}));
+    if (a[0] == "set" && a.size() == 3)
+        return single(out, make(451, {"1", a[1], a[2]}));
+    *error = "expected get KEY or set KEY VALUE";
+    return false;
+}
+
+bool build_sms(const args &a, command *out, std::string *) { return single(out, make(252, {a[0], a[1]})); }
+
+bool build_raw(const args &a, command *out, std::string *error) {
+    char *end = nullptr;
+    errno = 0;
+    unsigned long code = strtoul(a[0].c_str(), &end, 10);
+    if (a[0].empty() || *end != '\0' || errno != 0 || code > 0xFFFF || a[0][0] == '-') {
+        *error = "raw needs a code from 0 to 65535";
+        return false;
+    }
+    return single(out, make(static_cast<uint16_t>(code), args(a.begin() + 1, a.end())));
+}
+
+constexpr size_t MANY = REQUEST_FIELDS_MAX;
+
+const command_spec COMMANDS[] = {
+    {"version", "version                  daemon version (911)", 0, 0, query<911>},
+    {"state", "state                    connection state (912)", 0, 0, query<912>},
+    {"restart", "restart                  restart the module; answered once it is open again (901)",
+     0, 0, query<901>},
+    {"model", "model                    module identification (51)", 0, 0, query<51>},
+    {"imei", "imei                     module IMEI (52)", 0, 0, query<52>},
+    {"imsi", "imsi                     SIM IMSI (101)", 0, 0, query<101>},
+    {"signal", "signal                   signal level (102)", 0, 0, query<102>},
+    {"operator", "operator                 network operator (103)", 0, 0, query<103>},
+    {"registration", "registration             area and cell of the registration (111)", 0, 0,
+     query<111>},
+    {"netdev-status", "netdev-status            network device state, EC20 family (191)", 0, 0,
+     query<191>},
+    {"smsc", "smsc                     SMS service centre (201)", 0, 0, query<201>},
+    {"sms-defaults", "sms-defaults             message and call presentation defaults (301)", 0, 0,
+     query<301>},
+    {"answer", "answer                   answer the incoming call (302)", 0, 0, query<302>},
+    {"hangup", "hangup                   hang up (303)", 0, 0, query<303>},
+    {"data-call", "data-call                dial the data call now (370)", 0, 0, query<370>},
+    {"location", "location                 cell-based position (452)", 0, 0, query<452>},
+    {"dial", "dial on|off              keep the data link up or take it down (501)", 1, 1, build_dial},
+    {"apn", "apn get N | apn set N [VALUE]   1 name, 2 user, 3 password, 4 auth (521)", 2, 3,
+     build_apn},
+    {"check", "check [on|off]           periodic link check switch (522)", 0, 1, build_check},
+    {"ping", "ping get N | ping set N [ADDRESS]   link check targets 1 to 6 (523)", 2, 3,
+     build_ping},
+    {"period", "period [SECONDS]         link check period (524)", 0, 1, build_period},
+    {"down-script", "down-script [COMMAND]    command run after a disconnect; \"\" clears (525)",
+     0, 1, build_down_script},
+    {"passthrough", "passthrough on|off       raw AT mode of this connection (401)", 1, 1,
+     build_passthrough},
+    {"at", "at TEXT                  one raw AT line; prints the module's lines (401, 402)", 1, 1,
+     build_at},
+    {"call", "call NUMBER              voice call (304)", 1, 1, build_call},
+    {"tts", "tts TEXT                 speak a text, EC20 family (310)", 1, 1, build_tts},
+    {"tts-stop", "tts-stop                 stop speaking (310)", 0, 0, build_tts_stop},
+    {"lbs", "lbs get KEY | lbs set KEY VALUE   location service setting (451)", 2, 3, build_lbs},
+    {"sms", "sms NUMBER TEXT          send a text-mode SMS (252)", 2, 2, build_sms},
+    {"raw", "raw CODE [FIELD...]      any code with up to 6 fields", 1, 1 + MANY, build_raw},
+};
+
+// ---- frames
+
+bool starts_with(const std::string &s, const char *prefix) { return s.compare(0, strlen(prefix), prefix) == 0; }
+
+void put_utf8_escape(std::string *out, unsigned code_point) {
+    char buf[8];
+    snprintf(buf, sizeof buf, "\\u%04x", code_point);
+    *out += buf;
+}
+
+// Length of the valid UTF-8 sequence at `p`, or 0.
+size_t utf8_sequence(const unsigned char *p, size_t left) {
+    unsigned char c = p[0];
+    size_t n;
+    unsigned min;
+    unsigned cp;
+    if (c >= 0xC2 && c <= 0xDF) {
+        n = 2, min = 0x80, cp = c & 0x1Fu;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        n = 3, min = 0x800, cp = c & 0x0Fu;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        n = 4, min = 0x10000, cp = c & 0x07u;
+    } else {
+        return 0;
+    }
+    if (left < n)
+        return 0;
+    for (size_t i = 1; i < n; ++i) {
+        if ((p[i] & 0xC0) != 0x80)
+            return 0;
+        cp = (cp << 6) | (p[i] & 0x3Fu);
+    }
+    if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+        return 0;
+    return n;
+}
+
+std::string plain_escape(const std::string &bytes) {
+    std::string out;
+    for (char ch : bytes) {
+        auto c = static_cast<unsigned char>(ch);
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c == 0x7F) {
+            char buf[8];
+            snprintf(buf, sizeof buf, "\\x%02X", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+// ---- socket
+
+int connect_to(const std::string &name, std::string *error) {
+    sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (name.empty() || name.size() >= sizeof addr.sun_path) {
+        *error = "bad socket name '" + name + "'";
+        return -1;
+    }
+    memcpy(addr.sun_path, name.c_str(), name.size());
+    socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    if (name[0] == '@')
+        addr.sun_path[0] = '\0'; // abstract: the name's bytes without a terminator
+    else
+        len = static_cast<socklen_t>(len + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        *error = std::string("socket: ") + strerror(errno);
+        return -1;
+    }
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
+        int e = errno;
+        close(fd);
+        *error = "cannot connect to " + name + ": " + strerror(e);
+        if (e == ECONNREFUSED || e == ENOENT)
+            *error += " (is the daemon running? it serves one client at a time)";
+        return -1;
+    }
+    return fd;
+}
+
+bool send_all(int fd, const std::vector<uint8_t> &bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+using clock_type = std::chrono::steady_clock;
+
+class session {
+public:
+    session(int fd, const options &opts, std::ostream &out, std::ostream &err, int stop_fd)
+        : fd_(fd), opts_(opts), out_(out), err_(err), stop_fd_(stop_fd) {}
+
+    int run_step(const request &r);
+    int listen_until_stopped();
+    bool stopped() const { return stopped_; }
+
+private:
+    enum class wait_result { frame, timeout, closed, stopped, bad };
+    wait_result next_frame(reply_frame *f, const clock_type::time_point *deadline);
+    void print(const reply_frame &f, bool event) {
+        out_ << format_frame(f, print_style{opts_.json}, event) << std::endl;
+    }
+    int failed_wait(wait_result w, const request *r);
+
+    int fd_;
+    const options &opts_;
+    std::ostream &out_;
+    std::ostream &err_;
+    int stop_fd_;
+    bool stopped_ = false;
+    frame_reader reader_;
+};
+
+session::wait_result session::next_frame(reply_frame *f, const clock_type::time_point *deadline) {
+    for (;;) {
+        if (reader_.next(f))
+            return wait_result::frame;
+        if (reader_.bad())
+            return wait_result::bad;
+        int timeout = -1;
+        if (deadline != nullptr) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - clock_type::now());
+            if (left.count() <= 0)
+                return wait_result::timeout;
+            timeout = static_cast<int>(left.count());
+        }
+        pollfd p[2] = {{fd_, POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+        int rc = poll(p, stop_fd_ >= 0 ? 2 : 1, timeout);
+        if (rc < 0 && errno == EINTR)
+            continue;
+        if (rc < 0)
+            return wait_result::closed;
+        if (stop_fd_ >= 0 && (p[1].revents & POLLIN) != 0)
+            return wait_result::stopped;
+        if (p[0].revents == 0)
+            continue;
+        uint8_t buf[4096];
+        ssize_t n = recv(fd_, buf, sizeof buf, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return wait_result::closed;
+        reader_.feed(buf, static_cast<size_t>(n));
+    }
+}
+
+int session::failed_wait(wait_result w, const request *r) {
+    switch (w) {
+    case wait_result::stopped:
+        stopped_ = true;
+        return EXIT_OK;
+    case wait_result::timeout: {
+        if (r == nullptr)
+            return EXIT_NO_ANSWER;
+        char secs[32];
+        snprintf(secs, sizeof secs, "%.1f", r->timeout_ms / 1000.0);
+        err_ << "zolvin_4g_ctl: no reply to " << r->code << " within " << secs
+             << " s (--timeout SECONDS waits longer)" << std::endl;
+        return EXIT_NO_ANSWER;
+    }
+    case wait_result::bad:
+        err_ << "zolvin_4g_ctl: the daemon sent bytes that are not a reply frame" << std::endl;
+        return EXIT_NO_ANSWER;
+    default:
+        err_ << "zolvin_4g_ctl: the daemon closed the connection" << std::endl;
+        return EXIT_NO_ANSWER;
+    }
+}
+
+int session::run_step(const request &r) {
+    std::string error;
+    std::vector<uint8_t> frame = encode(r, &error);
+    if (frame.empty()) {
+        err_ << "zolvin_4g_ctl: " << error << std::endl;
+        return EXIT_USAGE;
+    }
+    if (!send_all(fd_, frame))
+        return failed_wait(wait_result::closed, &r);
+    exchange ex(r);
+    auto deadline = clock_type::now() + std::chrono::milliseconds(r.timeout_ms);
+    for (;;) {
+        reply_frame f;
+        wait_result w = next_frame(&f, &deadline);
+        if (w != wait_result::frame)
+            return failed_wait(w, &r);
+        verdict v = ex.take(f);
+        if (v == verdict::unrelated) {
+            if (opts_.events || opts_.listen)
+                print(f, !opts_.listen);
+            continue;
+        }
+        if (v == verdict::done && r.quiet && ex.exit_status() == EXIT_OK)
+            return EXIT_OK;
+        print(f, false);
+        if (v == verdict::done)
+            return ex.exit_status();
+    }
+}
+
+int session::listen_until_stopped() {
+    for (;;) {
+        reply_frame f;
+        wait_result w = next_frame(&f, nullptr);
+        if (w != wait_result::frame)
+            return failed_wait(w, nullptr);
+        print(f, false);
+    }
+}
+
+} // namespace
+
+// ---- public
+
+bool parse_command(const std::vector<std::string> &words, command *out, std::string *error) {
+    *out = command{};
+    if (words.empty()) {
+        *error = "no command given";
+        return false;
+    }
+    for (const command_spec &c : COMMANDS) {
+        if (words[0] != c.name)
+            continue;
+        args a(words.begin() + 1, words.end());
+        if (a.size() < c.min_args || a.size() > c.max_args) {
+            *error = std::string("usage: ") + c.synopsis;
+            return false;
+        }
+        if (!c.build(a, out, error))
+            return false;
+        for (request &r : out->steps) {
+            r.timeout_ms = default_timeout_ms(r.code);
+            if (encode(r, error).empty())
+                return false;
+        }
+        return true;
+    }
+    *error = "unknown command '" + words[0] + "'";
+    return false;
+}
+
+std::vector<uint8_t> encode(const request &r, std::string *error) {
+    if (r.fields.size() > static_cast<size_t>(REQUEST_FIELDS_MAX)) {
+        *error = "at most 6 fields";
+        return {};
+    }
+    std::vector<const char *> ptrs;
+    std::vector<size_t> lens;
+    for (const std::string &f : r.fields) {
+        if (f.empty() || f.size() >= FIELD_SIZE) {
+            *error = "a field must be 1 to 999 bytes";
+            return {};
+        }
+        ptrs.push_back(f.data());
+        lens.push_back(f.size());
+    }
+    std::vector<uint8_t> out(REQUEST_MAX);
+    size_t n = request_build(out.data(), out.size(), r.code, ptrs.data(), lens.data(),
+                             static_cast<int>(r.fields.size()));
+    if (n == 0) {
+        *error = "the request does not fit in 1000 bytes";
+        return {};
+    }
+    out.resize(n);
+    return out;
+}
+
+int default_timeout_ms(uint16_t code) {
+    // The longest module waits behind a code, with room for the port to be free.
+    static const std::map<uint16_t, int> LONG = {
+        {901, 120000},  // power cycle, 20 s pause and bring-up
+        {370, 300000},  // a dial may wait minutes for the network
+        {452, 150000},  // the position may take two minutes
+        {303, 100000},  // hang-up waits up to 90 s
+        {251, 60000},  {252, 60000}, {234, 20000}, {236, 20000},
+        {301, 60000},  {353, 160000}, {352, 50000},
+        {561, 1300000}, // firmware update
+        {402, 30000},
+    };
+    auto it = LONG.find(code);
+    return it != LONG.end() ? it->second : 15000;
+}
+
+std::string status_name(uint16_t code, uint16_t status) {
+    if (code == EVENT_SMS_REPORT)
+        return "sms-report";
+    switch (status) {
+    case STATUS_OK: return "ok";
+    case STATUS_FAIL: return "failed";
+    case STATUS_CALL_STATE: return "call-state";
+    case STATUS_PROGRESS: return "progress";
+    case STATUS_BAD_PARAM: return "bad-parameter";
+    case STATUS_PASSTHROUGH_OFF: return "passthrough-off";
+    case STATUS_BUSY: return "busy";
+    case STATUS_NOT_READY: return "not-ready";
+    case STATUS_UNKNOWN_CODE: return "unknown-code";
+    default: return "status-" + std::to_string(status);
+    }
+}
+
+bool is_failure_status(uint16_t status) { return status == STATUS_FAIL || (status >= 10 && status <= 20); }
+
+bool is_final_at_line(const std::string &line) {
+    static const char *const FINAL[] = {"OK", "ERROR", "+CME ERROR:", "+CMS ERROR:", "NO CARRIER",
+                                        "BUSY", "NO ANSWER", "NO DIALTONE", "NO DIAL"};
+    for (const char *f : FINAL) {
+        if (starts_with(line, f))
+            return true;
+    }
+    return false;
+}
+
+verdict exchange::take(const reply_frame &f) {
+    if (f.code != request_.code)
+        return verdict::unrelated;
+    if (request_.kind == reply_kind::at_lines) {
+        // A refusal (not in pass-through mode, busy, no such field) ends it at once.
+        if (f.status != STATUS_OK) {
+            exit_status_ = EXIT_FAILED;
+            return verdict::done;
+        }
+        std::string line(f.text, f.text_len);
+        if (!is_final_at_line(line))
+            return verdict::progress;
+        exit_status_ = starts_with(line, "OK") ? EXIT_OK : EXIT_FAILED;
+        return verdict::done;
+    }
+    if (f.status == STATUS_PROGRESS)
+        return verdict::progress;
+    exit_status_ = is_failure_status(f.status) ? EXIT_FAILED : EXIT_OK;
+    return verdict::done;
+}
+
+std::string json_escape(const std::string &bytes) {
+    std::string out;
+    const auto *p = reinterpret_cast<const unsigned char *>(bytes.data());
+    size_t n = bytes.size();
+    for (size_t i = 0; i < n;) {
+        unsigned char c = p[i];
+        if (c == '"') {
+            out += "\\\"";
+        } else if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c == 0x7F) {
+            put_utf8_escape(&out, c);
+        } else if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else {
+            size_t len = utf8_sequence(p + i, n - i);
+            if (len == 0) {
+                // Not UTF-8 (a garbled module line): the replacement character keeps the JSON valid.
+                put_utf8_escape(&out, 0xFFFD);
+                ++i;
+                continue;
+            }
+            out.append(bytes, i, len);
+            i += len;
+            continue;
+        }
+        ++i;
+    }
+    return out;
+}
+
+std::string format_frame(const reply_frame &f, const print_style &style, bool event) {
+    std::string text(f.text, f.text_len);
+    std::string name = status_name(f.code, f.status);
+    if (style.json) {
+        std::string out = "{";
+        if (event)
+            out += "\"event\":true,";
+        out += "\"code\":" + std::to_string(f.code) + ",\"status\":" + std::to_string(f.status) +
+               ",\"status_name\":\"" + name + "\",\"text\":\"" + json_escape(text) + "\"}";
+        return out;
+    }
+    std::string out = event ? "event " : "";
+    out += std::to_string(f.code) + " " + name + "(" + std::to_string(f.status) + ")";
+    if (!text.empty())
+        out += " " + plain_escape(text);
+    return out;
+}
+
+void frame_reader::feed(const uint8_t *bytes, size_t n) { pending_.insert(pending_.end(), bytes, bytes + n); }
+
+bool frame_reader::next(reply_frame *out) {
+    if (bad_ || pending_.empty())
+        return false;
+    long used = reply_parse(pending_.data(), pending_.size(), out);
+    if (used < 0) {
+        bad_ = true;
+        return false;
+    }
+    if (used == 0)
+        return false;
+    pending_.erase(pending_.begin(), pending_.begin() + used);
+    return true;
+}
+
+bool parse_options(const std::vector<std::string> &a, options *out, std::string *error) {
+    *out = options{};
+    size_t i = 0;
+    for (; i < a.size() && a[i].size() > 1 && a[i][0] == '-'; ++i) {
+        const std::string &o = a[i];
+        if (o == "--") {
+            ++i;
+            break;
+        }
+        if (o == "--json") {
+            out->json = true;
+        } else if (o == "--events") {
+            out->events = true;
+        } else if (o == "-h" || o == "--help") {
+            out->help = true;
+        } else if (o == "--timeout" || o == "--socket") {
+            if (i + 1 >= a.size()) {
+                *error = o + " needs a value";
+                return false;
+            }
+            const std::string &v = a[++i];
+            if (o == "--socket") {
+                out->socket_name = v;
+                continue;
+            }
+            char *end = nullptr;
+            double secs = strtod(v.c_str(), &end);
+            if (v.empty() || *end != '\0' || !(secs > 0) || secs > 86400) {
+                *error = "--timeout takes seconds, more than 0";
+                return false;
+            }
+            out->timeout_ms = static_cast<int>(secs * 1000 + 0.5);
+            if (out->timeout_ms == 0)
+                out->timeout_ms = 1;
+        } else {
+            *error = "unknown option " + o;
+            return false;
+        }
+    }
+    if (out->help)
+        return true;
+    if (i < a.size() && a[i] == "listen") {
+        out->listen = true;
+        ++i;
+    }
+    out->words.assign(a.begin() + static_cast<long>(i), a.end());
+    if (!out->listen && out->words.empty()) {
+        *error = "no command given";
+        return false;
+    }
+    return true;
+}
+
+std::string usage() {
+    std::string u =
+        "usage: zolvin_4g_ctl [--json] [--events] [--timeout SECONDS] [--socket NAME] COMMAND [ARGS...]\n"
+        "       zolvin_4g_ctl [--json] [--socket NAME] listen [COMMAND [ARGS...]]\n"
+        "\n"
+        "Sends one request to the daemon and prints its reply as CODE STATUS-NAME(STATUS) TEXT,\n"
+        "or a JSON object per line with --json. listen prints every frame as it arrives (after\n"
+        "running COMMAND, if given) until SIGINT or SIGTERM.\n"
+        "Exit status: 0 success, 1 failure status (1, 10 to 20), 2 usage, 3 no connection,\n"
+        "no reply in time, or the daemon went away.\n"
+        "\n"
+        "commands:\n";
+    for (const command_spec &c : COMMANDS)
+        u += std::string("  ") + c.synopsis + "\n";
+    return u;
+}
+
+int run(const options &opts, std::ostream &out, std::ostream &err, int stop_fd) {
+    if (opts.help) {
+        out << usage();
+        return EXIT_OK;
+    }
+    command cmd;
+    std::string error;
+    if (!opts.words.empty() && !parse_command(opts.words, &cmd, &error)) {
+        err << "zolvin_4g_ctl: " << error << "\n" << usage();
+        return EXIT_USAGE;
+    }
+    for (request &r : cmd.steps) {
+        if (opts.timeout_ms > 0)
+            r.timeout_ms = opts.timeout_ms;
+    }
+    int fd = connect_to(opts.socket_name.empty() ? SERVER_SOCKET_NAME : opts.socket_name, &error);
+    if (fd < 0) {
+        err << "zolvin_4g_ctl: " << error << std::endl;
+        return EXIT_NO_ANSWER;
+    }
+    session s(fd, opts, out, err, opts.listen ? stop_fd : -1);
+    int status = EXIT_OK;
+    for (const request &r : cmd.steps) {
+        status = s.run_step(r);
+        if (status != EXIT_OK || s.stopped())
+            break;
+    }
+    if (status == EXIT_OK && opts.listen && !s.stopped())
+        status = s.listen_until_stopped();
+    close(fd);
+    return status;
+}
+
+} // namespace ctl
