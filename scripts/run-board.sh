@@ -50,7 +50,7 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root" -B "$build" "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
 echo "== building in $build"
-cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd -j 2 >/dev/null
+cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_4g_ctl -j 2 >/dev/null
 
 work="$(mktemp -d /tmp/zolvin_board.XXXXXX)"
 board_pid=""
@@ -82,7 +82,28 @@ tail -n +1 -F "$work/stdout" 2>/dev/null &
 tail_pid=$!
 
 deadline=$(( $(date +%s) + seconds ))
+# Once the data call is up (the DHCP client ran), a client session with the tool,
+# inside the board's network namespace where the daemon's socket lives.
+ctl() {
+  echo "\$ zolvin_4g_ctl $*"
+  nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" "$@" 2>&1 | sed 's/^/  /' || true
+}
+session_done=0
 while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
+  if [ "$session_done" -eq 0 ] && grep -q 'busybox udhcpc' "$work/calls.log" 2>/dev/null; then
+    session_done=1
+    sleep 0.5
+    echo "== client session"
+    ctl version
+    ctl state
+    ctl model
+    ctl imei
+    ctl imsi
+    ctl signal
+    ctl operator
+    ctl at "AT+CSQ"
+    echo "== daemon output (continued)"
+  fi
   sleep 0.2
 done
 if kill -0 "$board_pid" 2>/dev/null; then
