@@ -19,7 +19,14 @@ void *interface_thread(void *arg);
 // Answers one request read from the client (`len` bytes). Exposed for tests.
 void handle_request(const uint8_t *buf, size_t len);
 
-// Worker thread bodies, one per module family; the argument is the raw request.
+// The raw request a worker runs, with the number of bytes that were read:
+// fields are taken only from those bytes.
+struct worker_request {
+    size_t len;
+    uint8_t bytes[REQUEST_MAX];
+};
+
+// Worker thread bodies, one per module family; the argument is a worker_request.
 void *request_worker_ec200(void *request_copy);
 void *request_worker_ec20(void *request_copy);
 

@@ -18,7 +18,7 @@ namespace {
 
 // The frame a worker runs; rewritten only when the next worker starts, which
 // cannot happen while one runs.
-uint8_t g_request_copy[REQUEST_MAX];
+worker_request g_request_copy;
 
 // Lets the server cancel a detached worker only while it still exists.
 pthread_mutex_t g_worker_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -218,8 +218,9 @@ void start_worker(const uint8_t *buf, size_t len, uint16_t code) {
         return;
     }
     pthread_once(&g_worker_once, init_worker_sync);
-    memset(g_request_copy, 0, sizeof g_request_copy);
-    memcpy(g_request_copy, buf, len < sizeof g_request_copy ? len : sizeof g_request_copy);
+    g_request_copy.len = len < sizeof g_request_copy.bytes ? len : sizeof g_request_copy.bytes;
+    memset(g_request_copy.bytes, 0, sizeof g_request_copy.bytes);
+    memcpy(g_request_copy.bytes, buf, g_request_copy.len);
     int32_t type = s.module_type.load(std::memory_order_acquire);
     void *(*worker)(void *) =
         type == MODULE_EC200T || type == MODULE_EC200S ? request_worker_ec200 : request_worker_ec20;
@@ -234,7 +235,7 @@ void start_worker(const uint8_t *buf, size_t len, uint16_t code) {
     pthread_mutex_lock(&g_worker_lock);
     while (sem_trywait(&g_worker_done) == 0) {
     }
-    int rc = pthread_create(&g_worker_tid, &attr, worker, g_request_copy);
+    int rc = pthread_create(&g_worker_tid, &attr, worker, &g_request_copy);
     g_worker_alive.store(rc == 0, std::memory_order_release);
     pthread_mutex_unlock(&g_worker_lock);
     pthread_attr_destroy(&attr);

@@ -110,9 +110,9 @@ const worker_code WORKER_CODES[] = {
 
 void cleanup(void *) { worker_finished(); }
 
-void run_request(const uint8_t *raw, uint8_t family) {
+void run_request(const worker_request &raw, uint8_t family) {
     request_frame f;
-    if (request_parse(raw, REQUEST_MAX, &f) != 0 || f.oversize_field)
+    if (request_parse(raw.bytes, raw.len, &f) != 0 || f.oversize_field)
         return; // an oversize field ends the request without a reply
     if (f.code != 401 && f.code != 402)
         state().at_passthrough.store(0, std::memory_order_release);
@@ -131,7 +131,7 @@ void run_request(const uint8_t *raw, uint8_t family) {
 void *run_worker(void *request_copy, uint8_t family) {
     // A worker cancelled by a restart request still gives the AT port back.
     pthread_cleanup_push(cleanup, nullptr);
-    run_request(static_cast<const uint8_t *>(request_copy), family);
+    run_request(*static_cast<const worker_request *>(request_copy), family);
     pthread_cleanup_pop(1);
     return nullptr;
 }
