@@ -1,0 +1,130 @@
+// A client's round trip through "@phone_server": from writing the request to
+// having the whole reply frame. 911 is answered by the server thread itself;
+// 102 goes through a worker, the AT port and the module emulator on a pty.
+// Everything runs in this process; the socket lives in its network namespace,
+// a private one when this runs as root.
+#include "client/client.h"
+#include "core/daemon_state.h"
+#include "support/at_port.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <poll.h>
+#include <sched.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+int g_client = -1;
+
+// False when another process already serves the name here.
+bool server_name_free() {
+    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr;
+    socklen_t len = server_address(&addr);
+    bool free = s >= 0 && bind(s, reinterpret_cast<sockaddr *>(&addr), len) == 0;
+    if (s >= 0)
+        close(s);
+    return free;
+}
+
+int connect_server() {
+    sockaddr_un addr;
+    socklen_t len = server_address(&addr);
+    for (int i = 0; i < 2000; ++i) {
+        int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (connect(s, reinterpret_cast<sockaddr *>(&addr), len) == 0)
+            return s;
+        close(s);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return -1;
+}
+
+// Sends one request and reads its reply; false on a broken stream.
+bool round_trip(const uint8_t *request, size_t n, reply_frame *reply) {
+    if (send(g_client, request, n, MSG_NOSIGNAL) != static_cast<ssize_t>(n))
+        return false;
+    uint8_t buf[REPLY_MAX];
+    size_t have = 0;
+    for (;;) {
+        ssize_t got = recv(g_client, buf + have, sizeof buf - have, 0);
+        if (got <= 0)
+            return false;
+        have += static_cast<size_t>(got);
+        long used = reply_parse(buf, have, reply);
+        if (used != 0)
+            return used > 0;
+    }
+}
+
+double median(std::vector<double> v) {
+    if (v.empty())
+        return 0;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+void run(benchmark::State &st, uint16_t code, const char *expected) {
+    uint8_t request[16];
+    size_t n = request_build(request, sizeof request, code, nullptr, nullptr, 0);
+    std::vector<double> samples;
+    for (auto _ : st) {
+        reply_frame reply;
+        auto start = std::chrono::steady_clock::now();
+        bool ok = round_trip(request, n, &reply);
+        auto done = std::chrono::steady_clock::now();
+        if (!ok || reply.code != code || reply.status != STATUS_OK || std::string(reply.text) != expected) {
+            st.SkipWithError("unexpected reply");
+            break;
+        }
+        double secs = std::chrono::duration<double>(done - start).count();
+        st.SetIterationTime(secs);
+        samples.push_back(secs * 1000);
+        // A worker replies before it frees the port; the next round starts after that.
+        while (state().worker_busy.load(std::memory_order_acquire) != 0)
+            std::this_thread::yield();
+    }
+    st.counters["median_ms"] = median(samples);
+}
+
+void BM_VersionRoundTrip(benchmark::State &st) { run(st, 911, "ZOLVIN 4G SERVER V1.23"); }
+void BM_SignalRoundTrip(benchmark::State &st) { run(st, 102, "20"); }
+
+BENCHMARK(BM_VersionRoundTrip)->UseManualTime()->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly();
+BENCHMARK(BM_SignalRoundTrip)->UseManualTime()->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly();
+
+} // namespace
+
+int main(int argc, char **argv) {
+    // A private network namespace (root only) keeps the abstract name apart from a daemon here.
+    if (unshare(CLONE_NEWNET) != 0 && !server_name_free()) {
+        printf("skipped: @phone_server is in use in this network namespace\n");
+        return 0;
+    }
+    daemon_state_reset();
+    state().module_type.store(MODULE_EC200T);
+    state().module_restarting.store(0);
+    emulated_port port(modem_family::ec200t);
+    pthread_t server;
+    if (pthread_create(&server, nullptr, interface_thread, nullptr) != 0 || pthread_detach(server) != 0)
+        return 1;
+    g_client = connect_server();
+    if (g_client < 0) {
+        printf("skipped: cannot connect to @phone_server\n");
+        return 0;
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    close(g_client);
+    return 0;
+}
