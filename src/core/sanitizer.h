@@ -1,0 +1,10 @@
+// Builds with the address sanitizer: one test for GCC and Clang.
+#pragma once
+
+#if defined(__SANITIZE_ADDRESS__)
+#define ZOLVIN_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZOLVIN_ASAN 1
+#endif
+#endif
