@@ -565,6 +565,8 @@ TEST(ClientWorkerTest, CommandBytesOnTheWire) {
     config.relay_modem = true;
     sim_board board(config);
     ASSERT_TRUE(board.start_daemon());
+    // The relay drops a connection made before the module is on the bus.
+    ASSERT_TRUE(board.wait_for_event("command started", WAIT));
     modem_port port = board.connect_modem();
     ASSERT_TRUE(port.connected());
     client_conn c(board.connect_client());
@@ -791,10 +793,13 @@ TEST(ClientRestartTest, RestartCancelsTheWorkerReopensTheModuleAndFreesThePort) 
     EXPECT_FALSE(has_event(c.others, 452)) << "the cancelled worker answered";
 
     std::vector<line_write> lines = b.board.lines();
-    std::string cycle;
-    for (size_t i = lines_before; i < lines.size(); ++i)
-        cycle += lines[i].line + lines[i].value + " ";
-    EXPECT_EQ(cycle, "rst1 pwr0 rst0 pwr1 ");
+    std::string cycle, all;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (i >= lines_before)
+            cycle += lines[i].line + lines[i].value + " ";
+        all += std::to_string(lines[i].ms) + " " + lines[i].line + lines[i].value + "\n";
+    }
+    EXPECT_EQ(cycle, "rst1 pwr0 rst0 pwr1 ") << "from line " << lines_before << ":\n" << all;
 
     // The port is free again for a worker and for the supervisor's dial.
     ASSERT_TRUE(b.emu.clear_replies());
