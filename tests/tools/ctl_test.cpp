@@ -443,7 +443,7 @@ TEST(CtlRunTest, FailureStatusTimeOutAndAVanishedDaemon) {
     }
 }
 
-TEST(CtlRunTest, RawAtWaitsForThePassThroughReplyBeforeSendingTheLine) {
+TEST(CtlRunTest, RawAtSendsTheLineAfterThePassThroughReplyAgainWhileBusy) {
     FakeDaemon daemon;
     ToolRun tool(daemon, {"at", "AT"});
     ASSERT_TRUE(daemon.accept_client());
@@ -452,6 +452,9 @@ TEST(CtlRunTest, RawAtWaitsForThePassThroughReplyBeforeSendingTheLine) {
     // Sent together, the two frames could land in one read and the second be lost.
     EXPECT_EQ(daemon.next_request(&f, 200), -1);
     daemon.say(reply_bytes(401, 0));
+    ASSERT_EQ(daemon.next_request(&f), 402);
+    // The pass-through worker may not have freed the port yet: the line goes again.
+    daemon.say(reply_bytes(402, 12));
     ASSERT_EQ(daemon.next_request(&f), 402);
     EXPECT_EQ(std::string(f.fields[1]), "AT");
     daemon.say(reply_bytes(402, 0, "AT"));
@@ -470,6 +473,16 @@ TEST(CtlRunTest, RawAtWaitsForThePassThroughReplyBeforeSendingTheLine) {
     EXPECT_EQ(r2.status, ctl::EXIT_FAILED);
     EXPECT_EQ(r2.out, "401 not-ready(13)\n");
     EXPECT_EQ(busy.next_request(&f, 100), -1);
+
+    // A plain request takes busy for its answer.
+    FakeDaemon plain;
+    ToolRun query(plain, {"signal"});
+    ASSERT_TRUE(plain.accept_client());
+    ASSERT_EQ(plain.next_request(&f), 102);
+    plain.say(reply_bytes(102, 12));
+    tool_result r3 = query.finish();
+    EXPECT_EQ(r3.status, ctl::EXIT_FAILED);
+    EXPECT_EQ(r3.out, "102 busy(12)\n");
 }
 
 TEST(CtlRunTest, ListenPrintsEveryFrameUntilStoppedOrTheDaemonLeaves) {

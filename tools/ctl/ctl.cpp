@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 namespace ctl {
@@ -128,6 +129,7 @@ bool build_at(const args &a, command *out, std::string *) {
     out->steps.push_back(on);
     request line = make(402, {"1", a[0]});
     line.kind = reply_kind::at_lines;
+    line.busy_retry_ms = 2000;
     out->steps.push_back(line);
     return true;
 }
@@ -401,13 +403,22 @@ int session::run_step(const request &r) {
     if (!send_all(fd_, frame))
         return failed_wait(wait_result::closed, &r);
     exchange ex(r);
-    auto deadline = clock_type::now() + std::chrono::milliseconds(r.timeout_ms);
+    auto start = clock_type::now();
+    auto deadline = start + std::chrono::milliseconds(r.timeout_ms);
     for (;;) {
         reply_frame f;
         wait_result w = next_frame(&f, &deadline);
         if (w != wait_result::frame)
             return failed_wait(w, &r);
         verdict v = ex.take(f);
+        if (v == verdict::done && f.status == STATUS_BUSY && f.code == r.code &&
+            clock_type::now() - start < std::chrono::milliseconds(r.busy_retry_ms)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            if (!send_all(fd_, frame))
+                return failed_wait(wait_result::closed, &r);
+            ex = exchange(r);
+            continue;
+        }
         if (v == verdict::unrelated) {
             if (opts_.events || opts_.listen)
                 print(f, !opts_.listen);

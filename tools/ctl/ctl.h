@@ -35,6 +35,9 @@ struct request {
     int timeout_ms = 0;
     // Its reply is not printed when it succeeds: a preparatory step of a command.
     bool quiet = false;
+    // Sent again for this long while the answer is busy: the worker of the step
+    // before replies before it frees the module port.
+    int busy_retry_ms = 0;
 };
 
 // Requests are sent one at a time: the daemon takes one read of its socket as
