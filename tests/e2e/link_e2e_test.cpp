@@ -308,7 +308,7 @@ TEST(LinkDiscoveryTest, ModuleWithoutNetworkInterfaceIsNeverOpenedButUpperCaseId
         EXPECT_FALSE(has(out, "Find 4G ethernet")) << out;
         EXPECT_FALSE(has(out, "Module:")) << out;
         // Its AT port is in place but never opened: a port opened at the first
-        // look would have had ATI 2 s later, and the interface taken down.
+        // look would have had ATI 2 s later.
         EXPECT_EQ(missing.command_texts(), std::vector<std::string>{});
         EXPECT_EQ(missing.call_texts(), DRIVERS);
         EXPECT_TRUE(missing.board.running());
