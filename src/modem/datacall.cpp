@@ -3,6 +3,7 @@
 
 #include "core/config.h"
 #include "core/log.h"
+#include "core/supervisor.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -138,8 +139,7 @@ int dial_ec20(uint8_t report) {
         // the link check to find out.
         char cmd[CMD_FIELD_SIZE];
         setting_read(cmd, sizeof cmd, s.app_cmd);
-        int ignored = system(cmd);
-        (void)ignored;
+        run_shell(cmd);
         if (report)
             client_report(CODE_DIAL, STATUS_OK, nullptr);
         return 0;

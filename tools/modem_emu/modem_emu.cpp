@@ -508,23 +508,9 @@ void modem_emulator::complete_command(int64_t now) {
         record_command(record);
         return;
     }
-    if (garbage_) {
-        record_command(record);
-        schedule_reply({}, MODEM_GARBAGE, 0, 0, now);
+    int delay = 0, gap = 0;
+    if (answer_override(text, false, now, &record, &delay, &gap))
         return;
-    }
-    const rule *r = find_rule(text, false);
-    if (r != nullptr && r->reply.what != modem_reply::kind::standard) {
-        modem_reply reply = r->reply;
-        use_rule(r);
-        record_command(record);
-        answer_with(reply, now);
-        return;
-    }
-    int delay = r != nullptr ? r->reply.delay_ms : 0;
-    int gap = r != nullptr ? r->reply.gap_ms : 0;
-    if (r != nullptr)
-        use_rule(r);
 
     answer_plan plan = standard_answer(family_, text, *session_);
     std::string tail;
@@ -546,6 +532,30 @@ void modem_emulator::complete_command(int64_t now) {
     schedule_later(plan.later);
 }
 
+bool modem_emulator::answer_override(const std::string &text, bool body, int64_t now,
+                                     const modem_command *record, int *delay, int *gap) {
+    if (garbage_) {
+        if (record != nullptr)
+            record_command(*record);
+        schedule_reply({}, MODEM_GARBAGE, 0, 0, now);
+        return true;
+    }
+    const rule *r = find_rule(text, body);
+    if (r == nullptr)
+        return false;
+    modem_reply reply = r->reply;
+    use_rule(r);
+    if (reply.what == modem_reply::kind::standard) {
+        *delay = reply.delay_ms;
+        *gap = reply.gap_ms;
+        return false;
+    }
+    if (record != nullptr)
+        record_command(*record);
+    answer_with(reply, now);
+    return true;
+}
+
 void modem_emulator::complete_body(bool aborted, int64_t now) {
     input_ = input_mode::command;
     for (modem_command &c : records_) {
@@ -560,21 +570,9 @@ void modem_emulator::complete_body(bool aborted, int64_t now) {
     const std::string &text = body_command_;
     if (silent_)
         return;
-    if (garbage_) {
-        schedule_reply({}, MODEM_GARBAGE, 0, 0, now);
+    int delay = 0, gap = 0;
+    if (answer_override(text, true, now, nullptr, &delay, &gap))
         return;
-    }
-    const rule *r = find_rule(text, true);
-    if (r != nullptr && r->reply.what != modem_reply::kind::standard) {
-        modem_reply reply = r->reply;
-        use_rule(r);
-        answer_with(reply, now);
-        return;
-    }
-    int delay = r != nullptr ? r->reply.delay_ms : 0;
-    int gap = r != nullptr ? r->reply.gap_ms : 0;
-    if (r != nullptr)
-        use_rule(r);
     answer_plan plan = standard_body_answer(family_, text, aborted, *session_);
     schedule_reply(plan.lines, "", delay, gap, now);
     schedule_later(plan.later);

@@ -173,6 +173,11 @@ private:
     const rule *find_rule(const std::string &text, bool body) const;
     void use_rule(const rule *r);
     void answer_with(const modem_reply &reply, int64_t now);
+    // Answers with garbage or a test's override when one applies (recording
+    // `record` first, when given) and returns true; otherwise leaves the delay
+    // and gap that a "standard" override asks of the family's own answer.
+    bool answer_override(const std::string &text, bool body, int64_t now,
+                         const modem_command *record, int *delay, int *gap);
     void schedule_reply(const std::vector<std::string> &lines, const std::string &tail,
                         int delay_ms, int gap_ms, int64_t now);
     void schedule_later(const std::vector<std::pair<int, std::string>> &later);
