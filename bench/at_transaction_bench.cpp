@@ -10,8 +10,8 @@
 
 namespace {
 
-const at_member QUERY = {102, 350, at_end::prefix, "+CSQ:", true, true};
-const at_member SETTER = {110, 300, at_end::ok, nullptr, true, true};
+const at_member QUERY = at_query(102, 350, "+CSQ:");
+const at_member SETTER = at_setter(110, 300);
 
 void run(benchmark::State &st, const at_member &m, const char *cmd, const char *answer) {
     daemon_state_reset();

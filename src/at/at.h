@@ -1,105 +1,164 @@
 // The AT transport: the receive thread that cuts the port's bytes into lines
-// and routes them, the two line rings, `at_send`, and the one transaction frame
-// that every AT exchange of the daemon runs.
+// and routes them, the two line rings, the AT engine (begin, send, wait for a
+// line, finish) with the one transaction frame built on it, and the access
+// rule: who may use the port, and the life of the one request worker.
 #pragma once
 
 #include "at/serial.h"
-#include "client/frames.h"
 #include "core/daemon_state.h"
+#include "core/report.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <sys/time.h>
 
 // Routing states of `at_state`.
 enum : int32_t { AT_IDLE = 0, AT_CLOSING = 1, AT_COLLECTING = 2 };
 
 constexpr size_t RX_READ_SIZE = 100;
-constexpr size_t LINE_KEEP = 498;       // characters a line keeps
+constexpr size_t LINE_KEEP = 498; // characters a line keeps
 constexpr uint32_t RX_IDLE_FLUSH_MS = 1000;
 
 // ---- rings ----
-struct ring_view {
-    char (*slots)[RING_LINE_SIZE];
-    std::atomic<int32_t> &write_index;
-    std::atomic<int32_t> &ready_index;
-    std::atomic<int32_t> &read_index;
-};
-ring_view resp_ring_view();
-ring_view urc_ring_view();
-
-// Copies the line (cut to 499 characters) into the next slot and publishes it.
-// There is no fullness test: 20 lines ahead of the reader, lines are lost.
-void ring_push(ring_view ring, const char *line);
-// Copies the next unread line into `out` (cut to `size` - 1) and returns true,
-// or returns false when the ring is empty.
-bool ring_pop(ring_view ring, char *out, size_t size);
-
+// Pushes a line (cut to 499 characters) into urc_ring, waiting for room.
 void urc_push(const char *line);
-// Moves every unread response line to urc_ring.
-void resp_drain_to_urc();
-// Empties both rings (all six indices 0), as before a new receive thread starts.
+// Takes the next line of urc_ring into `out` (cut to `size` - 1); waits until
+// one comes or the deadline passes (false).
+bool urc_pop(char *out, size_t size, int64_t deadline_ms);
+// How many lines wait in urc_ring.
+int32_t urc_waiting();
+// Empties both rings and wakes whoever waits for room. `at_state` is left
+// alone: after a firmware download the update is still collecting.
 void rings_reset();
 
 // ---- receive path ----
-// Writes a command (with its own line end) to the AT port: its length, or -1.
+// Writes a command (with its own line end) or raw bytes to the AT port: the
+// length, or -1.
 int at_send(const char *cmd, size_t len);
 
 // Cuts a byte stream into lines: CR/LF end a line, empty lines vanish, a '>'
-// at the start of a line is a line of its own, leading spaces are skipped and
-// a line keeps its first 498 characters.
+// at the start of a line is a line of its own, leading spaces and NUL bytes
+// are dropped and a line keeps its first 498 characters.
 struct line_splitter {
     char line[RING_LINE_SIZE];
     size_t len;
-    timeval last_rx;
+    int64_t last_rx_ms; // monotonic time of the last bytes
 };
 using line_sink = void (*)(const char *line, bool complete, void *ctx);
 void splitter_reset(line_splitter *sp);
 // `complete` is true for lines ended by CR/LF, false for the '>' prompt.
-void splitter_feed(line_splitter *sp, const char *bytes, size_t n, line_sink sink, void *ctx);
-// Hands over a partial line once nothing arrived for `idle_ms` since last_rx.
-void splitter_idle(line_splitter *sp, uint32_t idle_ms, line_sink sink, void *ctx);
+void splitter_feed(line_splitter *sp, const char *bytes, size_t n, int64_t now_ms,
+                   line_sink sink, void *ctx);
+// When the unfinished line is due to be handed over as it is, or NO_DEADLINE.
+int64_t splitter_flush_due(const line_splitter *sp);
+// Hands over the unfinished line once its flush is due at `now_ms`.
+void splitter_idle(line_splitter *sp, int64_t now_ms, line_sink sink, void *ctx);
 
 // Routes one line: to the client in pass-through mode, else to resp_ring while
-// a transaction collects and to urc_ring otherwise.
+// a transaction collects and to urc_ring otherwise. Waits while the chosen
+// ring is full or a transaction is closing.
 void line_deliver(const char *line);
 
-// Thread entry of the only reader of the AT port; runs until cancelled.
+// Thread entry of the only reader of the AT port; runs until cancelled and
+// sleeps in poll() while the module says nothing.
 void *rx_thread(void *arg);
 
-// ---- transaction ----
+// ---- the engine: the steps every exchange with the module is made of ----
+// Empties resp_ring and starts collecting the module's lines there; ends
+// pass-through mode. The caller holds the right to use the port.
+void at_begin();
+// After a failed send: stop collecting, nothing to drain.
+void at_abort();
+// The next collected line into `out`; false when the deadline passed first.
+bool at_next_line(char *out, size_t size, int64_t deadline_ms);
+// Moves every unread collected line to urc_ring and stops collecting, as one
+// step against the receive thread, so no line is left behind or reordered.
+void at_finish();
+
+// ---- the transaction frame ----
 enum class at_end : uint8_t {
-    ok,          // "OK" ends with success
-    prefix,      // the result prefix line ends with success; "OK" is passed over
-    digit_line,  // a line starting with '0'..'9' ends with success; "OK" passed over
-    collect_ok,  // "OK" ends; every other line but the echo is collected, joined by ','
+    ok,         // "OK" ends with success
+    prefix,     // the result prefix line ends with success; "OK" is passed over
+    digit_line, // a line starting with '0'..'9' ends with success; "OK" passed over
+    collect_ok, // "OK" ends; every other line but the echo is collected, joined by ','
 };
 
-// One row of the AT command family.
+// Which error lines end the wait with failure.
+enum at_errors : uint8_t {
+    AT_ERRORS_NONE = 0,
+    AT_ERROR_PLAIN = 1,  // "ERROR"
+    AT_ERROR_MODULE = 2, // "+CME ERROR:" / "+CMS ERROR:" (also passed on to urc_ring)
+    AT_ERRORS_ALL = 3,
+};
+
+using at_info = void (*)(const char *line, void *ctx);
+
+// One row of the AT command family: what ends its wait, and how it reports.
 struct at_member {
     int report_code;
     uint32_t timeout_ms;
     at_end success;
-    const char *prefix;  // for at_end::prefix
-    bool module_errors;  // "+CME ERROR:" / "+CMS ERROR:" fail (and reach urc_ring)
-    bool plain_error;    // "ERROR" fails
-    bool send_error_always_reported = false; // "at send error!" even when report is 0
+    const char *result_prefix; // for at_end::prefix
+    uint8_t errors;            // at_errors
+    bool send_error_always_reported; // "at send error!" even when report is 0
     // A line that also ends the wait through the parse step and is then passed
-    // on to urc_ring, for an event the common thread must see as well (a call
-    // that ends while "ATA" is answered).
-    const char *event_end = nullptr;
-    // Lines that are handed to `info` while the wait goes on (an answer line
-    // that comes before the closing "OK").
-    const char *info_prefix = nullptr;
-    void (*info)(const char *line, void *ctx) = nullptr;
+    // on to urc_ring, for an event the common thread must see as well.
+    const char *also_ends;
+    // Lines handed to `info` while the wait goes on (an answer line before "OK").
+    const char *info_prefix;
+    at_info info;
+
+    constexpr at_member with_errors(uint8_t e) const {
+        at_member m = *this;
+        m.errors = e;
+        return m;
+    }
+    constexpr at_member send_error_always() const {
+        at_member m = *this;
+        m.send_error_always_reported = true;
+        return m;
+    }
+    constexpr at_member also_ending_on(const char *line) const {
+        at_member m = *this;
+        m.also_ends = line;
+        return m;
+    }
+    constexpr at_member with_info(const char *prefix, at_info fn) const {
+        at_member m = *this;
+        m.info_prefix = prefix;
+        m.info = fn;
+        return m;
+    }
 };
+
+// "OK" ends; every error line fails.
+constexpr at_member at_setter(int code, uint32_t timeout_ms) {
+    return {code, timeout_ms, at_end::ok, nullptr, AT_ERRORS_ALL, false, nullptr, nullptr, nullptr};
+}
+// "OK" ends; only "ERROR" fails, a module error waits for the time-out.
+constexpr at_member at_ok_or_error(int code, uint32_t timeout_ms) {
+    return at_setter(code, timeout_ms).with_errors(AT_ERROR_PLAIN);
+}
+// The result line ends; "OK" is passed over; every error line fails.
+constexpr at_member at_query(int code, uint32_t timeout_ms, const char *prefix) {
+    return {code, timeout_ms, at_end::prefix, prefix, AT_ERRORS_ALL, false, nullptr, nullptr, nullptr};
+}
+// A line that starts with a digit ends; no error line fails unless added.
+constexpr at_member at_digit_line(int code, uint32_t timeout_ms) {
+    return {code,  timeout_ms, at_end::digit_line, nullptr, AT_ERRORS_NONE,
+            false, nullptr,    nullptr,            nullptr};
+}
+// "OK" ends; the lines before it are the answer; no error line fails.
+constexpr at_member at_collect_until_ok(int code, uint32_t timeout_ms) {
+    return {code,  timeout_ms, at_end::collect_ok, nullptr, AT_ERRORS_NONE,
+            false, nullptr,    nullptr,            nullptr};
+}
 
 // What a member's parse step makes of its success line.
 struct at_outcome {
-    int result;          // the member's return value
-    int status;          // reported status
+    int result;         // the member's return value
+    int status;         // reported status
     bool has_text;
-    bool always_report;  // report even when the caller asked for silence
+    bool always_report; // report even when the caller asked for silence
     char text[REPLY_TEXT_MAX + 1];
 };
 using at_parse = void (*)(const char *line, at_outcome *out, void *ctx);
@@ -110,6 +169,28 @@ using at_parse = void (*)(const char *line, at_outcome *out, void *ctx);
 int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse parse = nullptr,
                    void *ctx = nullptr);
 
-// The common end of every exchange after a successful send: hold the receive
-// thread, move leftovers to urc_ring, go idle.
-void at_txn_finish();
+// ---- the right to use the port ----
+// One exchange at a time: a request worker (for its whole life), the
+// supervisor's own work, a dial or the link check. `at_mutex` is held by a
+// worker from before its start to its end, and by the link check around its
+// exchanges; `worker_busy` and `dial_in_progress` tell the client it must wait.
+enum class worker_start_result { started, busy, failed };
+// Starts `entry(arg)` as the detached request worker, unless the port is taken.
+// Waits while the link check holds the port.
+worker_start_result worker_start(void *(*entry)(void *), void *arg);
+// The worker's last act on every path, also when cancelled: gives the port back
+// and tells whoever waits for its end.
+void worker_finished();
+// Cancels the running worker, if any, and waits for its end.
+void worker_cancel();
+
+// Supervisor work between dials (start-up queries, tear-down): false when a
+// worker owns the port; otherwise the port is held until port_work_end().
+bool port_work_begin();
+void port_work_end();
+// Marks a dial as running (`dial_in_progress`); waits for a running worker to
+// end first. False when `worker_busy` is still found set.
+bool port_claim_for_dial();
+// The link check's exchanges: waits for a running worker.
+void port_hold();
+void port_release();

@@ -1,64 +1,145 @@
 #include "at/at.h"
 
 #include <cstring>
-#include <initializer_list>
 
 namespace {
+
 int32_t next_slot(int32_t i) { return i + 1 > RING_SLOTS - 1 ? 0 : i + 1; }
-} // namespace
 
-ring_view resp_ring_view() {
-    daemon_state &s = state();
-    return {s.resp_ring, s.resp_write_index, s.resp_ready_index, s.resp_read_index};
-}
+bool ring_full(const line_ring &r) { return r.count >= RING_SLOTS; }
 
-ring_view urc_ring_view() {
-    daemon_state &s = state();
-    return {s.urc_ring, s.urc_write_index, s.urc_ready_index, s.urc_read_index};
-}
-
-void ring_push(ring_view ring, const char *line) {
-    int32_t w = ring.write_index.load(std::memory_order_relaxed);
-    if (w < 0 || w >= RING_SLOTS)
-        w = 0;
-    // No fullness test, but the slot about to be reused must be ordered after the
-    // reader's last copy out of it: take the reader's progress with acquire.
-    (void)ring.read_index.load(std::memory_order_acquire);
+// Both with line_lock held.
+void ring_put(line_ring &r, const char *line) {
     size_t n = strnlen(line, RING_LINE_SIZE - 1);
-    memcpy(ring.slots[w], line, n);
-    ring.slots[w][n] = '\0';
-    w = next_slot(w);
-    ring.write_index.store(w, std::memory_order_relaxed);
-    // The slot is complete: publish it.
-    ring.ready_index.store(w, std::memory_order_release);
+    memcpy(r.slots[r.write_index], line, n);
+    r.slots[r.write_index][n] = '\0';
+    r.write_index = next_slot(r.write_index);
+    ++r.count;
+    r.readable.signal();
 }
 
-bool ring_pop(ring_view ring, char *out, size_t size) {
-    int32_t r = ring.read_index.load(std::memory_order_relaxed);
-    if (r == ring.ready_index.load(std::memory_order_acquire))
-        return false;
-    if (r < 0 || r >= RING_SLOTS)
-        r = 0;
-    size_t n = strnlen(ring.slots[r], RING_LINE_SIZE - 1);
+void ring_take(line_ring &r, char *out, size_t size) {
+    const char *slot = r.slots[r.read_index];
+    size_t n = strnlen(slot, RING_LINE_SIZE - 1);
     if (n > size - 1)
         n = size - 1;
-    memcpy(out, ring.slots[r], n);
+    memcpy(out, slot, n);
     out[n] = '\0';
-    ring.read_index.store(next_slot(r), std::memory_order_release);
+    r.read_index = next_slot(r.read_index);
+    --r.count;
+    // The receive thread or a transaction may wait for this room.
+    state().line_room.broadcast();
+}
+
+void ring_clear(line_ring &r) {
+    r.write_index = 0;
+    r.read_index = 0;
+    r.count = 0;
+}
+
+// Waits for a line in `r` until the deadline; takes it. line_lock held.
+bool ring_wait_take(line_ring &r, char *out, size_t size, int64_t deadline_ms) {
+    daemon_state &s = state();
+    while (r.count == 0) {
+        if (!r.readable.wait(&s.line_lock, deadline_ms) && r.count == 0)
+            return false;
+    }
+    ring_take(r, out, size);
     return true;
 }
 
-void urc_push(const char *line) { ring_push(urc_ring_view(), line); }
+void urc_put_waiting(const char *line) {
+    daemon_state &s = state();
+    while (ring_full(s.urc_ring))
+        s.line_room.wait(&s.line_lock, NO_DEADLINE);
+    ring_put(s.urc_ring, line);
+}
 
-void resp_drain_to_urc() {
-    char line[RING_LINE_SIZE];
-    while (ring_pop(resp_ring_view(), line, sizeof line))
-        urc_push(line);
+} // namespace
+
+void urc_push(const char *line) {
+    daemon_state &s = state();
+    lock_hold hold(&s.line_lock);
+    urc_put_waiting(line);
+}
+
+bool urc_pop(char *out, size_t size, int64_t deadline_ms) {
+    daemon_state &s = state();
+    lock_hold hold(&s.line_lock);
+    return ring_wait_take(s.urc_ring, out, size, deadline_ms);
+}
+
+int32_t urc_waiting() {
+    daemon_state &s = state();
+    lock_hold hold(&s.line_lock);
+    return s.urc_ring.count;
 }
 
 void rings_reset() {
     daemon_state &s = state();
-    for (std::atomic<int32_t> *i : {&s.resp_write_index, &s.resp_ready_index, &s.resp_read_index,
-                                    &s.urc_write_index, &s.urc_ready_index, &s.urc_read_index})
-        i->store(0, std::memory_order_release);
+    lock_hold hold(&s.line_lock);
+    ring_clear(s.resp_ring);
+    ring_clear(s.urc_ring);
+    s.line_room.broadcast();
+}
+
+void line_deliver(const char *line) {
+    daemon_state &s = state();
+    if (s.at_passthrough.load(std::memory_order_acquire)) {
+        client_report(EVENT_AT_LINE, STATUS_OK, line);
+        return;
+    }
+    lock_hold hold(&s.line_lock);
+    for (;;) {
+        int32_t routing = s.at_state.load(std::memory_order_relaxed);
+        // A closing transaction's leftovers go to urc_ring first.
+        if (routing != AT_CLOSING) {
+            line_ring &ring = routing == AT_IDLE ? s.urc_ring : s.resp_ring;
+            if (!ring_full(ring)) {
+                ring_put(ring, line);
+                return;
+            }
+        }
+        // The kernel keeps the port's bytes meanwhile: nothing is lost.
+        s.line_room.wait(&s.line_lock, NO_DEADLINE);
+    }
+}
+
+void at_begin() {
+    daemon_state &s = state();
+    {
+        lock_hold hold(&s.line_lock);
+        ring_clear(s.resp_ring);
+        s.at_state.store(AT_COLLECTING, std::memory_order_release);
+        s.line_room.broadcast();
+    }
+    s.at_passthrough.store(0, std::memory_order_release);
+}
+
+void at_abort() {
+    daemon_state &s = state();
+    lock_hold hold(&s.line_lock);
+    s.at_state.store(AT_IDLE, std::memory_order_release);
+    s.line_room.broadcast();
+}
+
+bool at_next_line(char *out, size_t size, int64_t deadline_ms) {
+    daemon_state &s = state();
+    lock_hold hold(&s.line_lock);
+    return ring_wait_take(s.resp_ring, out, size, deadline_ms);
+}
+
+void at_finish() {
+    daemon_state &s = state();
+    lock_hold hold(&s.line_lock);
+    // While closing, the receive thread holds its next line back; waits for
+    // room in urc_ring release the lock, and the state keeps the order.
+    s.at_state.store(AT_CLOSING, std::memory_order_release);
+    char line[RING_LINE_SIZE];
+    while (s.resp_ring.count > 0) {
+        ring_take(s.resp_ring, line, sizeof line);
+        urc_put_waiting(line);
+    }
+    s.at_state.store(AT_IDLE, std::memory_order_release);
+    s.line_room.broadcast();
 }

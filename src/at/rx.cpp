@@ -1,9 +1,11 @@
 #include "at/at.h"
 
-#include "core/log.h"
+#include "core/wait.h"
 
+#include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <poll.h>
+#include <unistd.h>
 
 int at_send(const char *cmd, size_t len) {
     daemon_state &s = state();
@@ -15,7 +17,7 @@ int at_send(const char *cmd, size_t len) {
 void splitter_reset(line_splitter *sp) {
     sp->len = 0;
     sp->line[0] = '\0';
-    sp->last_rx = timeval{0, 0};
+    sp->last_rx_ms = 0;
 }
 
 namespace {
@@ -26,7 +28,8 @@ void hand_over(line_splitter *sp, bool complete, line_sink sink, void *ctx) {
 }
 } // namespace
 
-void splitter_feed(line_splitter *sp, const char *bytes, size_t n, line_sink sink, void *ctx) {
+void splitter_feed(line_splitter *sp, const char *bytes, size_t n, int64_t now_ms,
+                   line_sink sink, void *ctx) {
     for (size_t i = 0; i < n; ++i) {
         char c = bytes[i];
         if (c == '\r' || c == '\n') {
@@ -37,54 +40,75 @@ void splitter_feed(line_splitter *sp, const char *bytes, size_t n, line_sink sin
             sp->line[0] = '>';
             sp->len = 1;
             hand_over(sp, false, sink, ctx);
-        } else if (sp->len >= LINE_KEEP || (sp->len == 0 && c == ' ')) {
-            // Overlong tails and leading blanks (also the one after '>') are dropped.
+        } else if (c == '\0' || sp->len >= LINE_KEEP || (sp->len == 0 && c == ' ')) {
+            // NUL bytes, overlong tails and leading blanks (also the one after
+            // '>') are dropped.
         } else {
             sp->line[sp->len++] = c;
         }
     }
-    gettimeofday(&sp->last_rx, nullptr);
+    sp->last_rx_ms = now_ms;
 }
 
-void splitter_idle(line_splitter *sp, uint32_t idle_ms, line_sink sink, void *ctx) {
-    if (sp->len > 0 && elapsed_reached(sp->last_rx.tv_sec, sp->last_rx.tv_usec, idle_ms))
+int64_t splitter_flush_due(const line_splitter *sp) {
+    return sp->len > 0 ? sp->last_rx_ms + RX_IDLE_FLUSH_MS : NO_DEADLINE;
+}
+
+void splitter_idle(line_splitter *sp, int64_t now_ms, line_sink sink, void *ctx) {
+    int64_t due = splitter_flush_due(sp);
+    if (due != NO_DEADLINE && now_ms >= due)
         hand_over(sp, false, sink, ctx);
 }
 
-void line_deliver(const char *line) {
-    daemon_state &s = state();
-    if (s.at_passthrough.load(std::memory_order_acquire)) {
-        client_report(EVENT_AT_LINE, STATUS_OK, line);
-        return;
-    }
-    // A closing transaction is moving its leftovers to urc_ring: they go first.
-    while (s.at_state.load(std::memory_order_acquire) == AT_CLOSING)
-        sleep_for(0, 1000);
-    if (s.at_state.load(std::memory_order_acquire) == AT_IDLE)
-        urc_push(line);
-    else
-        ring_push(resp_ring_view(), line);
-}
-
 namespace {
+
 void rx_sink(const char *line, bool complete, void *) {
     if (complete && state().atprint.load(std::memory_order_acquire))
         printf("receive at data:%s\n", line);
     line_deliver(line);
 }
+
+// A port that hung up (the module left the bus) has nothing more to say: the
+// unfinished line still gets its flush, then the thread sleeps until the
+// supervisor cancels it.
+[[noreturn]] void park(line_splitter *sp) {
+    int64_t due = splitter_flush_due(sp);
+    if (due != NO_DEADLINE) {
+        while (monotonic_ms() < due)
+            poll(nullptr, 0, poll_timeout(due));
+        splitter_idle(sp, monotonic_ms(), rx_sink, nullptr);
+    }
+    for (;;)
+        poll(nullptr, 0, -1);
+}
+
 } // namespace
 
 void *rx_thread(void *) {
     line_splitter sp;
     splitter_reset(&sp);
     char buf[RX_READ_SIZE];
+    const int fd = state().at_fd.load(std::memory_order_acquire);
     for (;;) {
-        int n = serial_read(state().at_fd.load(std::memory_order_acquire), buf, sizeof buf);
+        pollfd p{fd, POLLIN, 0};
+        // Blocks until the module speaks; only an unfinished line sets a time-out.
+        int ready = poll(&p, 1, poll_timeout(splitter_flush_due(&sp)));
+        if (ready < 0) {
+            if (errno == EINTR)
+                continue;
+            park(&sp);
+        }
+        if (ready == 0) {
+            splitter_idle(&sp, monotonic_ms(), rx_sink, nullptr);
+            continue;
+        }
+        if ((p.revents & POLLIN) == 0)
+            park(&sp); // hung up, error, or no port at all
+        ssize_t n = read(fd, buf, sizeof buf);
         if (n > 0)
-            splitter_feed(&sp, buf, static_cast<size_t>(n), rx_sink, nullptr);
-        else
-            splitter_idle(&sp, RX_IDLE_FLUSH_MS, rx_sink, nullptr);
-        sleep_for(0, 1000);
+            splitter_feed(&sp, buf, static_cast<size_t>(n), monotonic_ms(), rx_sink, nullptr);
+        else if (n == 0 || (errno != EAGAIN && errno != EINTR))
+            park(&sp);
     }
     return nullptr;
 }

@@ -1,7 +1,7 @@
 #include "at/at.h"
 
-#include "core/log.h"
 #include "core/text.h"
+#include "core/wait.h"
 
 #include <cstring>
 
@@ -11,9 +11,8 @@ constexpr size_t COLLECT_KEEP = 98; // characters of collected text, before the 
 
 bool is_digit_line(const char *line) { return line[0] >= '0' && line[0] <= '9'; }
 
-void report_if(uint8_t report, const at_member &m, int status, const char *text) {
-    if (report)
-        client_report(m.report_code, status, text);
+bool is_module_error(const char *line) {
+    return has_prefix(line, "+CME ERROR:") || has_prefix(line, "+CMS ERROR:");
 }
 
 // Appends one line to the collected text; it never exceeds 99 characters.
@@ -45,89 +44,101 @@ int settle(const at_member &m, const char *line, uint8_t report, at_parse parse,
     return out.result;
 }
 
-int succeed(const at_member &m, const char *line, uint8_t report, at_parse parse, void *ctx) {
-    int result = settle(m, line, report, parse, ctx);
-    at_txn_finish();
-    return result;
+int fail(const at_member &m, uint8_t report, const char *text) {
+    if (report)
+        client_report(m.report_code, STATUS_FAIL, text);
+    at_finish();
+    return -1;
 }
 
-int fail(const at_member &m, uint8_t report, const char *text) {
-    report_if(report, m, STATUS_FAIL, text);
-    at_txn_finish();
-    return -1;
+// What one collected line does to the exchange, in the order of the tests.
+enum class line_verdict {
+    success,
+    success_passed_on, // ends the wait and still reaches the common thread
+    info,
+    module_error,
+    error,
+    echo,        // the module repeating the command
+    passed_over, // an "OK" before a query's result line
+    collected,
+    unsolicited,
+};
+
+line_verdict classify(const at_member &m, const char *line) {
+    if (has_prefix(line, "OK"))
+        // Queries end on their result line; the OK after it is left for urc_ring.
+        return m.success == at_end::ok || m.success == at_end::collect_ok
+                   ? line_verdict::success
+                   : line_verdict::passed_over;
+    if ((m.success == at_end::prefix && m.result_prefix != nullptr &&
+         has_prefix(line, m.result_prefix)) ||
+        (m.success == at_end::digit_line && is_digit_line(line)))
+        return line_verdict::success;
+    if (m.also_ends != nullptr && has_prefix(line, m.also_ends))
+        return line_verdict::success_passed_on;
+    if (m.info_prefix != nullptr && has_prefix(line, m.info_prefix))
+        return line_verdict::info;
+    if ((m.errors & AT_ERROR_MODULE) && is_module_error(line))
+        return line_verdict::module_error;
+    if ((m.errors & AT_ERROR_PLAIN) && has_prefix(line, "ERROR"))
+        return line_verdict::error;
+    if (has_prefix(line, "AT"))
+        return line_verdict::echo;
+    return m.success == at_end::collect_ok ? line_verdict::collected : line_verdict::unsolicited;
 }
 
 } // namespace
 
-void at_txn_finish() {
-    daemon_state &s = state();
-    s.at_state.store(AT_CLOSING, std::memory_order_release);
-    // Let a line the receive thread is already pushing into resp_ring complete.
-    sleep_for(0, 1000);
-    resp_drain_to_urc();
-    s.at_state.store(AT_IDLE, std::memory_order_release);
-}
-
 int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse parse,
                    void *ctx) {
-    daemon_state &s = state();
-    s.resp_write_index.store(0, std::memory_order_relaxed);
-    s.resp_ready_index.store(0, std::memory_order_release);
-    s.resp_read_index.store(0, std::memory_order_relaxed);
-    s.at_state.store(AT_COLLECTING, std::memory_order_release);
-    s.at_passthrough.store(0, std::memory_order_release);
-
-    char collected[100] = {};
-    size_t collected_len = 0;
-
+    at_begin();
     if (at_send(cmd, strlen(cmd)) == -1) {
-        s.at_state.store(AT_IDLE, std::memory_order_release);
-        report_if(report || m.send_error_always_reported, m, STATUS_FAIL, "at send error!");
+        at_abort();
+        if (report || m.send_error_always_reported)
+            client_report(m.report_code, STATUS_FAIL, "at send error!");
         return -1;
     }
-    timeval start;
-    gettimeofday(&start, nullptr);
-
+    const int64_t deadline = monotonic_ms() + m.timeout_ms;
+    char collected[100] = {};
+    size_t collected_len = 0;
     char line[RING_LINE_SIZE];
-    for (;;) {
-        memset(line, 0, sizeof line);
-        if (ring_pop(resp_ring_view(), line, sizeof line)) {
-            if (has_prefix(line, "OK")) {
-                if (m.success == at_end::ok)
-                    return succeed(m, line, report, parse, ctx);
-                if (m.success == at_end::collect_ok)
-                    return succeed(m, collected, report, parse, ctx);
-                // Queries end on their result line; the OK after it is left for urc_ring.
-            } else if ((m.success == at_end::prefix && m.prefix != nullptr &&
-                        has_prefix(line, m.prefix)) ||
-                       (m.success == at_end::digit_line && is_digit_line(line))) {
-                return succeed(m, line, report, parse, ctx);
-            } else if (m.event_end != nullptr && has_prefix(line, m.event_end)) {
-                int result = settle(m, line, report, parse, ctx);
-                urc_push(line);
-                at_txn_finish();
-                return result;
-            } else if (m.info_prefix != nullptr && has_prefix(line, m.info_prefix)) {
-                if (m.info != nullptr)
-                    m.info(line, ctx);
-            } else if (m.module_errors &&
-                       (has_prefix(line, "+CME ERROR:") || has_prefix(line, "+CMS ERROR:"))) {
-                report_if(report, m, STATUS_FAIL, nullptr);
-                urc_push(line);
-                at_txn_finish();
-                return -1;
-            } else if (m.plain_error && has_prefix(line, "ERROR")) {
-                return fail(m, report, nullptr);
-            } else if (has_prefix(line, "AT")) {
-                // The module's echo of the command.
-            } else if (m.success == at_end::collect_ok) {
-                collect(collected, collected_len, line);
-            } else {
-                urc_push(line);
-            }
+    while (at_next_line(line, sizeof line, deadline)) {
+        switch (classify(m, line)) {
+        case line_verdict::success: {
+            int result = settle(m, m.success == at_end::collect_ok ? collected : line, report,
+                                parse, ctx);
+            at_finish();
+            return result;
         }
-        if (elapsed_reached(start.tv_sec, start.tv_usec, m.timeout_ms))
-            return fail(m, report, "time out!");
-        sleep_for(0, 1000);
+        case line_verdict::success_passed_on: {
+            int result = settle(m, line, report, parse, ctx);
+            urc_push(line);
+            at_finish();
+            return result;
+        }
+        case line_verdict::module_error:
+            if (report)
+                client_report(m.report_code, STATUS_FAIL, nullptr);
+            // The common thread reports the module's error line itself.
+            urc_push(line);
+            at_finish();
+            return -1;
+        case line_verdict::error:
+            return fail(m, report, nullptr);
+        case line_verdict::info:
+            if (m.info != nullptr)
+                m.info(line, ctx);
+            break;
+        case line_verdict::echo:
+        case line_verdict::passed_over:
+            break;
+        case line_verdict::collected:
+            collect(collected, collected_len, line);
+            break;
+        case line_verdict::unsolicited:
+            urc_push(line);
+            break;
+        }
     }
+    return fail(m, report, "time out!");
 }

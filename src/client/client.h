@@ -1,17 +1,10 @@
-// The client interface: the frames (client/frames.h), the server thread on the
+// The client interface: the frames (core/frames.h), the server thread on the
 // abstract socket "@phone_server" that answers the local codes itself, and the
 // request workers that run every other code on the AT port.
 #pragma once
 
-#include "client/frames.h"
-
-#include <sys/socket.h>
-#include <sys/un.h>
-
-constexpr const char *SERVER_SOCKET_NAME = "@phone_server";
-
-// Fills the abstract address; returns its length (15).
-socklen_t server_address(sockaddr_un *addr);
+#include "core/frames.h"
+#include "core/report.h"
 
 // Thread entry of the server; returns only after a socket error.
 void *interface_thread(void *arg);
@@ -29,10 +22,6 @@ struct worker_request {
 // Worker thread bodies, one per module family; the argument is a worker_request.
 void *request_worker_ec200(void *request_copy);
 void *request_worker_ec20(void *request_copy);
-
-// Marks the end of a worker, on every path (also when it is cancelled): clears
-// `worker_busy`, releases `at_mutex` and signals whoever waits for the worker.
-void worker_finished();
 
 // The two operations that exist only for the client.
 int set_sms_call_defaults();

@@ -1,16 +1,13 @@
 #include "client/client.h"
 
+#include "at/at.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
-#include "core/startup.h"
 #include "core/text.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <pthread.h>
-#include <semaphore.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,14 +16,6 @@ namespace {
 // The frame a worker runs; rewritten only when the next worker starts, which
 // cannot happen while one runs.
 worker_request g_request_copy;
-
-// Lets the server cancel a detached worker only while it still exists.
-pthread_mutex_t g_worker_lock = PTHREAD_MUTEX_INITIALIZER;
-std::atomic<bool> g_worker_alive{false};
-pthread_t g_worker_tid;
-sem_t g_worker_done;
-pthread_once_t g_worker_once = PTHREAD_ONCE_INIT;
-void init_worker_sync() { sem_init(&g_worker_done, 0, 0); }
 
 void reply(uint16_t code, int status, const char *text = nullptr) {
     client_report(code, status, text);
@@ -38,21 +27,10 @@ bool switch_is(const request_frame &f, int field, char value) {
 
 void restart_module() {
     daemon_state &s = state();
-    if (s.worker_busy.load(std::memory_order_acquire)) {
-        pthread_mutex_lock(&g_worker_lock);
-        bool alive = g_worker_alive.load(std::memory_order_acquire);
-        if (alive)
-            pthread_cancel(g_worker_tid);
-        pthread_mutex_unlock(&g_worker_lock);
-        if (alive) {
-            while (sem_wait(&g_worker_done) != 0 && errno == EINTR) {
-            }
-        }
-        s.worker_busy.store(0, std::memory_order_release);
-    }
+    worker_cancel();
     s.at_passthrough.store(0, std::memory_order_release);
-    s.module_restarting.store(1, std::memory_order_release);
     s.restart_report_pending.store(1, std::memory_order_release);
+    supervisor_request(s.module_restarting, 1);
 }
 
 void connection_state(uint16_t code) {
@@ -74,7 +52,7 @@ void auto_dial_switch(const request_frame &f) {
         reply(f.code, STATUS_BAD_PARAM);
         return;
     }
-    state().auto_dial.store(f.fields[0][0] == '1' ? 1 : 0, std::memory_order_release);
+    supervisor_request(state().auto_dial, f.fields[0][0] == '1' ? 1 : 0);
     reply(f.code, STATUS_OK);
 }
 
@@ -217,32 +195,15 @@ void start_worker(const uint8_t *buf, size_t len, uint16_t code) {
         reply(code, STATUS_BUSY);
         return;
     }
-    pthread_once(&g_worker_once, init_worker_sync);
     g_request_copy.len = len < sizeof g_request_copy.bytes ? len : sizeof g_request_copy.bytes;
     memset(g_request_copy.bytes, 0, sizeof g_request_copy.bytes);
     memcpy(g_request_copy.bytes, buf, g_request_copy.len);
     int32_t type = s.module_type.load(std::memory_order_acquire);
     void *(*worker)(void *) =
         type == MODULE_EC200T || type == MODULE_EC200S ? request_worker_ec200 : request_worker_ec20;
-
-    // Held for the worker's whole run; the worker gives it back.
-    s.at_mutex.lock();
-    s.worker_busy.store(1, std::memory_order_release);
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attr, THREAD_STACK_SIZE);
-    pthread_mutex_lock(&g_worker_lock);
-    while (sem_trywait(&g_worker_done) == 0) {
-    }
-    int rc = pthread_create(&g_worker_tid, &attr, worker, &g_request_copy);
-    g_worker_alive.store(rc == 0, std::memory_order_release);
-    pthread_mutex_unlock(&g_worker_lock);
-    pthread_attr_destroy(&attr);
-    if (rc != 0) {
-        s.worker_busy.store(0, std::memory_order_release);
-        s.at_mutex.unlock();
-    }
+    // Supervisor work may have taken the port since the test above.
+    if (worker_start(worker, &g_request_copy) == worker_start_result::busy)
+        reply(code, STATUS_BUSY);
 }
 
 void close_quietly(int fd) {
@@ -251,25 +212,6 @@ void close_quietly(int fd) {
 }
 
 } // namespace
-
-socklen_t server_address(sockaddr_un *addr) {
-    memset(addr, 0, sizeof *addr);
-    addr->sun_family = AF_UNIX;
-    memcpy(addr->sun_path, SERVER_SOCKET_NAME, strlen(SERVER_SOCKET_NAME) + 1);
-    addr->sun_path[0] = '\0'; // the abstract namespace
-    return static_cast<socklen_t>(sizeof addr->sun_family + strlen(SERVER_SOCKET_NAME));
-}
-
-void worker_finished() {
-    daemon_state &s = state();
-    pthread_mutex_lock(&g_worker_lock);
-    g_worker_alive.store(false, std::memory_order_release);
-    s.worker_busy.store(0, std::memory_order_release);
-    s.at_mutex.unlock();
-    pthread_once(&g_worker_once, init_worker_sync);
-    sem_post(&g_worker_done);
-    pthread_mutex_unlock(&g_worker_lock);
-}
 
 void handle_request(const uint8_t *buf, size_t len) {
     request_frame f;

@@ -29,6 +29,11 @@ daemon_state g_state;
 
 daemon_state &state() { return g_state; }
 
+void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value) {
+    flag.store(value, std::memory_order_release);
+    g_state.supervisor_wake.raise();
+}
+
 void daemon_state_reset() {
     g_state.~daemon_state();
     new (&g_state) daemon_state();

@@ -5,11 +5,16 @@
 // poll it is a std::atomic (release on the publishing store, acquire on the load).
 #pragma once
 
+#include "core/wait.h"
+
 #include <atomic>
 #include <cstdint>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <semaphore.h>
+
+constexpr const char *BANNER = "ZOLVIN 4G SERVER V1.23";
+constexpr size_t THREAD_STACK_SIZE = 1024 * 1024; // every thread of the daemon
 
 constexpr int RING_SLOTS = 20;
 constexpr int RING_LINE_SIZE = 500;
@@ -39,6 +44,16 @@ public:
 
 private:
     sem_t sem_;
+};
+
+// One ring of module lines. Its fields are guarded by `line_lock`; a ring
+// holds RING_SLOTS lines, and a producer that finds it full waits for room.
+struct line_ring {
+    char slots[RING_SLOTS][RING_LINE_SIZE];
+    int32_t write_index = 0;
+    int32_t read_index = 0;
+    int32_t count = 0;
+    mono_cond readable; // a line was pushed
 };
 
 struct daemon_state {
@@ -81,6 +96,9 @@ struct daemon_state {
     std::atomic<uint8_t> call_active{0};
     std::atomic<int32_t> fota_port_status{0};
     std::atomic<pthread_t> check_tid{0};
+    // Raised by whoever sets a flag above or changes `auto_dial`: the
+    // supervisor sleeps on it.
+    wake_signal supervisor_wake;
 
     // AT work gate
     at_gate at_mutex;
@@ -89,16 +107,15 @@ struct daemon_state {
 
     // AT transport
     std::atomic<int32_t> at_fd{-1};
-    std::atomic<int32_t> at_state{0};
     std::atomic<uint8_t> at_passthrough{0};
-    std::atomic<int32_t> resp_write_index{0};
-    std::atomic<int32_t> resp_ready_index{0};
-    std::atomic<int32_t> resp_read_index{0};
-    std::atomic<int32_t> urc_write_index{0};
-    std::atomic<int32_t> urc_ready_index{0};
-    std::atomic<int32_t> urc_read_index{0};
-    char resp_ring[RING_SLOTS][RING_LINE_SIZE];
-    char urc_ring[RING_SLOTS][RING_LINE_SIZE];
+    // The choice of ring, every push and pop, and a transaction's closing
+    // drain happen under this one lock, so lines keep the module's order and
+    // none is left behind in resp_ring.
+    pthread_mutex_t line_lock = PTHREAD_MUTEX_INITIALIZER;
+    mono_cond line_room;              // a line left a ring, or the routing changed
+    std::atomic<int32_t> at_state{0}; // written under line_lock
+    line_ring resp_ring;
+    line_ring urc_ring;
 
     // Client
     std::atomic<int32_t> client_fd{0};
@@ -125,6 +142,9 @@ struct daemon_state {
 
 // The single instance, zero-initialised but for the defaults above.
 daemon_state &state();
+
+// Sets a supervisor flag (or `auto_dial`) and wakes the supervisor.
+void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value);
 
 // Puts every field back to its start value. Only for a process that has no
 // other thread running (tests).

@@ -3,8 +3,8 @@
 
 namespace {
 
-constexpr at_member QTONEDET_ROW = setting_row(CODE_SET_QTONEDET, 350);
-constexpr at_member QWTTS_ROW = setting_row(CODE_PLAY_TTS, 1000);
+constexpr at_member QTONEDET_ROW = at_setter(CODE_SET_QTONEDET, 350);
+constexpr at_member QWTTS_ROW = at_setter(CODE_PLAY_TTS, 1000);
 
 } // namespace
 

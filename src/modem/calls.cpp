@@ -8,12 +8,12 @@ namespace {
 // "NO CARRIER" to ATA: the call was gone before it could be answered. The
 // common thread must see the line too, to tell the client the call ended. An
 // error answer is just another line, and ATA then ends by its time-out.
-constexpr at_member ATA_ROW{CODE_ANSWER_CALL, 1100, at_end::ok, nullptr, false,
-                            false,            false, "NO CARRIER"};
+constexpr at_member ATA_ROW =
+    at_setter(CODE_ANSWER_CALL, 1100).with_errors(AT_ERRORS_NONE).also_ending_on("NO CARRIER");
 // ATH has no error rule: an error answer waits the whole 90 s.
-constexpr at_member ATH_ROW{CODE_HANG_UP, 90000, at_end::ok, nullptr, false, false};
-constexpr at_member COLP_ROW = setting_row(CODE_SET_COLP, 15000);
-constexpr at_member CLIP_ROW = setting_row(CODE_SET_CLIP, 15000);
+constexpr at_member ATH_ROW = at_setter(CODE_HANG_UP, 90000).with_errors(AT_ERRORS_NONE);
+constexpr at_member COLP_ROW = at_setter(CODE_SET_COLP, 15000);
+constexpr at_member CLIP_ROW = at_setter(CODE_SET_CLIP, 15000);
 
 void answered(const char *line, at_outcome *out, void *) {
     if (!has_prefix(line, "NO CARRIER"))

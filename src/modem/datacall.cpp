@@ -3,23 +3,26 @@
 
 #include "core/config.h"
 #include "core/log.h"
-#include "core/supervisor.h"
+#include "core/shell.h"
 
 #include <cstdio>
 #include <cstdlib>
 
 namespace {
 
-constexpr at_member QIDEACT_ROW = data_step_row(CODE_SET_QIDEACT, 40000);
-constexpr at_member QICSGP_ROW = data_step_row(CODE_SET_QICSGP, 5000);
+// The data-call steps know only "ERROR": a module error waits for the time-out.
+constexpr at_member QIDEACT_ROW = at_ok_or_error(CODE_SET_QIDEACT, 40000);
+constexpr at_member QICSGP_ROW = at_ok_or_error(CODE_SET_QICSGP, 5000);
 // Activation waits for the network: up to two and a half minutes.
-constexpr at_member QIACT_ROW = data_step_row(CODE_SET_QIACT, 150000);
-constexpr at_member QNETDEVCTL_ROW = data_step_row(CODE_SET_QNETDEVCTL, 5000);
-constexpr at_member QCRMCALL_ROW = data_step_row(CODE_SET_QCRMCALL, 5000);
-constexpr at_member QNETDEVSTATUS_SET_ROW = setting_row(CODE_SET_QNETDEVSTATUS, 350);
+constexpr at_member QIACT_ROW = at_ok_or_error(CODE_SET_QIACT, 150000);
+constexpr at_member QNETDEVCTL_ROW = at_ok_or_error(CODE_SET_QNETDEVCTL, 5000);
+constexpr at_member QCRMCALL_ROW = at_ok_or_error(CODE_SET_QCRMCALL, 5000);
+constexpr at_member QNETDEVSTATUS_SET_ROW = at_setter(CODE_SET_QNETDEVSTATUS, 350);
 // A dead port is reported even when the link check asks silently.
-constexpr at_member QNETDEVSTATUS_ROW{
-    CODE_GET_QNETDEVSTATUS, 2000, at_end::prefix, "+QNETDEVSTATUS:", false, true, true};
+constexpr at_member QNETDEVSTATUS_ROW =
+    at_query(CODE_GET_QNETDEVSTATUS, 2000, "+QNETDEVSTATUS:")
+        .with_errors(AT_ERROR_PLAIN)
+        .send_error_always();
 
 void report_qnetdevstatus(const char *line, at_outcome *out, void *) {
     const char *text;

@@ -10,15 +10,15 @@ namespace {
 
 // ATI has no error rule: whatever the module says up to "OK", an unsolicited
 // line too, is part of the model text.
-constexpr at_member ATI_ROW{CODE_GET_ATI, 350, at_end::collect_ok, nullptr, false, false};
+constexpr at_member ATI_ROW = at_collect_until_ok(CODE_GET_ATI, 350);
 // The IMEI query has no error rule either: an error answer ends by time-out.
-constexpr at_member GSN_ROW{CODE_GET_GSN, 350, at_end::digit_line, nullptr, false, false};
-constexpr at_member CIMI_ROW{CODE_GET_CIMI, 350, at_end::digit_line, nullptr, true, true};
-constexpr at_member CSQ_ROW = query_row(CODE_GET_CSQ, 350, "+CSQ:");
-constexpr at_member COPS_ROW = query_row(CODE_GET_COPS, 5000, "+COPS:");
-constexpr at_member CSCA_ROW = query_row(CODE_GET_CSCA, 350, "+CSCA:");
-constexpr at_member CREG_SET_ROW = setting_row(CODE_SET_CREG, 300);
-constexpr at_member CREG_ROW = query_row(CODE_GET_CREG, 5000, "+CREG:");
+constexpr at_member GSN_ROW = at_digit_line(CODE_GET_GSN, 350);
+constexpr at_member CIMI_ROW = at_digit_line(CODE_GET_CIMI, 350).with_errors(AT_ERRORS_ALL);
+constexpr at_member CSQ_ROW = at_query(CODE_GET_CSQ, 350, "+CSQ:");
+constexpr at_member COPS_ROW = at_query(CODE_GET_COPS, 5000, "+COPS:");
+constexpr at_member CSCA_ROW = at_query(CODE_GET_CSCA, 350, "+CSCA:");
+constexpr at_member CREG_SET_ROW = at_setter(CODE_SET_CREG, 300);
+constexpr at_member CREG_ROW = at_query(CODE_GET_CREG, 5000, "+CREG:");
 
 struct field_ref {
     char *text;

@@ -29,11 +29,10 @@ void lbs_done(const char *, at_outcome *out, void *ctx) {
 
 // The read answer comes as a line before "OK"; there is no module-error rule,
 // so such an answer ends by time-out.
-constexpr at_member QLBSCFG_ROW{CODE_LBS_CONFIG, 5000,  at_end::ok,     nullptr,
-                                false,           true,  false,          nullptr,
-                                "+QLBSCFG: \"",  lbs_answer_line};
+constexpr at_member QLBSCFG_ROW = at_ok_or_error(CODE_LBS_CONFIG, 5000)
+                                     .with_info("+QLBSCFG: \"", lbs_answer_line);
 // Locating can take the module up to two minutes.
-constexpr at_member QLBS_ROW = query_row(CODE_GET_QLBS, 120000, "+QLBS: ");
+constexpr at_member QLBS_ROW = at_query(CODE_GET_QLBS, 120000, "+QLBS: ");
 
 void report_position(const char *line, at_outcome *out, void *) {
     char text[LBS_TEXT_SIZE];

@@ -5,12 +5,12 @@ namespace {
 
 constexpr uint32_t SETTING_TIMEOUT_MS = 350;
 
-constexpr at_member CSCS_ROW = setting_row(CODE_SET_CSCS, SETTING_TIMEOUT_MS);
-constexpr at_member CMGF_ROW = setting_row(CODE_SET_CMGF, SETTING_TIMEOUT_MS);
-constexpr at_member CSMS_ROW = setting_row(CODE_SET_CSMS, SETTING_TIMEOUT_MS);
-constexpr at_member CNMI_ROW = setting_row(CODE_SET_CNMI, SETTING_TIMEOUT_MS);
-constexpr at_member ATE_ROW = setting_row(CODE_SET_ATE, SETTING_TIMEOUT_MS);
-constexpr at_member USBIFC_ROW = setting_row(CODE_SET_USBIFC, SETTING_TIMEOUT_MS);
+constexpr at_member CSCS_ROW = at_setter(CODE_SET_CSCS, SETTING_TIMEOUT_MS);
+constexpr at_member CMGF_ROW = at_setter(CODE_SET_CMGF, SETTING_TIMEOUT_MS);
+constexpr at_member CSMS_ROW = at_setter(CODE_SET_CSMS, SETTING_TIMEOUT_MS);
+constexpr at_member CNMI_ROW = at_setter(CODE_SET_CNMI, SETTING_TIMEOUT_MS);
+constexpr at_member ATE_ROW = at_setter(CODE_SET_ATE, SETTING_TIMEOUT_MS);
+constexpr at_member USBIFC_ROW = at_setter(CODE_SET_USBIFC, SETTING_TIMEOUT_MS);
 
 } // namespace
 

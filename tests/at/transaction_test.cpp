@@ -6,15 +6,16 @@
 
 #include <cstring>
 #include <optional>
+#include <thread>
 
 namespace {
 
 // One row per variant of the frame, as the module families use them.
-const at_member SETTER = {110, 300, at_end::ok, nullptr, true, true};
-const at_member QUERY = {102, 350, at_end::prefix, "+CSQ:", true, true};
-const at_member STEP = {353, 500, at_end::ok, nullptr, false, true};
-const at_member DIGITS = {52, 350, at_end::digit_line, nullptr, false, false};
-const at_member COLLECT = {51, 350, at_end::collect_ok, nullptr, false, false};
+const at_member SETTER = at_setter(110, 300);
+const at_member QUERY = at_query(102, 350, "+CSQ:");
+const at_member STEP = at_ok_or_error(353, 500);
+const at_member DIGITS = at_digit_line(52, 350);
+const at_member COLLECT = at_collect_until_ok(51, 350);
 
 struct parsed {
     std::string line;
@@ -94,11 +95,9 @@ TEST_F(TransactionTest, ErrorLinesEndTheWaitAsTheMemberSays) {
 
 TEST_F(TransactionTest, DigitLineIgnoresErrorsUntilItsTimeOut) {
     port->module().set_reply("AT+GSN", modem_reply::error());
-    long start = monotonic_ms();
+    int64_t start = monotonic_ms();
     EXPECT_EQ(at_transaction(DIGITS, "AT+GSN\r\n", 1), -1);
-    long took = monotonic_ms() - start;
-    EXPECT_GE(took, 340);
-    EXPECT_LT(took, 1500);
+    EXPECT_GE(monotonic_ms() - start, 340);
     reply_frame r = report();
     EXPECT_EQ(r.status, STATUS_FAIL);
     EXPECT_STREQ(r.text, "time out!");
@@ -122,18 +121,32 @@ TEST_F(TransactionTest, CollectJoinsTheAnswerLinesWithoutTheEcho) {
     EXPECT_EQ(p.line, std::string(60, 'a') + "," + std::string(38, 'b'));
 }
 
-TEST_F(TransactionTest, UnsolicitedLinesDuringTheWaitReachTheRingInOrder) {
-    // The module rings while the answer is on its way, then goes on talking after it.
-    port->module().set_reply(
-        "AT+CSQ", modem_reply::with_lines({"RING", "+CSQ: 11,99", "+CLIP: \"123\",129", "OK"})
-                      .between_lines(5));
-    ASSERT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 0), 0);
-    std::vector<std::string> got = urc_lines();
-    ASSERT_GE(got.size(), 1u);
-    EXPECT_EQ(got[0], "RING");
-    // What came after the result line follows in order, drained or pushed later.
-    std::vector<std::string> rest(got.begin() + 1, got.end());
-    EXPECT_EQ(rest, (std::vector<std::string>{"+CLIP: \"123\",129", "OK"}));
+TEST_F(TransactionTest, ABurstOfUnsolicitedLinesLosesNoneAndKeepsTheAnswer) {
+    // Twice as many lines as a ring holds arrive before the answer, and more
+    // after it: the common thread reads them at its own pace.
+    std::vector<std::string> sent, want;
+    for (int i = 0; i < 2 * RING_SLOTS; ++i)
+        sent.push_back("+QIND: " + std::to_string(i));
+    want = sent;
+    sent.push_back("+CSQ: 11,99");
+    sent.push_back("+CLIP: \"123\",129");
+    sent.push_back("OK");
+    want.insert(want.end(), {"+CLIP: \"123\",129", "OK"});
+    port->module().set_reply("AT+CSQ", modem_reply::with_lines(sent));
+    std::vector<std::string> got;
+    std::thread common([&] {
+        while (got.size() < want.size()) {
+            std::string l = urc_next(5000);
+            if (l == "<none>")
+                return;
+            got.push_back(l);
+        }
+    });
+    parsed p;
+    EXPECT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 0, keep_line, &p), 0);
+    common.join();
+    EXPECT_EQ(p.line, "+CSQ: 11,99");
+    EXPECT_EQ(got, want);
 }
 
 TEST_F(TransactionTest, TimeOutDrainsLeftoversAndSilenceEndsIt) {
@@ -149,7 +162,8 @@ TEST_F(TransactionTest, TimeOutDrainsLeftoversAndSilenceEndsIt) {
 }
 
 TEST_F(TransactionTest, SendFailureReportsAndDrainsNothing) {
-    ring_push(resp_ring_view(), "stale");
+    at_begin();
+    line_deliver("stale"); // a cancelled exchange's leftover
     port->close_port();
     EXPECT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 1), -1);
     reply_frame r = report();
@@ -163,6 +177,94 @@ TEST_F(TransactionTest, SendFailureReportsAndDrainsNothing) {
     loud.send_error_always_reported = true;
     EXPECT_EQ(at_transaction(loud, "AT+CSQ\r\n", 0), -1);
     EXPECT_STREQ(report().text, "at send error!");
+}
+
+} // namespace
+
+namespace {
+
+// The right to use the port: one worker, supervisor work or a dial at a time.
+class PortAccessTest : public testing::Test {
+protected:
+    void SetUp() override { daemon_state_reset(); }
+    void TearDown() override { daemon_state_reset(); }
+};
+
+void finished(void *) { worker_finished(); }
+
+// A worker in the middle of an exchange: waiting for the module's answer.
+void *waiting_worker(void *) {
+    pthread_cleanup_push(finished, nullptr);
+    at_begin();
+    char line[RING_LINE_SIZE];
+    at_next_line(line, sizeof line, monotonic_ms() + 60000);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+std::atomic<int> g_inside{0};
+std::atomic<int> g_overlaps{0};
+
+void use_port() {
+    if (g_inside.fetch_add(1) != 0)
+        g_overlaps.fetch_add(1);
+    std::this_thread::yield();
+    g_inside.fetch_sub(1);
+}
+
+void *quick_worker(void *) {
+    use_port();
+    worker_finished();
+    return nullptr;
+}
+
+TEST_F(PortAccessTest, ACancelledWorkerGivesThePortBackAndNothingRunsBesideAWorker) {
+    daemon_state &s = state();
+    ASSERT_EQ(worker_start(waiting_worker, nullptr), worker_start_result::started);
+    ASSERT_TRUE(wait_until([&] { return s.at_state.load() == AT_COLLECTING; }, 5000));
+    EXPECT_FALSE(port_work_begin());
+    EXPECT_EQ(worker_start(quick_worker, nullptr), worker_start_result::busy);
+
+    worker_cancel(); // a restart request in the middle of the exchange
+    EXPECT_EQ(s.worker_busy.load(), 0);
+    ASSERT_TRUE(s.at_mutex.try_lock());
+    s.at_mutex.unlock();
+
+    ASSERT_TRUE(port_work_begin());
+    EXPECT_EQ(worker_start(quick_worker, nullptr), worker_start_result::busy);
+    port_work_end();
+    ASSERT_TRUE(port_claim_for_dial());
+    EXPECT_EQ(s.dial_in_progress.load(), 1);
+    EXPECT_EQ(worker_start(quick_worker, nullptr), worker_start_result::busy);
+}
+
+TEST_F(PortAccessTest, SupervisorWorkAndWorkersRacingNeverOverlap) {
+    g_overlaps = 0;
+    std::atomic<bool> stop{false};
+    std::atomic<int> works{0};
+    std::thread supervisor([&] {
+        while (!stop.load()) {
+            if (port_work_begin()) {
+                use_port();
+                port_work_end();
+                works.fetch_add(1);
+            }
+        }
+    });
+    int started = 0;
+    int64_t give_up = monotonic_ms() + 20000;
+    while ((started < 300 || works.load() < 300) && monotonic_ms() < give_up) {
+        if (worker_start(quick_worker, nullptr) == worker_start_result::started)
+            ++started;
+    }
+    stop = true;
+    supervisor.join();
+    // The last worker is gone once it gave the gate back.
+    ASSERT_TRUE(wait_until([] { return state().at_mutex.try_lock(); }, 5000));
+    state().at_mutex.unlock();
+    EXPECT_GE(started, 300);
+    EXPECT_GE(works.load(), 300);
+    EXPECT_EQ(g_overlaps.load(), 0);
 }
 
 } // namespace

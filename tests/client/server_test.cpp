@@ -153,11 +153,21 @@ TEST_F(LocalCodeTest, WorkerCodesRefusedWhileNotReadyOrBusy) {
     EXPECT_REPLY(ask(102), 102, 12, "");
 }
 
-TEST_F(LocalCodeTest, FramesWithoutMagicGetNoReply) {
+TEST_F(LocalCodeTest, OneReadIsOneFrame) {
     const uint8_t bad[] = {'Z', 'V', 'R', 0x03, 0x8F, 0, 0};
     handle_request(bad, sizeof bad);
-    const uint8_t short_frame[] = {'Z', 'V', 'S', 0x03};
-    handle_request(short_frame, sizeof short_frame);
+    // A frame split over two reads is not joined: neither half is a request.
+    const uint8_t first_half[] = {'Z', 'V', 'S', 0x03};
+    const uint8_t second_half[] = {0x8F, 0, 0};
+    handle_request(first_half, sizeof first_half);
+    handle_request(second_half, sizeof second_half);
+    EXPECT_TRUE(client->silent(100));
+    // Two frames in one read: the bytes after the first are not a request.
+    const uint8_t two[] = {'Z', 'V', 'S', 0x03, 0x8F, 0, 0, 'Z', 'V', 'S', 0x03, 0x90, 0, 0};
+    handle_request(two, sizeof two);
+    reply_frame r{};
+    ASSERT_TRUE(client->next(&r, 1000));
+    EXPECT_EQ(r.code, 911);
     EXPECT_TRUE(client->silent(100));
 }
 
@@ -173,7 +183,8 @@ TEST(WorkerCancelTest, RestartCancelsTheRunningWorkerAndFreesThePort) {
     {
         emulated_port port;
         client_end client;
-        port.module().set_reply("AT+COPS?", modem_reply::standard().after(3000));
+        // The worker waits for an answer that never comes.
+        port.module().set_reply("AT+COPS?", modem_reply::silence());
         uint8_t frame[16];
         size_t n = request_build(frame, sizeof frame, 103, nullptr, nullptr, 0);
         handle_request(frame, n);

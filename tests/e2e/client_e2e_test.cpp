@@ -5,7 +5,7 @@
 
 #include "e2e/board.h"
 
-#include "client/frames.h"
+#include "core/frames.h"
 
 #include <gtest/gtest.h>
 

@@ -12,12 +12,6 @@
 #include <time.h>
 #include <unistd.h>
 
-long monotonic_ms() {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * 1000 + t.tv_nsec / 1000000;
-}
-
 client_end::client_end() {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_) != 0)
         throw std::runtime_error("socketpair");
@@ -119,7 +113,7 @@ std::string at_port::module_reads(const std::string &until, long timeout_ms) {
 
 std::string urc_next(long timeout_ms) {
     char line[RING_LINE_SIZE];
-    bool got = wait_until([&] { return ring_pop(urc_ring_view(), line, sizeof line); }, timeout_ms);
+    bool got = urc_pop(line, sizeof line, monotonic_ms() + timeout_ms);
     return got ? std::string(line) : std::string("<none>");
 }
 

@@ -3,13 +3,12 @@
 // collects the frames the daemon sends.
 #pragma once
 
-#include "client/frames.h"
+#include "core/frames.h"
+#include "core/wait.h"
 
 #include <pthread.h>
 #include <string>
 #include <vector>
-
-long monotonic_ms();
 
 // Polls `cond` every millisecond until it holds or `timeout_ms` passes.
 template <typename F> bool wait_until(F cond, long timeout_ms) {

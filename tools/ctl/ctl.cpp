@@ -1,6 +1,6 @@
 #include "ctl/ctl.h"
 
-#include "client/client.h"
+#include "core/frames.h"
 
 #include <cerrno>
 #include <chrono>

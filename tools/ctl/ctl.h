@@ -5,7 +5,7 @@
 // socket loop so that tests can drive it frame by frame.
 #pragma once
 
-#include "client/frames.h"
+#include "core/frames.h"
 
 #include <cstdint>
 #include <iosfwd>

@@ -1,3 +1,3 @@
-#include "core/startup.h"
+#include "daemon/startup.h"
 
 int main(int argc, char **argv) { return daemon_main(argc, argv); }

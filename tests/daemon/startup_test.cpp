@@ -1,5 +1,5 @@
 #include "core/daemon_state.h"
-#include "core/startup.h"
+#include "daemon/startup.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>

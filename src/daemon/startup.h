@@ -4,9 +4,6 @@
 
 #include <pthread.h>
 
-constexpr const char *BANNER = "ZOLVIN 4G SERVER V1.23";
-constexpr size_t THREAD_STACK_SIZE = 1024 * 1024;
-
 // Sets `debug` and `atprint` from their fixed positions on the command line.
 void parse_command_line(int argc, char **argv);
 

@@ -1,9 +1,6 @@
-#include "client/frames.h"
-
-#include "core/daemon_state.h"
+#include "core/frames.h"
 
 #include <cstring>
-#include <sys/socket.h>
 
 namespace {
 uint16_t be16(const uint8_t *p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
@@ -96,14 +93,10 @@ long reply_parse(const uint8_t *buf, size_t len, reply_frame *out) {
     return static_cast<long>(8 + n);
 }
 
-void client_report(int code, int status, const char *text) {
-    daemon_state &s = state();
-    if (s.client_connected.load(std::memory_order_acquire) != 1)
-        return;
-    uint8_t frame[REPLY_MAX];
-    size_t n = reply_build(frame, code, status, text);
-    // One send per frame keeps frames of different threads apart on the stream.
-    ssize_t ignored = send(s.client_fd.load(std::memory_order_acquire), frame, n,
-                           MSG_NOSIGNAL | MSG_DONTROUTE);
-    (void)ignored;
+socklen_t server_address(sockaddr_un *addr) {
+    memset(addr, 0, sizeof *addr);
+    addr->sun_family = AF_UNIX;
+    memcpy(addr->sun_path, SERVER_SOCKET_NAME, strlen(SERVER_SOCKET_NAME) + 1);
+    addr->sun_path[0] = '\0'; // the abstract namespace
+    return static_cast<socklen_t>(sizeof addr->sun_family + strlen(SERVER_SOCKET_NAME));
 }

@@ -1,16 +1,22 @@
 // The supervisor: the main thread's loop after start-up. It keeps the data
 // call up or down as `auto_dial` says and serves the reset requests that other
-// threads raise, one action per 100 ms pass, in a fixed order of priority.
+// threads raise, one action per pass, in a fixed order of priority. Between
+// passes it sleeps until a flag is raised or its next deadline comes.
 #pragma once
 
+#include "core/wait.h"
 #include "module/module.h"
 
+#include <cstdint>
 #include <pthread.h>
 
 constexpr const char *DHCP_CMD_FORMAT =
     "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i %s";
 constexpr int DIAL_FAILURES_BEFORE_RESET = 10;
-constexpr int DIAL_PACER_PASSES = 50;
+// A failed dial is tried again 51 passes of 100 ms later.
+constexpr int64_t DIAL_RETRY_MS = 5100;
+constexpr int64_t PASS_MS = 100;      // from one action to the next pass
+constexpr int64_t DIAL_BUSY_MS = 10;  // a dial put off by supervisor work
 
 struct supervisor {
     module_paths paths;
@@ -18,7 +24,8 @@ struct supervisor {
     int reset_line = -1;
     pthread_t rx_tid = 0;
     pthread_t common_tid = 0;
-    int dial_pacer = 0;
+    int64_t (*clock)() = monotonic_ms;
+    int64_t next_dial_ms = 0; // 0: the next dial is due at once
     int dial_failures = 0;
 };
 
@@ -28,15 +35,8 @@ void supervisor_start_threads(supervisor &sv);
 // Cancels and joins the common, receive and check threads, in that order.
 void supervisor_stop_threads(supervisor &sv);
 
-// One pass: performs the first action that applies. Returns false when the
-// pass must not be followed by the usual 100 ms sleep.
-bool supervisor_pass(supervisor &sv);
+// One pass: performs the first action that applies. Returns when the next
+// pass is due (sv.clock), or NO_DEADLINE when only news can change anything.
+int64_t supervisor_pass(supervisor &sv);
 
 [[noreturn]] void supervisor_run(supervisor &sv);
-
-// Ends the process from any thread: output flushed, no static destructors run
-// under threads that are still working.
-[[noreturn]] void daemon_exit(int status);
-
-// Runs a shell command whose result the daemon has no use for.
-void run_shell(const char *cmd);

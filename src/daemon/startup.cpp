@@ -1,12 +1,13 @@
-#include "core/startup.h"
+#include "daemon/startup.h"
 
+#include "at/at.h"
 #include "client/client.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
-#include "core/supervisor.h"
+#include "core/shell.h"
+#include "daemon/supervisor.h"
 #include "modem/modem.h"
-#include "core/text.h"
 #include "module/module.h"
 
 #include <cstdio>
@@ -134,13 +135,13 @@ int daemon_main(int argc, char **argv) {
     s.module_restarting.store(0, std::memory_order_release);
     if (s.restart_report_pending.load(std::memory_order_acquire))
         client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
-    if (s.debug.load(std::memory_order_acquire) && s.worker_busy.load(std::memory_order_acquire) != 1) {
-        s.worker_busy.store(1, std::memory_order_release);
+    // A client's worker may already own the port: the identity is then not logged.
+    if (s.debug.load(std::memory_order_acquire) && port_work_begin()) {
         if (get_ati(0) == 0)
             log_printf("Module: %s\n", s.module_model);
         if (get_gsn(0) == 0)
             log_printf("Module imei: %s\n", s.module_imei);
-        s.worker_busy.store(0, std::memory_order_release);
+        port_work_end();
     }
     supervisor_run(sv);
 }

@@ -1,10 +1,17 @@
-// The client protocol's two frames and `client_report`, the one writer of reply
-// and event frames. Shared with the desk tools, so nothing here touches the
-// daemon's threads.
+// The client protocol's two frames: building and parsing them, nothing more.
+// The client tool links this codec alone; the daemon's writer of frames is
+// `client_report` (core/report.h).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+constexpr const char *SERVER_SOCKET_NAME = "@phone_server";
+
+// Fills the abstract address of the daemon's socket; returns its length (15).
+socklen_t server_address(sockaddr_un *addr);
 
 constexpr size_t REQUEST_MAX = 1000;       // one read of the socket is one request
 constexpr int REQUEST_FIELDS_MAX = 6;
@@ -71,6 +78,3 @@ struct reply_frame {
 // bytes it used, 0 when the frame is not complete yet, or -1 when the bytes do
 // not start with "ZVR" or no NUL ends the text within 500 bytes.
 long reply_parse(const uint8_t *buf, size_t len, reply_frame *out);
-
-// Sends one reply or event frame to the connected client, if any, in one send().
-void client_report(int code, int status, const char *text);

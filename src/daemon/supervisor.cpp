@@ -1,18 +1,17 @@
-#include "core/supervisor.h"
+#include "daemon/supervisor.h"
 
 #include "at/at.h"
-#include "client/frames.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
-#include "core/startup.h"
+#include "core/report.h"
+#include "core/shell.h"
 #include "core/text.h"
+#include "daemon/startup.h"
 #include "modem/modem.h"
 #include "sms/common.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <unistd.h>
 
 namespace {
 
@@ -22,6 +21,13 @@ void cancel_join(pthread_t &tid) {
     pthread_cancel(tid);
     pthread_join(tid, nullptr);
     tid = 0;
+}
+
+void stop_check_thread() {
+    daemon_state &s = state();
+    pthread_t check = s.check_tid.load(std::memory_order_acquire);
+    cancel_join(check);
+    s.check_tid.store(0, std::memory_order_release);
 }
 
 void stop_external_program() {
@@ -62,7 +68,7 @@ void reset_action(supervisor &sv) {
     s.fota_done.store(0, std::memory_order_release);
     s.connected.store(0, std::memory_order_release);
     s.call_active.store(0, std::memory_order_release);
-    sv.dial_pacer = 0;
+    sv.next_dial_ms = 0;
     sv.dial_failures = 0;
 }
 
@@ -80,64 +86,55 @@ void log_sim_state() {
     sleep_for(1, 0);
 }
 
-// Returns false for the busy retry, which skips the pass's sleep.
-bool dial_action(supervisor &sv) {
+int64_t dial_action(supervisor &sv) {
     daemon_state &s = state();
-    if (s.connected.load(std::memory_order_acquire) != 1 && sv.dial_pacer == 0) {
-        // A running worker holds the gate for its whole run, so this also waits for it.
-        s.at_mutex.lock();
-        if (s.worker_busy.load(std::memory_order_acquire)) {
-            s.at_mutex.unlock();
-            sleep_for(0, 10000);
-            return false;
-        }
-        s.dial_in_progress.store(1, std::memory_order_release);
-        s.at_mutex.unlock();
+    if (s.connected.load(std::memory_order_acquire) == 1)
+        return NO_DEADLINE;
+    if (sv.clock() < sv.next_dial_ms)
+        return sv.next_dial_ms;
+    if (!port_claim_for_dial())
+        return sv.clock() + DIAL_BUSY_MS;
 
-        bool ec200 = s.module_type.load(std::memory_order_acquire) != MODULE_EC20;
-        if (s.debug.load(std::memory_order_acquire))
-            log_sim_state();
-        int result = ec200 ? dial_ec200(0) : dial_ec20(0);
-        s.dial_in_progress.store(0, std::memory_order_release);
-        if (result == 0) {
-            s.connected.store(1, std::memory_order_release);
-            sv.dial_pacer = 0;
-            sv.dial_failures = 0;
-            // With an external program on the EC20 the program gets the address itself.
-            if (ec200 || s.app_name[0] == '\0') {
-                char dhcp[160];
-                text_format(dhcp, sizeof dhcp, DHCP_CMD_FORMAT, s.net_if_name);
-                run_shell(dhcp);
-            }
-        } else if (++sv.dial_failures < DIAL_FAILURES_BEFORE_RESET) {
-            log_printf("Dial failed,retry to dail!\n");
-        } else {
-            sv.dial_failures = 0;
-            s.module_reset_request.store(1, std::memory_order_release);
-            log_printf("Dial failed,reaches maximum times,begin to reset module!\n");
+    bool ec200 = s.module_type.load(std::memory_order_acquire) != MODULE_EC20;
+    if (s.debug.load(std::memory_order_acquire))
+        log_sim_state();
+    int result = ec200 ? dial_ec200(0) : dial_ec20(0);
+    s.dial_in_progress.store(0, std::memory_order_release);
+    if (result == 0) {
+        s.connected.store(1, std::memory_order_release);
+        sv.next_dial_ms = 0;
+        sv.dial_failures = 0;
+        // With an external program on the EC20 the program gets the address itself.
+        if (ec200 || s.app_name[0] == '\0') {
+            char dhcp[160];
+            text_format(dhcp, sizeof dhcp, DHCP_CMD_FORMAT, s.net_if_name);
+            run_shell(dhcp);
         }
+        return NO_DEADLINE;
     }
-    if (s.connected.load(std::memory_order_acquire) != 1)
-        sv.dial_pacer = sv.dial_pacer < DIAL_PACER_PASSES ? sv.dial_pacer + 1 : 0;
-    return true;
+    sv.next_dial_ms = sv.clock() + DIAL_RETRY_MS;
+    if (++sv.dial_failures < DIAL_FAILURES_BEFORE_RESET) {
+        log_printf("Dial failed,retry to dail!\n");
+        return sv.next_dial_ms;
+    }
+    sv.dial_failures = 0;
+    s.module_reset_request.store(1, std::memory_order_release);
+    log_printf("Dial failed,reaches maximum times,begin to reset module!\n");
+    return sv.clock() + PASS_MS;
 }
 
-// Runs a tear-down command as supervisor AT work, unless a worker owns the port.
+// Runs a tear-down command as supervisor work, unless a worker owns the port.
 template <typename F> void as_supervisor_work(F command) {
-    daemon_state &s = state();
-    if (s.worker_busy.load(std::memory_order_acquire) == 1)
+    if (!port_work_begin())
         return;
-    s.worker_busy.store(1, std::memory_order_release);
     command();
-    s.worker_busy.store(0, std::memory_order_release);
+    port_work_end();
 }
 
 void disconnect_action() {
     daemon_state &s = state();
     log_printf("Disconnect 4G network.\n");
-    pthread_t check = s.check_tid.load(std::memory_order_acquire);
-    cancel_join(check);
-    s.check_tid.store(0, std::memory_order_release);
+    stop_check_thread();
     run_shell(s.ifdown_cmd);
     if (s.module_type.load(std::memory_order_acquire) != MODULE_EC20) {
         as_supervisor_work([] { set_qnetdevctl(0, 1, 0); });
@@ -156,17 +153,6 @@ void disconnect_action() {
 
 } // namespace
 
-void daemon_exit(int status) {
-    fflush(stdout);
-    fflush(stderr);
-    _exit(status);
-}
-
-void run_shell(const char *cmd) {
-    int ignored = system(cmd);
-    (void)ignored;
-}
-
 void supervisor_start_threads(supervisor &sv) {
     if (pthread_create(&sv.rx_tid, thread_attributes(), rx_thread, nullptr) != 0) {
         puts("Creat receive thread failed!");
@@ -181,35 +167,40 @@ void supervisor_start_threads(supervisor &sv) {
 void supervisor_stop_threads(supervisor &sv) {
     cancel_join(sv.common_tid);
     cancel_join(sv.rx_tid);
-    pthread_t check = state().check_tid.load(std::memory_order_acquire);
-    cancel_join(check);
-    state().check_tid.store(0, std::memory_order_release);
+    stop_check_thread();
 }
 
-bool supervisor_pass(supervisor &sv) {
+int64_t supervisor_pass(supervisor &sv) {
     daemon_state &s = state();
     if (s.module_restarting.load(std::memory_order_acquire) ||
         s.module_reset_request.load(std::memory_order_acquire) ||
         s.fota_done.load(std::memory_order_acquire)) {
         reset_action(sv);
-    } else if (s.fota_reopen.load(std::memory_order_acquire) ||
-               s.fota_reopen_watch.load(std::memory_order_acquire)) {
+        return sv.clock() + PASS_MS;
+    }
+    if (s.fota_reopen.load(std::memory_order_acquire) ||
+        s.fota_reopen_watch.load(std::memory_order_acquire)) {
         // The firmware update's re-open actions take this place in the order;
         // nothing raises their flags yet.
-    } else if (s.auto_dial.load(std::memory_order_acquire)) {
-        return dial_action(sv);
-    } else if (s.connected.load(std::memory_order_acquire)) {
-        disconnect_action();
-    } else {
-        sv.dial_pacer = 0;
-        sv.dial_failures = 0;
+        return NO_DEADLINE;
     }
-    return true;
+    if (s.auto_dial.load(std::memory_order_acquire))
+        return dial_action(sv);
+    if (s.connected.load(std::memory_order_acquire)) {
+        disconnect_action();
+        return sv.clock() + PASS_MS;
+    }
+    sv.next_dial_ms = 0;
+    sv.dial_failures = 0;
+    return NO_DEADLINE;
 }
 
 void supervisor_run(supervisor &sv) {
+    wake_signal &news = state().supervisor_wake;
     for (;;) {
-        if (supervisor_pass(sv))
-            sleep_for(0, 100000);
+        // Noted before the pass: a flag raised during it is not slept through.
+        uint64_t seen = news.count();
+        int64_t due = supervisor_pass(sv);
+        news.wait(seen, due);
     }
 }

@@ -1,4 +1,5 @@
-#include "client/frames.h"
+#include "core/frames.h"
+#include "core/report.h"
 #include "core/daemon_state.h"
 #include "support/at_port.h"
 

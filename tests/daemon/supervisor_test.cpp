@@ -1,0 +1,127 @@
+// The supervisor's passes against the modem emulator, on a clock the test
+// moves: the pacing of failed dials, the limit that raises one reset, the gate
+// that keeps a dial and a client's worker apart, and the tear-down that a
+// worker's ownership of the port skips. Every dial here fails (a refused
+// activation), so no DHCP client and no reset action run on the test host.
+#include "at/at.h"
+#include "core/daemon_state.h"
+#include "daemon/supervisor.h"
+#include "support/at_port.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+namespace {
+
+int64_t g_now = 0;
+int64_t test_clock() { return g_now; }
+
+class SupervisorTest : public testing::Test {
+protected:
+    void SetUp() override {
+        daemon_state_reset();
+        daemon_state &s = state();
+        s.module_restarting.store(0);
+        s.auto_dial.store(1);
+        s.module_type.store(MODULE_EC200T);
+        port = std::make_unique<emulated_port>(modem_family::ec200t);
+        port->module().set_reply("AT+QIACT=1", modem_reply::error());
+        g_now = 1000;
+        sv.clock = test_clock;
+    }
+    void TearDown() override {
+        port.reset();
+        daemon_state_reset();
+    }
+
+    size_t sent(const std::string &command) const {
+        size_t n = 0;
+        for (const modem_command &c : port->module().commands())
+            n += c.text == command;
+        return n;
+    }
+
+    std::unique_ptr<emulated_port> port;
+    supervisor sv;
+};
+
+TEST_F(SupervisorTest, FailedDialsComeEvery5100MsAndTheTenthRaisesOneReset) {
+    daemon_state &s = state();
+    for (int dial = 1; dial <= DIAL_FAILURES_BEFORE_RESET; ++dial) {
+        int64_t due = supervisor_pass(sv);
+        ASSERT_EQ(sent("AT+QIDEACT=1"), static_cast<size_t>(dial));
+        EXPECT_EQ(s.dial_in_progress.load(), 0);
+        if (dial == DIAL_FAILURES_BEFORE_RESET) {
+            EXPECT_EQ(due, g_now + PASS_MS); // the reset comes at the next pass
+            break;
+        }
+        EXPECT_EQ(due, g_now + DIAL_RETRY_MS);
+        EXPECT_EQ(s.module_reset_request.load(), 0);
+        // A pass woken early by news does not dial before its time.
+        size_t before = port->module().command_count();
+        g_now = due - 1;
+        EXPECT_EQ(supervisor_pass(sv), due);
+        EXPECT_EQ(port->module().command_count(), before);
+        g_now = due;
+    }
+    EXPECT_EQ(s.module_reset_request.load(), 1);
+    EXPECT_EQ(sv.dial_failures, 0);
+    EXPECT_EQ(s.connected.load(), 0);
+
+    // Dialling switched off while down: the pacing starts afresh.
+    s.module_reset_request.store(0);
+    s.auto_dial.store(0);
+    EXPECT_EQ(supervisor_pass(sv), NO_DEADLINE);
+    EXPECT_EQ(sv.next_dial_ms, 0);
+}
+
+TEST_F(SupervisorTest, ADueDialWaitsForTheRunningWorkerAndMarksItselfInProgress) {
+    daemon_state &s = state();
+    s.at_mutex.lock(); // a worker runs
+    s.worker_busy.store(1);
+    port->module().set_reply("AT+QIACT=1", modem_reply::error().after(3000));
+    std::atomic<bool> done{false};
+    std::thread main_thread([&] {
+        supervisor_pass(sv);
+        done = true;
+    });
+    EXPECT_FALSE(wait_until([&] { return port->module().command_count() > 0; }, 100));
+    s.worker_busy.store(0); // as worker_finished() does, in its order
+    s.at_mutex.unlock();
+
+    // While the dial runs, the interface thread must see it and answer busy.
+    ASSERT_TRUE(port->module().wait_for_command("AT+QIACT=1", 5000).has_value());
+    EXPECT_EQ(s.dial_in_progress.load(), 1);
+    main_thread.join();
+    EXPECT_TRUE(done.load());
+    EXPECT_EQ(s.dial_in_progress.load(), 0);
+    EXPECT_EQ(sent("AT+QIDEACT=1"), 1u);
+    EXPECT_EQ(sv.dial_failures, 1);
+    EXPECT_TRUE(s.at_mutex.try_lock()); // free again for the next worker
+    s.at_mutex.unlock();
+}
+
+TEST_F(SupervisorTest, DisconnectSkipsTheTearDownWhileAWorkerOwnsThePort) {
+    daemon_state &s = state();
+    for (bool worker : {true, false}) {
+        s.auto_dial.store(0);
+        s.connected.store(1);
+        if (worker) {
+            s.at_mutex.lock();
+            s.worker_busy.store(1);
+        }
+        EXPECT_EQ(supervisor_pass(sv), g_now + PASS_MS);
+        EXPECT_EQ(s.connected.load(), 0);
+        EXPECT_EQ(sent("AT+QNETDEVCTL=0,1"), worker ? 0u : 1u) << worker;
+        if (worker) {
+            s.worker_busy.store(0);
+            s.at_mutex.unlock();
+        }
+        EXPECT_EQ(s.worker_busy.load(), 0);
+    }
+}
+
+} // namespace
