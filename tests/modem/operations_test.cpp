@@ -4,7 +4,6 @@
 #include "core/text.h"
 #include "modem/modem.h"
 #include "support/at_port.h"
-#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +12,6 @@
 #include <future>
 #include <optional>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -94,12 +92,8 @@ TEST_F(OperationTest, SingleExchanges) {
          s.module_imei, "866123"},
         {[] { return set_csms(0, 1); }, "AT+CSMS=0\r\n", "+CMT: ,24\r\n+CMS ERROR: 500\r\n", -1,
          "232 1 |", "+CMT: ,24|+CMS ERROR: 500|"},
-        {[] { return set_creg(2, 1); }, "AT+CREG=2\r\n", "OK\r\n", 0, "110 0 |", ""},
         {[] { return set_cnmi(7, 0); }, "AT+CNMI=2,3,0,1,0\r\n", "OK\r\n", 0, "", ""},
-        {[] { return set_cmgf(5, 0); }, "AT+CMGF=1\r\n", "OK\r\n", 0, "", ""},
-        {[] { return set_cscs("GSM", 0); }, "AT+CSCS=\"GSM\"\r\n", "OK\r\n", 0, "", ""},
         {[] { return set_usbifc(1, 0); }, "AT+QCFG=\"USBIFC\",2,2\r\n", "OK\r\n", 0, "", ""},
-        {[] { return set_qcrmcall(1, 1, 0); }, "AT$QCRMCALL=1,1,1,2,1\r\n", "OK\r\n", 0, "", ""},
         // The centre is emptied first; an unusable one is reported whatever the caller asked.
         {[] { return get_csca(0); }, "AT+CSCA?\r\n", "+CSCA: \"\",145\r\nOK\r\n", -1,
          "201 1 Wrong number!|", "OK|", s.smsc_number, ""},
@@ -112,11 +106,6 @@ TEST_F(OperationTest, SingleExchanges) {
         // A call ended by the caller still answers 0 (and ends the call, below).
         {[] { return answer_call(); }, "ATA\r\n", "RING\r\nNO CARRIER\r\n", 0, "302 1 NO CARRIER|",
          "RING|NO CARRIER|"},
-        // The speaking command alone ends in CR, with no LF.
-        {[] { return play_tts(1, "AB"); }, "AT+QWTTS=1,1,1,\"00410042\"\r", "OK\r\n", 0, "310 0 |",
-         ""},
-        {[] { return lbs_config(0, "timeout", nullptr); }, "AT+QLBSCFG=\"timeout\"\r\n",
-         "+QLBSCFG: \"timeout\",10\r\nRING\r\nOK\r\n", 0, "451 0 timeout: 10|", "RING|"},
         {[] { return lbs_config(1, "token", "abc"); }, "AT+QLBSCFG=\"token\",\"abc\"\r\n", "OK\r\n",
          0, "451 0 set token|", ""},
         {[] { return lbs_config(1, "speed", "3"); }, "", "", -1, "451 10 |", ""},
@@ -138,25 +127,13 @@ TEST_F(OperationTest, SingleExchanges) {
     EXPECT_EQ(s.call_active.load(), 0);
 }
 
-TEST_F(OperationTest, RegistrationSwitchesModeThenAsks) {
-    std::future<int> op = run(get_creg);
-    EXPECT_EQ(port->module_reads("AT+CREG=2\r\n", 3000), "AT+CREG=2\r\n");
-    port->module_says("OK\r\n");
-    EXPECT_EQ(port->module_reads("AT+CREG?\r\n", 3000), "AT+CREG?\r\n");
-    port->module_says("+CREG: 2,1,\"1A2B\",\"01C3D4E\",7\r\nOK\r\n");
-    EXPECT_EQ(op.get(), 0);
-    EXPECT_EQ(frames(), "111 0 1A2B,01C3D4E|"); // the mode switch itself stays silent
-}
-
 TEST_F(OperationTest, ClosedPortFailsAtOnce) {
     port->stop_rx();
     int fd = state().at_fd.exchange(-1);
     const std::pair<std::function<int()>, const char *> cases[] = {
         {[] { return set_cmgf(0, 0); }, ""},
-        {[] { return get_cops(1); }, "103 1 at send error!|"},
         {[] { return get_qnetdevstatus(0); }, "191 1 at send error!|"}, // whatever the caller asked
         {[] { return get_creg(); }, "111 1 |"}, // its silent first step fails, then it reports
-        {[] { return hang_up(); }, "303 1 at send error!|"},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(c.first(), -1) << c.second;
@@ -167,8 +144,6 @@ TEST_F(OperationTest, ClosedPortFailsAtOnce) {
 }
 
 TEST_F(OperationTest, DialsStopAtTheFirstFailingStep) {
-    temp_dir dir;
-    std::string mark = dir.path() + "/ran";
     text_set(state().apn_name, "internet");
     text_set(state().apn_passwd, "pw");
     const std::string context =
@@ -188,13 +163,6 @@ TEST_F(OperationTest, DialsStopAtTheFirstFailingStep) {
         {[] { return dial_ec20(1); }, {"ATE0", "AT$QCRMCALL"},
          "ATE0\r\nAT$QCRMCALL=0,1,1,2,1\r\n" + context + "AT$QCRMCALL=1,1,1,2,1\r\n", -1,
          "370 1 set_qcrmcall|"},
-        // With an external program the connection is its business: no AT traffic.
-        {[&] {
-             text_set(state().app_name, "connector");
-             text_set(state().app_cmd, ("touch " + mark).c_str());
-             return dial_ec20(1);
-         },
-         {}, "", 0, "370 0 |"},
     };
     for (const auto &c : cases) {
         std::future<int> op = run(c.op);
@@ -215,7 +183,6 @@ TEST_F(OperationTest, DialsStopAtTheFirstFailingStep) {
         EXPECT_EQ(frames(), c.reports); // the steps themselves report nothing
         EXPECT_EQ(state().dial_in_progress.load(), 0);
     }
-    EXPECT_EQ(access(mark.c_str(), F_OK), 0);
 }
 
 } // namespace
