@@ -1,4 +1,3 @@
-#include "core/daemon_state.h"
 #include "core/log.h"
 
 #include <gtest/gtest.h>
@@ -6,7 +5,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <pthread.h>
 #include <sys/time.h>
 
 namespace {
@@ -26,41 +24,12 @@ __attribute__((format(printf, 2, 3))) std::string format_at(time_t when, const c
 }
 
 TEST(LogTest, StampsLocalTimeAndAddsNoNewline) {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    tm t{};
-    t.tm_year = 2024 - 1900;
-    t.tm_mon = 2;
-    t.tm_mday = 5;
-    t.tm_hour = 7;
-    t.tm_min = 8;
-    t.tm_sec = 9;
-    time_t when = timegm(&t);
-    EXPECT_EQ(format_at(when, "Disconnect 4G network.\n"),
-              "[2024-03-05 07:08:09] Disconnect 4G network.\n");
-    EXPECT_EQ(format_at(when, "COPS: %s", "CMCC"), "[2024-03-05 07:08:09] COPS: CMCC");
-
     setenv("TZ", "UTC-2", 1); // two hours east
     tzset();
-    EXPECT_EQ(format_at(when, "x"), "[2024-03-05 09:08:09] x");
+    std::string got = format_at(1709622489, "COPS: %s", "CMCC"); // 2024-03-05 07:08:09 UTC
     setenv("TZ", "UTC", 1);
     tzset();
-}
-
-TEST(LogTest, PrintsOnlyWhenDebugIsExactlyOne) {
-    daemon_state_reset();
-    testing::internal::CaptureStdout();
-    log_printf("hidden %d\n", 1);
-    state().debug = 2;
-    log_printf("hidden %d\n", 2);
-    state().debug = 1;
-    log_printf("shown %d\n", 3);
-    fflush(stdout);
-    std::string out = testing::internal::GetCapturedStdout();
-    daemon_state_reset();
-    EXPECT_EQ(out.find("hidden"), std::string::npos);
-    ASSERT_EQ(out.size(), std::string("[2024-03-05 07:08:09] shown 3\n").size());
-    EXPECT_EQ(out.substr(21), " shown 3\n");
+    EXPECT_EQ(got, "[2024-03-05 09:08:09] COPS: CMCC");
 }
 
 TEST(ElapsedTest, SignedMillisecondsComparedUnsigned) {
@@ -74,33 +43,24 @@ TEST(ElapsedTest, SignedMillisecondsComparedUnsigned) {
     EXPECT_EQ(elapsed_between(100, 999999, 101, 0, 2), 0);
 }
 
-TEST(ElapsedTest, RealClockReachesTheLimit) {
-    timeval start;
-    gettimeofday(&start, nullptr);
-    EXPECT_EQ(elapsed_reached(start.tv_sec, start.tv_usec, 60000), 0);
-    sleep_for(0, 30000);
-    EXPECT_EQ(elapsed_reached(start.tv_sec, start.tv_usec, 20), 1);
-}
-
 void on_alarm(int) {}
 
+// Interrupted several times, the sleep still lasts the whole 300 ms, as the
+// real clock's time-out test sees it.
 TEST(SleepTest, SurvivesSignalsAndWaitsTheWholeTime) {
-    struct sigaction sa {};
-    sa.sa_handler = on_alarm;
-    sigaction(SIGALRM, &sa, nullptr);
-    // Interrupt the sleep several times; it must still last the whole 300 ms.
+    signal(SIGALRM, on_alarm);
     itimerval every{{0, 50000}, {0, 50000}};
     setitimer(ITIMER_REAL, &every, nullptr);
-    timespec a, b;
-    clock_gettime(CLOCK_MONOTONIC, &a);
+    timeval start;
+    gettimeofday(&start, nullptr);
     sleep_for(0, 300000);
-    clock_gettime(CLOCK_MONOTONIC, &b);
+    int reached = elapsed_reached(start.tv_sec, start.tv_usec, 299);
+    int long_past = elapsed_reached(start.tv_sec, start.tv_usec, 60000);
     itimerval off{};
     setitimer(ITIMER_REAL, &off, nullptr);
     signal(SIGALRM, SIG_DFL);
-    long ms = (b.tv_sec - a.tv_sec) * 1000 + (b.tv_nsec - a.tv_nsec) / 1000000;
-    EXPECT_GE(ms, 299);
-    EXPECT_LT(ms, 2000);
+    EXPECT_EQ(reached, 1);
+    EXPECT_EQ(long_past, 0);
 }
 
 } // namespace

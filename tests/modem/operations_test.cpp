@@ -1,48 +1,32 @@
 // The operations over a real pty with the receive thread running: the test
-// thread acts as the module while the operation blocks in its own thread.
+// thread plays the module while the operation blocks on its own thread.
 #include "at/at.h"
 #include "core/text.h"
 #include "modem/modem.h"
 #include "support/at_port.h"
-#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
-#include <memory>
+#include <future>
+#include <optional>
 #include <string>
-#include <thread>
-#include <unistd.h>
+#include <vector>
 
 namespace {
 
-// Runs an operation on its own thread, as a worker would.
-class running {
-public:
-    explicit running(std::function<int()> op)
-        : started_(monotonic_ms()), thread_([this, op] { result_ = op(); }) {}
-    ~running() {
-        if (thread_.joinable())
-            thread_.join();
-    }
-    int result() {
-        thread_.join();
-        return result_;
-    }
-    long started() const { return started_; }
+// The operation on its own thread, as a worker would run it.
+std::future<int> run(const std::function<int()> &op) { return std::async(std::launch::async, op); }
 
-private:
-    int result_ = -2;
-    long started_;
-    std::thread thread_;
-};
+constexpr int MARK_CODE = 0xFFFF;
 
 class OperationTest : public testing::Test {
 protected:
     void SetUp() override {
         daemon_state_reset();
-        port = std::make_unique<at_port>();
-        client = std::make_unique<client_end>();
+        port.emplace();
+        client.emplace();
         port->start_rx();
     }
     void TearDown() override {
@@ -51,264 +35,154 @@ protected:
         daemon_state_reset();
     }
 
-    // The command the operation wrote, up to its line end.
-    std::string command(const char *end = "\r\n") { return port->module_reads(end, 2000); }
-
-    void expect_report(int code, int status, const std::string &text) {
+    // What the module received since the last look: a marker written now arrives behind it.
+    std::string module_got() {
+        at_send("MARK\r\n", 6);
+        std::string got = port->module_reads("MARK\r\n", 3000);
+        size_t end = got.rfind("MARK\r\n");
+        return end == std::string::npos ? got + "<no marker>" : got.substr(0, end);
+    }
+    // The frames the client got since the last look, as "code status text|".
+    std::string frames() {
+        client_report(MARK_CODE, 0, nullptr);
+        std::string got;
         reply_frame f;
-        ASSERT_TRUE(client->next(&f, 3000)) << "no report for " << code;
-        EXPECT_EQ(f.code, code);
-        EXPECT_EQ(f.status, status);
-        EXPECT_EQ(std::string(f.text), text);
+        while (client->next(&f, 3000) && f.code != MARK_CODE)
+            got += std::to_string(f.code) + " " + std::to_string(f.status) + " " + f.text + "|";
+        return got;
+    }
+    // The lines passed on to the common thread since the last look.
+    std::string urc() {
+        port->module_says("MARK\r\n");
+        std::string got;
+        for (std::string l = urc_next(3000); l != "MARK" && l != "<none>"; l = urc_next(3000))
+            got += l + "|";
+        return got;
     }
 
-    void expect_idle() { EXPECT_EQ(state().at_state.load(), AT_IDLE); }
-
-    std::unique_ptr<at_port> port;
-    std::unique_ptr<client_end> client;
+    std::optional<at_port> port;
+    std::optional<client_end> client;
 };
 
-TEST_F(OperationTest, QueryEndsOnItsLineAndPassesTheRestOn) {
-    running op([] { return get_csq(1); });
-    EXPECT_EQ(command(), "AT+CSQ\r\n");
-    port->module_says("AT+CSQ\r\r\nRING\r\n+CSQ: 23,99\r\n\r\nOK\r\n");
-    EXPECT_EQ(op.result(), 0);
-    expect_report(CODE_GET_CSQ, STATUS_OK, "23");
-    EXPECT_STREQ(state().signal_rssi, "23");
-    // The echo is dropped; the unsolicited line and the trailing OK reach the common thread.
-    EXPECT_EQ(urc_next(2000), "RING");
-    EXPECT_EQ(urc_next(2000), "OK");
-    EXPECT_EQ(urc_next(100), "<none>");
-    expect_idle();
-}
+struct exchange {
+    std::function<int()> op;
+    const char *command; // all the module receives; "" for nothing
+    const char *answer;
+    int result;
+    const char *reports;
+    const char *urc;
+    const char *field = nullptr; // a text of daemon_state, and what it holds afterwards
+    const char *value = nullptr;
+};
 
-TEST_F(OperationTest, ModelTextCollectsEveryLineUpToOk) {
-    text_set(state().module_model, "old");
-    running op([] { return get_ati(1); });
-    EXPECT_EQ(command(), "ATI\r\n");
-    // ATI has no error rule and no unsolicited rule: RING and ERROR become part of the text.
-    port->module_says("ATI\r\r\nMAKER\r\nEC200T\r\nRING\r\nRevision: R01\r\nERROR\r\n");
-    port->module_says("OKAY\r\n");
-    EXPECT_EQ(op.result(), 0);
-    expect_report(CODE_GET_ATI, STATUS_OK, "MAKER,EC200T,RING,Revision: R01,ERROR");
-    EXPECT_STREQ(state().module_model, "MAKER,EC200T,RING,Revision: R01,ERROR");
-    EXPECT_EQ(urc_next(100), "<none>");
-}
-
-TEST_F(OperationTest, DigitLineQueryWithoutErrorRuleTimesOut) {
-    text_set(state().module_imei, "866123");
-    running op([] { return get_gsn(1); });
-    EXPECT_EQ(command(), "AT+GSN\r\n");
-    port->module_says("ERROR\r\n");
-    EXPECT_EQ(op.result(), -1);
-    EXPECT_GE(monotonic_ms() - op.started(), 340);
-    expect_report(CODE_GET_GSN, STATUS_FAIL, "time out!");
-    EXPECT_EQ(urc_next(1000), "ERROR");
-    EXPECT_STREQ(state().module_imei, "866123");
-    expect_idle();
-}
-
-TEST_F(OperationTest, ModuleErrorFailsAndReachesTheCommonThread) {
-    running op([] { return set_csms(0, 1); });
-    EXPECT_EQ(command(), "AT+CSMS=0\r\n");
-    port->module_says("+CMT: ,24\r\n+CMS ERROR: 500\r\n");
-    EXPECT_EQ(op.result(), -1);
-    expect_report(CODE_SET_CSMS, STATUS_FAIL, "");
-    EXPECT_EQ(urc_next(1000), "+CMT: ,24");
-    EXPECT_EQ(urc_next(1000), "+CMS ERROR: 500");
-    expect_idle();
-}
-
-TEST_F(OperationTest, SettingCommandsAreSilentWithReportZero) {
-    struct {
-        std::function<int()> op;
-        const char *cmd;
-    } cases[] = {
-        {[] { return set_cnmi(7, 0); }, "AT+CNMI=2,3,0,1,0\r\n"},
-        {[] { return set_cmgf(5, 0); }, "AT+CMGF=1\r\n"},
-        {[] { return set_cscs("GSM", 0); }, "AT+CSCS=\"GSM\"\r\n"},
-        {[] { return set_clip(7, 0); }, "AT+CLIP=1\r\n"},
-        {[] { return set_qcrmcall(1, 1, 0); }, "AT$QCRMCALL=1,1,1,2,1\r\n"},
+TEST_F(OperationTest, SingleExchanges) {
+    daemon_state &s = state();
+    text_set(s.module_imei, "866123");
+    text_set(s.smsc_number, "861380000");
+    s.call_active = 1;
+    const exchange cases[] = {
+        // The echo is dropped; lines around the answer go on to the common thread.
+        {[] { return get_csq(1); }, "AT+CSQ\r\n", "AT+CSQ\r\r\nRING\r\n+CSQ: 23,99\r\n\r\nOK\r\n",
+         0, "102 0 23|", "RING|OK|", s.signal_rssi, "23"},
+        // Everything up to OK is the model text, even RING and ERROR.
+        {[] { return get_ati(1); }, "ATI\r\n", "ATI\r\r\nMAKER\r\nRING\r\nR01\r\nERROR\r\nOKAY\r\n",
+         0, "51 0 MAKER,RING,R01,ERROR|", "", s.module_model, "MAKER,RING,R01,ERROR"},
+        // The IMEI query waits for digits; an ERROR does not end the wait.
+        {[] { return get_gsn(1); }, "AT+GSN\r\n", "ERROR\r\n", -1, "52 1 time out!|", "ERROR|",
+         s.module_imei, "866123"},
+        {[] { return set_csms(0, 1); }, "AT+CSMS=0\r\n", "+CMT: ,24\r\n+CMS ERROR: 500\r\n", -1,
+         "232 1 |", "+CMT: ,24|+CMS ERROR: 500|"},
+        {[] { return set_cnmi(7, 0); }, "AT+CNMI=2,3,0,1,0\r\n", "OK\r\n", 0, "", ""},
+        {[] { return set_usbifc(1, 0); }, "AT+QCFG=\"USBIFC\",2,2\r\n", "OK\r\n", 0, "", ""},
+        // The centre is emptied first; an unusable one is reported whatever the caller asked.
+        {[] { return get_csca(0); }, "AT+CSCA?\r\n", "+CSCA: \"\",145\r\nOK\r\n", -1,
+         "201 1 Wrong number!|", "OK|", s.smsc_number, ""},
+        // A refused mode switch ends the registration query before it asks.
+        {[] { return get_creg(); }, "AT+CREG=2\r\n", "+CME ERROR: 10\r\n", -1, "111 1 |",
+         "+CME ERROR: 10|"},
+        // An OK ahead of the answer is dropped.
+        {[] { return get_qnetdevstatus(1); }, "AT+QNETDEVSTATUS?\r\n",
+         "OK\r\n+QNETDEVSTATUS: 1,1\r\n", 1, "191 0 1,1|", ""},
+        // A call ended by the caller still answers 0 (and ends the call, below).
+        {[] { return answer_call(); }, "ATA\r\n", "RING\r\nNO CARRIER\r\n", 0, "302 1 NO CARRIER|",
+         "RING|NO CARRIER|"},
+        {[] { return lbs_config(1, "token", "abc"); }, "AT+QLBSCFG=\"token\",\"abc\"\r\n", "OK\r\n",
+         0, "451 0 set token|", ""},
+        {[] { return lbs_config(1, "speed", "3"); }, "", "", -1, "451 10 |", ""},
     };
-    for (auto &c : cases) {
-        running op(c.op);
-        EXPECT_EQ(command(), c.cmd);
-        port->module_says("OK\r\n");
-        EXPECT_EQ(op.result(), 0) << c.cmd;
+    for (const exchange &c : cases) {
+        SCOPED_TRACE(c.command[0] != '\0' ? c.command : c.reports);
+        std::future<int> op = run(c.op);
+        if (c.command[0] != '\0') {
+            EXPECT_EQ(port->module_reads(c.command, 3000), c.command);
+            port->module_says(c.answer);
+        }
+        EXPECT_EQ(op.get(), c.result);
+        EXPECT_EQ(module_got(), "");
+        EXPECT_EQ(frames(), c.reports);
+        EXPECT_EQ(urc(), c.urc);
+        EXPECT_STREQ(c.field, c.value); // both null when the row names no field
+        EXPECT_EQ(s.at_state.load(), AT_IDLE);
     }
-    EXPECT_TRUE(client->silent(100));
+    EXPECT_EQ(s.call_active.load(), 0);
 }
 
-TEST_F(OperationTest, SendFailureOnAClosedPort) {
+TEST_F(OperationTest, ClosedPortFailsAtOnce) {
     port->stop_rx();
     int fd = state().at_fd.exchange(-1);
-    EXPECT_EQ(set_cmgf(0, 0), -1);
-    EXPECT_TRUE(client->silent(100));
-    EXPECT_EQ(get_cops(1), -1);
-    expect_report(CODE_GET_COPS, STATUS_FAIL, "at send error!");
-    // These report a dead port whatever the caller asked.
-    EXPECT_EQ(get_qnetdevstatus(0), -1);
-    expect_report(CODE_GET_QNETDEVSTATUS, STATUS_FAIL, "at send error!");
-    EXPECT_EQ(get_creg(), -1); // its first step fails silently, then it reports
-    expect_report(CODE_GET_CREG, STATUS_FAIL, "");
-    EXPECT_EQ(hang_up(), -1);
-    expect_report(CODE_HANG_UP, STATUS_FAIL, "at send error!");
-    expect_idle();
+    const std::pair<std::function<int()>, const char *> cases[] = {
+        {[] { return set_cmgf(0, 0); }, ""},
+        {[] { return get_qnetdevstatus(0); }, "191 1 at send error!|"}, // whatever the caller asked
+        {[] { return get_creg(); }, "111 1 |"}, // its silent first step fails, then it reports
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(c.first(), -1) << c.second;
+        EXPECT_EQ(frames(), c.second);
+    }
+    EXPECT_EQ(state().at_state.load(), AT_IDLE);
     state().at_fd = fd;
 }
 
-TEST_F(OperationTest, UnusableCentreIsAlwaysReported) {
-    text_set(state().smsc_number, "8613800000000");
-    running op([] { return get_csca(0); });
-    EXPECT_EQ(command(), "AT+CSCA?\r\n");
-    port->module_says("+CSCA: \"\",145\r\nOK\r\n");
-    EXPECT_EQ(op.result(), -1);
-    expect_report(CODE_GET_CSCA, STATUS_FAIL, "Wrong number!");
-    EXPECT_STREQ(state().smsc_number, "");
-
-}
-
-TEST_F(OperationTest, RegistrationSwitchesModeThenAsks) {
-    running op([] { return get_creg(); });
-    EXPECT_EQ(command(), "AT+CREG=2\r\n");
-    port->module_says("OK\r\n");
-    EXPECT_EQ(command(), "AT+CREG?\r\n");
-    port->module_says("+CREG: 2,1,\"1A2B\",\"01C3D4E\",7\r\nOK\r\n");
-    EXPECT_EQ(op.result(), 0);
-    // The mode switch itself stays silent: the only frame is the answer.
-    expect_report(CODE_GET_CREG, STATUS_OK, "1A2B,01C3D4E");
-
-    running refused([] { return get_creg(); });
-    command();
-    port->module_says("+CME ERROR: 10\r\n");
-    EXPECT_EQ(refused.result(), -1);
-    expect_report(CODE_GET_CREG, STATUS_FAIL, "");
-    EXPECT_EQ(port->module_reads("AT+CREG?", 200), ""); // no query after a failed switch
-    EXPECT_TRUE(client->silent(100));
-}
-
-TEST_F(OperationTest, NetworkDeviceStatusIsOneZeroOrFailure) {
-    running up([] { return get_qnetdevstatus(1); });
-    EXPECT_EQ(command(), "AT+QNETDEVSTATUS?\r\n");
-    port->module_says("OK\r\n+QNETDEVSTATUS: 1,1\r\n");
-    EXPECT_EQ(up.result(), 1);
-    expect_report(CODE_GET_QNETDEVSTATUS, STATUS_OK, "1,1");
-    EXPECT_EQ(urc_next(100), "<none>"); // an OK before the answer is dropped
-}
-
-TEST_F(OperationTest, AnswerEndedByTheCallerStillReturnsZero) {
-    state().call_active = 1;
-    running op([] { return answer_call(); });
-    EXPECT_EQ(command(), "ATA\r\n");
-    port->module_says("RING\r\nNO CARRIER\r\n");
-    EXPECT_EQ(op.result(), 0);
-    expect_report(CODE_ANSWER_CALL, STATUS_FAIL, "NO CARRIER");
-    EXPECT_EQ(state().call_active.load(), 0);
-    EXPECT_EQ(urc_next(1000), "RING");
-    EXPECT_EQ(urc_next(1000), "NO CARRIER");
-    expect_idle();
-}
-
-TEST_F(OperationTest, SpeakingEndsInCarriageReturnOnly) {
-    running op([] { return play_tts(1, "AB"); });
-    EXPECT_EQ(command("\r"), "AT+QWTTS=1,1,1,\"00410042\"\r");
-    EXPECT_EQ(port->module_reads("\n", 100), ""); // no line feed follows
-    port->module_says("OK\r\n");
-    EXPECT_EQ(op.result(), 0);
-    expect_report(CODE_PLAY_TTS, STATUS_OK, "");
-}
-
-TEST_F(OperationTest, LocationSettingReadAndSet) {
-    running read([] { return lbs_config(0, "timeout", nullptr); });
-    EXPECT_EQ(command(), "AT+QLBSCFG=\"timeout\"\r\n");
-    port->module_says("+QLBSCFG: \"timeout\",10\r\nRING\r\nOK\r\n");
-    EXPECT_EQ(read.result(), 0);
-    expect_report(CODE_LBS_CONFIG, STATUS_OK, "timeout: 10");
-    EXPECT_EQ(urc_next(1000), "RING");
-
-    running token([] { return lbs_config(1, "token", "abc"); });
-    EXPECT_EQ(command(), "AT+QLBSCFG=\"token\",\"abc\"\r\n");
-    port->module_says("OK\r\n");
-    EXPECT_EQ(token.result(), 0);
-    expect_report(CODE_LBS_CONFIG, STATUS_OK, "set token");
-}
-
-TEST_F(OperationTest, UnknownLocationSettingSendsNothing) {
-    EXPECT_EQ(lbs_config(1, "speed", "3"), -1);
-    expect_report(CODE_LBS_CONFIG, STATUS_BAD_PARAM, "");
-    EXPECT_EQ(port->module_reads("\n", 200), "");
-    expect_idle();
-}
-
-class DialTest : public OperationTest {
-protected:
-    void SetUp() override {
-        OperationTest::SetUp();
-        text_set(state().apn_name, "internet");
-        state().apn_auth = 1;
-    }
-    // Answers every command with OK until `fail_on` arrives, which gets "ERROR".
-    // Returns the commands seen.
-    std::string module_answers(const std::string &fail_on, const std::string &last) {
+TEST_F(OperationTest, DialsStopAtTheFirstFailingStep) {
+    text_set(state().apn_name, "internet");
+    text_set(state().apn_passwd, "pw");
+    const std::string context =
+        "AT+QIDEACT=1\r\nAT+QICSGP=1,1,\"internet\",\"\",\"pw\",1\r\nAT+QIACT=1\r\n";
+    const struct {
+        std::function<int()> op;
+        std::vector<std::string> refused; // commands the module answers ERROR
+        std::string commands;
+        int result;
+        const char *reports;
+    } cases[] = {
+        {[] { return dial_ec200(1); }, {"AT+QIACT"}, "ATE0\r\n" + context, -1,
+         "370 1 set_qiact|"},
+        {[] { return dial_ec200(1); }, {}, "ATE0\r\n" + context + "AT+QNETDEVCTL=1,1\r\n",
+         0, "370 0 |"},
+        // The echo switch and stopping an old call may fail; the dial goes on.
+        {[] { return dial_ec20(1); }, {"ATE0", "AT$QCRMCALL"},
+         "ATE0\r\nAT$QCRMCALL=0,1,1,2,1\r\n" + context + "AT$QCRMCALL=1,1,1,2,1\r\n", -1,
+         "370 1 set_qcrmcall|"},
+    };
+    for (const auto &c : cases) {
+        std::future<int> op = run(c.op);
         std::string seen;
-        for (;;) {
-            std::string cmd = command();
+        while (op.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready) {
+            std::string cmd = port->module_reads("\r\n", 50);
             if (cmd.empty())
-                return seen;
+                continue;
             EXPECT_EQ(state().dial_in_progress.load(), 1) << cmd;
             seen += cmd;
-            bool fail = cmd.find(fail_on) == 0;
-            port->module_says(fail ? "ERROR\r\n" : "OK\r\n");
-            if (fail || cmd.find(last) == 0)
-                return seen;
+            bool refuse = false;
+            for (const std::string &r : c.refused)
+                refuse = refuse || cmd.compare(0, r.size(), r) == 0;
+            port->module_says(refuse ? "ERROR\r\n" : "OK\r\n");
         }
+        EXPECT_EQ(op.get(), c.result);
+        EXPECT_EQ(seen + module_got(), c.commands);
+        EXPECT_EQ(frames(), c.reports); // the steps themselves report nothing
+        EXPECT_EQ(state().dial_in_progress.load(), 0);
     }
-};
-
-TEST_F(DialTest, Ec200StopsAtTheFailingStep) {
-    state().debug = 1;
-    testing::internal::CaptureStdout();
-    running dial([] { return dial_ec200(1); });
-    std::string seen = module_answers("AT+QIACT", "AT+QNETDEVCTL");
-    EXPECT_EQ(dial.result(), -1);
-    fflush(stdout);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(seen, "ATE0\r\nAT+QIDEACT=1\r\nAT+QICSGP=1,1,\"internet\",\"\",\"\",1\r\n"
-                    "AT+QIACT=1\r\n");
-    EXPECT_EQ(port->module_reads("\n", 200), ""); // no AT+QNETDEVCTL
-    expect_report(CODE_DIAL, STATUS_FAIL, "set_qiact");
-    EXPECT_TRUE(client->silent(100)); // the step itself reports nothing
-    EXPECT_EQ(state().dial_in_progress.load(), 0);
-    EXPECT_NE(out.find("] Begin to dial up...\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("] set_qiact failed!\n"), std::string::npos) << out;
-}
-
-TEST_F(DialTest, Ec20IgnoresEchoAndStopFailuresThenDials) {
-    text_set(state().apn_passwd, "pw");
-    running dial([] { return dial_ec20(1); });
-    // Failures of the echo switch and of stopping an old call do not stop the dial.
-    EXPECT_EQ(command(), "ATE0\r\n");
-    port->module_says("ERROR\r\n");
-    EXPECT_EQ(command(), "AT$QCRMCALL=0,1,1,2,1\r\n");
-    port->module_says("ERROR\r\n");
-    std::string seen = module_answers("AT$QCRMCALL=1", "-");
-    EXPECT_EQ(dial.result(), -1);
-    EXPECT_EQ(seen, "AT+QIDEACT=1\r\nAT+QICSGP=1,1,\"internet\",\"\",\"pw\",1\r\n"
-                    "AT+QIACT=1\r\nAT$QCRMCALL=1,1,1,2,1\r\n");
-    expect_report(CODE_DIAL, STATUS_FAIL, "set_qcrmcall");
-    EXPECT_EQ(state().dial_in_progress.load(), 0);
-}
-
-TEST_F(DialTest, Ec20LeavesTheConnectionToTheExternalProgram) {
-    temp_dir dir;
-    std::string mark = dir.path() + "/ran";
-    text_set(state().app_name, "connector");
-    text_set(state().app_cmd, ("touch " + mark).c_str());
-    EXPECT_EQ(dial_ec20(1), 0);
-    expect_report(CODE_DIAL, STATUS_OK, "");
-    EXPECT_EQ(access(mark.c_str(), F_OK), 0);
-    EXPECT_EQ(port->module_reads("\n", 200), "");
-    EXPECT_EQ(state().dial_in_progress.load(), 0);
 }
 
 } // namespace
