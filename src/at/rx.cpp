@@ -85,6 +85,7 @@ void rx_sink(const char *line, bool complete, void *) {
 } // namespace
 
 void *rx_thread(void *) {
+    pthread_setname_np(pthread_self(), "zolvin_rx");
     line_splitter sp;
     splitter_reset(&sp);
     char buf[RX_READ_SIZE];

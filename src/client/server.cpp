@@ -227,6 +227,7 @@ void handle_request(const uint8_t *buf, size_t len) {
 }
 
 void *interface_thread(void *) {
+    pthread_setname_np(pthread_self(), "zolvin_client");
     daemon_state &s = state();
     uint8_t buf[REQUEST_MAX];
     for (;;) {

@@ -162,6 +162,7 @@ void run_request(const worker_request &raw, uint8_t family) {
 }
 
 WORKER_FRAME_UNGUARDED void *run_worker(void *request_copy, uint8_t family) {
+    pthread_setname_np(pthread_self(), "zolvin_worker");
     // A worker cancelled by a restart request still gives the AT port back.
     pthread_cleanup_push(cleanup, nullptr);
     run_request(*static_cast<const worker_request *>(request_copy), family);

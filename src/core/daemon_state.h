@@ -1,8 +1,9 @@
 // The one process-wide record that every thread of the daemon shares.
 //
 // Plain text buffers are written before the threads that read them exist, or
-// under the AT access rule; everything that one thread publishes while others
-// poll it is a std::atomic (release on the publishing store, acquire on the load).
+// under the AT access rule; every flag and index that one thread publishes for
+// others is a std::atomic (release on the publishing store, acquire on the
+// load); the rings are guarded by line_lock.
 #pragma once
 
 #include "core/wait.h"

@@ -48,19 +48,3 @@ int sleep_for(uint32_t seconds, uint32_t microseconds) {
     }
     return 0;
 }
-
-int elapsed_between(long start_sec, long start_usec, long now_sec, long now_usec,
-                    uint32_t limit_ms) {
-    // Signed 32-bit as the module timers have always computed it; unsigned
-    // wrap-around keeps the arithmetic defined.
-    uint32_t sec_diff = static_cast<uint32_t>(now_sec) - static_cast<uint32_t>(start_sec);
-    int32_t usec_diff = static_cast<int32_t>(now_usec - start_usec);
-    int32_t elapsed = static_cast<int32_t>(sec_diff * 1000u + static_cast<uint32_t>(usec_diff / 1000));
-    return static_cast<uint32_t>(elapsed) >= limit_ms ? 1 : 0;
-}
-
-int elapsed_reached(long start_sec, long start_usec, uint32_t limit_ms) {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return elapsed_between(start_sec, start_usec, now.tv_sec, now.tv_usec, limit_ms);
-}

@@ -1,5 +1,6 @@
-// Time-stamped debug output and the daemon's time keeping: every wait in the
-// daemon is a `sleep_for` poll against an `elapsed_reached` deadline.
+// Time-stamped debug output, and the sleep for the fixed waits the daemon
+// prescribes (after a power cycle, after bring-up). Waits for events are in
+// core/wait.h.
 #pragma once
 
 #include <cstdarg>
@@ -20,12 +21,3 @@ void log_vprintf_at(FILE *out, time_t now, const char *fmt, va_list ap)
 
 // Waits the whole time, resuming after signals. Always returns 0.
 int sleep_for(uint32_t seconds, uint32_t microseconds);
-
-// 1 when at least `limit_ms` have passed since the start time (a gettimeofday
-// reading), else 0. The difference is taken in signed 32-bit arithmetic and
-// compared unsigned, so a clock set back fires the time-out at once.
-int elapsed_reached(long start_sec, long start_usec, uint32_t limit_ms);
-
-// elapsed_reached with "now" given.
-int elapsed_between(long start_sec, long start_usec, long now_sec, long now_usec,
-                    uint32_t limit_ms);

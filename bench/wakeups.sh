@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# How often the idle daemon wakes up: runs it on the simulated board (EC200T,
+# auto_dial=1), waits for the data call, then counts every thread's context
+# switches over a window with the link up and nothing happening, and again with
+# the module unplugged. Run by hand as root, not in CI.
+#
+#   bench/wakeups.sh [--seconds N] [--build DIR]
+set -euo pipefail
+
+seconds=10
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="$root/build-run"
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --seconds) seconds="${2:?}"; shift 2 ;;
+    --build) build="${2:?}"; shift 2 ;;
+    *) echo "wakeups.sh: unknown argument '$1'" >&2; exit 2 ;;
+  esac
+done
+[ "$(id -u)" -eq 0 ] || { echo "wakeups.sh: the simulated board needs root" >&2; exit 1; }
+command -v python3 >/dev/null || { echo "wakeups.sh: needs python3 for the board's control socket" >&2; exit 1; }
+
+if [ ! -f "$build/CMakeCache.txt" ]; then
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+fi
+cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd -j 2 >/dev/null
+
+work="$(mktemp -d /tmp/zolvin_wakeups.XXXXXX)"
+board_pid=""
+cleanup() {
+  [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && wait "$board_pid" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+printf 'apn_name=cmnet\nauto_dial=1\nauto_check=0\n' >"$work/zolvin_4g.conf"
+"$build/tools/simboard/zolvin_simboard" --work "$work" --family ec200t \
+  --conf "$work/zolvin_4g.conf" -- "$build/zolvin_4g" >/dev/null 2>&1 &
+board_pid=$!
+
+wait_for() { # pattern, file, seconds
+  local until=$(( $(date +%s) + $3 ))
+  until grep -q "$1" "$work/$2" 2>/dev/null; do
+    [ "$(date +%s)" -lt "$until" ] || { echo "wakeups.sh: no '$1' in $2 after $3 s" >&2; exit 1; }
+    sleep 0.2
+  done
+}
+wait_for 'busybox udhcpc' calls.log 60
+daemon=""
+for p in $(pgrep -x zolvin_4g); do
+  # The one on this board: a descendant of the board process.
+  if grep -qs "^PPid:" "/proc/$p/status" && [ "$(readlink "/proc/$p/ns/net")" = "$(readlink "/proc/$board_pid/ns/net")" ]; then
+    daemon=$p
+  fi
+done
+[ -n "$daemon" ] || { echo "wakeups.sh: daemon not found" >&2; exit 1; }
+sleep 1 # let the dial's last exchange settle
+
+snapshot() { # prints "tid name switches" per thread
+  for t in /proc/"$daemon"/task/*; do
+    local v n
+    v=$(awk '/^voluntary_ctxt_switches/ {v=$2} /^nonvoluntary_ctxt_switches/ {n=$2} END {print v+n}' "$t/status")
+    n=$(cat "$t/comm")
+    echo "$(basename "$t") $n $v"
+  done
+}
+
+measure() { # label
+  local before after
+  before=$(snapshot)
+  sleep "$seconds"
+  after=$(snapshot)
+  echo "== $1: wake-ups over $seconds s"
+  join <(echo "$before" | sort) <(echo "$after" | sort) |
+    awk -v s="$seconds" '{d=$5-$3; total+=d; printf "   %-16s %6d  (%.1f/s)\n", $2, d, d/s}
+                         END {printf "   %-16s %6d  (%.2f/s)\n", "whole process", total, total/s}'
+}
+
+measure "link up, idle"
+python3 - "$work/control.sock" <<'PY'
+import socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+s.connect(sys.argv[1])
+s.sendall(b"unplug\n")
+print("== board:", s.recv(200).decode().strip())
+PY
+sleep 1
+measure "module unplugged"
