@@ -8,6 +8,7 @@
 #include "at/at.h"
 #include "client/client.h"
 #include "core/daemon_state.h"
+#include "sms/common.h"
 #include "support/at_port.h"
 
 #include <benchmark/benchmark.h>
@@ -167,8 +168,11 @@ int main(int argc, char **argv) {
     state().module_type.store(MODULE_EC200T);
     state().module_restarting.store(0);
     emulated_port port(modem_family::ec200t);
-    pthread_t server;
-    if (pthread_create(&server, nullptr, interface_thread, nullptr) != 0 || pthread_detach(server) != 0)
+    // As in the daemon, the common thread takes what each exchange leaves
+    // behind (the "OK" after a query's answer).
+    pthread_t server, common;
+    if (pthread_create(&server, nullptr, interface_thread, nullptr) != 0 || pthread_detach(server) != 0 ||
+        pthread_create(&common, nullptr, common_thread, nullptr) != 0 || pthread_detach(common) != 0)
         return 1;
     g_client = connect_server();
     if (g_client < 0) {

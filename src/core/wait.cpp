@@ -26,7 +26,10 @@ mono_cond::mono_cond() {
     pthread_condattr_destroy(&attr);
 }
 
-mono_cond::~mono_cond() { pthread_cond_destroy(&c_); }
+// Conditions live in process-wide state, whose waiters are threads that are
+// never joined (the common thread, a detached worker): destroying one under a
+// waiter would block the exit. A condition holds no resource to give back.
+mono_cond::~mono_cond() {}
 
 bool mono_cond::wait(pthread_mutex_t *m, int64_t deadline_ms) {
     if (deadline_ms == NO_DEADLINE) {
