@@ -4,13 +4,26 @@
 #include "core/daemon_state.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
+
+std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
+    std::vector<const char *> ptrs;
+    std::vector<size_t> lens;
+    for (const std::string &f : fields) {
+        ptrs.push_back(f.c_str());
+        lens.push_back(f.size());
+    }
+    uint8_t buf[REQUEST_MAX];
+    size_t n = request_build(buf, sizeof buf, code, ptrs.data(), lens.data(),
+                             static_cast<int>(fields.size()));
+    if (n == 0)
+        throw std::runtime_error("request does not fit");
+    return std::string(reinterpret_cast<char *>(buf), n);
+}
 
 client_end::client_end() {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_) != 0)
@@ -58,18 +71,18 @@ bool client_end::silent(long quiet_ms) {
 
 at_port::at_port() {
     master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0)
-        throw std::runtime_error("pty");
     std::atomic<int32_t> fd{-1};
-    if (serial_open(&fd, ptsname(master_)) != 0)
-        throw std::runtime_error("serial_open on pty slave");
+    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0 ||
+        serial_open(&fd, ptsname(master_)) != 0)
+        throw std::runtime_error("serial_open on a pty slave");
     state().at_fd.store(fd.load(), std::memory_order_release);
 }
 
 at_port::~at_port() {
     stop_rx();
-    close(state().at_fd.load());
-    state().at_fd.store(-1);
+    int fd = state().at_fd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
     close(master_);
 }
 
@@ -118,26 +131,55 @@ std::string urc_next(long timeout_ms) {
 }
 
 emulated_port::emulated_port(modem_family family) : emu_(family) {
-    std::string slave;
-    master_ = open_modem_pty(&slave);
-    std::atomic<int32_t> fd{-1};
-    if (master_ < 0 || serial_open(&fd, slave.c_str()) != 0)
-        throw std::runtime_error("emulated AT port");
-    state().at_fd.store(fd.load(), std::memory_order_release);
-    if (!emu_.start(master_) || pthread_create(&rx_, nullptr, rx_thread, nullptr) != 0)
-        throw std::runtime_error("emulator or receive thread");
+    if (!emu_.start(master()))
+        throw std::runtime_error("modem emulator");
+    start_rx();
 }
 
 emulated_port::~emulated_port() {
-    pthread_cancel(rx_);
-    pthread_join(rx_, nullptr);
+    stop_rx();
     emu_.stop();
-    close_port();
-    close(master_);
 }
 
 void emulated_port::close_port() {
     int fd = state().at_fd.exchange(-1);
     if (fd >= 0)
         close(fd);
+}
+
+void port_test::SetUp() {
+    daemon_state_reset();
+    port.emplace();
+    port->start_rx();
+    client.emplace();
+}
+
+void port_test::TearDown() {
+    client.reset();
+    port.reset();
+    daemon_state_reset();
+}
+
+std::string port_test::frames() {
+    client_report(0xFFFF, 0, nullptr);
+    std::string got;
+    reply_frame r;
+    while (client->next(&r, 3000) && r.code != 0xFFFF)
+        got += std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
+    return got;
+}
+
+std::string port_test::module_got() {
+    at_send("MARK\r\n", 6);
+    std::string got = port->module_reads("MARK\r\n", 3000);
+    size_t end = got.rfind("MARK\r\n");
+    return end == std::string::npos ? got + "<no marker>" : got.substr(0, end);
+}
+
+std::string port_test::urc() {
+    port->module_says("MARK\r\n");
+    std::string got;
+    for (std::string l = urc_next(3000); l != "MARK" && l != "<none>"; l = urc_next(3000))
+        got += l + "|";
+    return got;
 }
