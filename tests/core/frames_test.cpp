@@ -1,13 +1,9 @@
 #include "core/frames.h"
-#include "core/report.h"
-#include "core/daemon_state.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -83,32 +79,6 @@ TEST(ReplyFrameTest, ByteForByteAndCutTo492) {
     EXPECT_EQ(reply(0x11032, 0x100FF, ""), "ZVR" + bytes({0x10, 0x32, 0, 0xFF, 0})); // low 16 bits
     EXPECT_EQ(reply(402, 0, std::string(600, 'L').c_str()),
               "ZVR" + bytes({1, 0x92, 0, 0}) + std::string(492, 'L') + bytes({0}));
-}
-
-TEST(ClientReportTest, SendsOneFrameOnlyWhileConnected) {
-    daemon_state_reset();
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    state().client_fd = sv[0];
-    client_report(911, 0, "lost"); // nobody connected yet: dropped, not queued
-    state().client_connected = 1;
-    client_report(1001, 2, "1");
-    state().client_connected = 0;
-    close(sv[0]);
-    char buf[200];
-    ssize_t n = read(sv[1], buf, sizeof buf);
-    close(sv[1]);
-    ASSERT_GT(n, 0);
-    EXPECT_EQ(std::string(buf, static_cast<size_t>(n)), "ZVR" + bytes({0x03, 0xE9, 0, 2, '1', 0}));
-
-    // A vanished client costs an error return, never a signal.
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    close(sv[1]);
-    state().client_fd = sv[0];
-    state().client_connected = 1;
-    client_report(911, 0, "x");
-    close(sv[0]);
-    daemon_state_reset();
 }
 
 } // namespace
