@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 namespace {
@@ -26,40 +25,40 @@ protected:
     temp_dir dir;
 };
 
+// Every setting a file can change, as "texts|... auth dial check period debug".
+std::string settings() {
+    const daemon_state &s = state();
+    std::string out = std::string(s.app_name) + "|" + s.apn_name + "|" + s.apn_user + "|" +
+                      s.apn_passwd + "|" + s.down_script + "|";
+    for (const char *ping : s.ping_address)
+        out += std::string(ping) + "|";
+    for (uint32_t v : {s.apn_auth.load(), uint32_t{s.auto_dial}, uint32_t{s.auto_check},
+                       s.check_timeS.load(), uint32_t{s.debug}})
+        out += " " + std::to_string(v);
+    return out;
+}
+
 TEST_F(ConfigTest, EachKeyTakesItsValue) {
-    daemon_state &s = state();
-    auto text = [](const char *field) { return [field] { return std::string(field); }; };
-    auto num = [](const auto &field) { return [&field] { return std::to_string(field.load()); }; };
     const struct {
         std::string content;
-        std::function<std::string()> got;
         std::string expected;
     } cases[] = {
-        {"app_name=dialer\r\n", text(s.app_name), "dialer"},
-        {"apn_name= cmnet \n", text(s.apn_name), " cmnet "}, // not trimmed
-        {"apn_user=u\n", text(s.apn_user), "u"},
-        {"apn_passwd=p=q\n", text(s.apn_passwd), "p=q"},
-        {std::string("apn_passwd=a\x01\xff\x7f\0b\n", 17), text(s.apn_passwd), "a\x01\xff\x7f"},
-        {"ping_address1=8.8.8.8\n", text(s.ping_address[0]), "8.8.8.8"},
-        {"ping_address6=example.org\n", text(s.ping_address[5]), "example.org"},
-        {"down_script=/bin/down.sh\n", text(s.down_script), "/bin/down.sh"},
+        {"", "||||||||||| 1 0 0 600 0"},
+        {"app_name=dialer\r\napn_name= cmnet \napn_user=u\napn_passwd=p=q\ndown_script=/bin/d\n"
+         "ping_address1=8.8.8.8\nping_address6=example.org\napn_auth=2\napn_auth=9\nauto_dial=1\n"
+         "auto_check=5\ncheck_timeS=5\ncheck_timeS=30x\n",
+         "dialer| cmnet |u|p=q|/bin/d|8.8.8.8|||||example.org| 2 1 1 30 0"}, // not trimmed
+        {std::string("apn_passwd=a\x01\xff\x7f\0b\n", 17), "|||a\x01\xff\x7f|||||||| 1 0 0 600 0"},
         // Keys are exact and only a '#' at the start makes a comment.
-        {"apn_name = a\n #apn_name=b\n#apn_name=c\n=d\n", text(s.apn_name), ""},
-        {"apn_auth=2\napn_auth=9\n", num(s.apn_auth), "2"}, // out of range keeps the last valid
-        {"apn_auth=-1\n", num(s.apn_auth), "1"},
-        {"auto_dial=1\n", num(s.auto_dial), "1"},
-        {"auto_dial=yes\n", num(s.auto_dial), "0"},
-        {"auto_check=5\n", num(s.auto_check), "1"},
-        {"check_timeS=5\ncheck_timeS=30x\n", num(s.check_timeS), "30"},
-        {"check_timeS=abc\n", num(s.check_timeS), "0"},
-        {"debug=1\ndebug=0\n", num(s.debug), "1"}, // the file turns debugging on, never off
-        {"debug=2\n", num(s.debug), "0"},
+        {"apn_name = a\n #apn_name=b\n#apn_name=c\n=d\n", "||||||||||| 1 0 0 600 0"},
+        {"apn_auth=-1\nauto_dial=yes\ncheck_timeS=abc\ndebug=2\n", "||||||||||| 1 0 0 0 0"},
+        {"debug=1\ndebug=0\n", "||||||||||| 1 0 0 600 1"}, // on from the file, never off
     };
     for (const auto &c : cases) {
         daemon_state_reset();
         std::string out = read_config(c.content);
-        EXPECT_EQ(c.got(), c.expected) << c.content;
-        EXPECT_EQ(out.empty(), s.debug == 0) << out; // only debugging prints the values
+        EXPECT_EQ(settings(), c.expected) << c.content;
+        EXPECT_EQ(out.empty(), state().debug == 0) << out; // only debugging prints the values
     }
 }
 
@@ -83,10 +82,8 @@ TEST_F(ConfigTest, AppCmdFromTheApnSettings) {
     } cases[] = {
         {"", "cmnet", "u", "p", 1, ""},
         {"dialer", "", "u", "p", 1, "dialer"},
-        {"dialer", "cmnet", "", "", 1, "dialer -s cmnet &"},
-        {"dialer", "cmnet", "u", "", 1, "dialer -s cmnet u &"},
+        {"dialer", "cmnet", "u", "", 2, "dialer -s cmnet u &"}, // no password: no authentication
         {"dialer", "cmnet", "", "p", 1, "dialer -s cmnet &"},
-        {"dialer", "cmnet", "u", "p", 2, "dialer -s cmnet u p 2 &"},
         {std::string(43, 'a'), std::string(50, 'n'), "", "", 1,
          std::string(43, 'a') + " -s " + std::string(50, 'n') + " &"}, // 99 characters fit
         {std::string(44, 'a'), std::string(50, 'n'), "", "", 1, ""},
