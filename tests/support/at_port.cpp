@@ -3,26 +3,32 @@
 #include "at/at.h"
 #include "core/daemon_state.h"
 
-#include <cstdlib>
+#include <cstdlib> // posix_openpt
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 
+namespace {
+
+// Whether `fd` has bytes to read before the deadline passes.
+bool readable(int fd, long deadline) {
+    pollfd p{fd, POLLIN, 0};
+    long left = deadline - monotonic_ms();
+    return left >= 0 && poll(&p, 1, static_cast<int>(left)) > 0;
+}
+
+} // namespace
+
 std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
-    std::vector<const char *> ptrs;
-    std::vector<size_t> lens;
-    for (const std::string &f : fields) {
-        ptrs.push_back(f.c_str());
-        lens.push_back(f.size());
-    }
-    uint8_t buf[REQUEST_MAX];
-    size_t n = request_build(buf, sizeof buf, code, ptrs.data(), lens.data(),
-                             static_cast<int>(fields.size()));
-    if (n == 0)
-        throw std::runtime_error("request does not fit");
-    return std::string(reinterpret_cast<char *>(buf), n);
+    auto be16 = [](size_t v) {
+        return std::string{static_cast<char>(v >> 8), static_cast<char>(v)};
+    };
+    std::string raw = "ZVS" + be16(code);
+    for (const std::string &f : fields)
+        raw += be16(f.size()) + f;
+    return raw + be16(0);
 }
 
 client_end::client_end() {
@@ -41,23 +47,15 @@ client_end::~client_end() {
 bool client_end::next(reply_frame *out, long timeout_ms) {
     long deadline = monotonic_ms() + timeout_ms;
     for (;;) {
-        if (!pending_.empty()) {
-            long used = reply_parse(pending_.data(), pending_.size(), out);
-            if (used < 0)
-                throw std::runtime_error("malformed reply frame");
-            if (used > 0) {
-                pending_.erase(pending_.begin(), pending_.begin() + used);
-                return true;
-            }
+        long used = pending_.empty() ? 0 : reply_parse(pending_.data(), pending_.size(), out);
+        if (used < 0)
+            throw std::runtime_error("malformed reply frame");
+        if (used > 0) {
+            pending_.erase(pending_.begin(), pending_.begin() + used);
+            return true;
         }
-        long left = deadline - monotonic_ms();
-        if (left < 0)
-            return false;
-        pollfd p{fds_[1], POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left)) <= 0)
-            return false;
         uint8_t buf[1024];
-        ssize_t n = read(fds_[1], buf, sizeof buf);
+        ssize_t n = readable(fds_[1], deadline) ? read(fds_[1], buf, sizeof buf) : 0;
         if (n <= 0)
             return false;
         pending_.insert(pending_.end(), buf, buf + n);
@@ -108,19 +106,11 @@ void at_port::module_says(const std::string &bytes) {
 std::string at_port::module_reads(const std::string &until, long timeout_ms) {
     std::string got;
     long deadline = monotonic_ms() + timeout_ms;
-    while (got.find(until) == std::string::npos) {
-        long left = deadline - monotonic_ms();
-        if (left < 0)
-            break;
-        pollfd p{master_, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left)) <= 0)
-            break;
-        char buf[512];
-        ssize_t n = read(master_, buf, sizeof buf);
-        if (n <= 0)
-            break;
+    char buf[512];
+    ssize_t n = 0;
+    while (got.find(until) == std::string::npos && readable(master_, deadline) &&
+           (n = read(master_, buf, sizeof buf)) > 0)
         got.append(buf, static_cast<size_t>(n));
-    }
     return got;
 }
 
