@@ -41,8 +41,6 @@ TEST(DiscoveryTest, UsbLayouts) {
     } cases[] = {
         {module("2c7c", "0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwan0"}), 0, "ttyUSB2",
          "wwan0", 0, "ttyUSB2", MODULE_EC20},
-        {module("2C7C", "6002", {"1-1/1-1:1.3/ttyUSB1", "1-1/1-1:1.0/net/usb0"}), 0, "ttyUSB1",
-         "usb0", 0, "ttyUSB1", MODULE_EC200S}, // upper-case ids match too
         // No network directory: discovery skips the device, the AT port alone is found.
         {module("2c7c", "6026", {"1-1/1-1:1.3/ttyUSB3"}), -1, "old", "old", 0, "ttyUSB3",
          MODULE_EC200T},
@@ -51,8 +49,6 @@ TEST(DiscoveryTest, UsbLayouts) {
          "old", MODULE_EC200T},
         {module("2c7c", "0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwp0s20f0u1i4abc"}), -1,
          "old", "old", 0, "ttyUSB2", MODULE_EC20}, // 16 characters are too many
-        {module("2c7c", "0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwp0s20f0u1i4ab"}), 0,
-         "ttyUSB2", "wwp0s20f0u1i4ab", 0, "ttyUSB2", MODULE_EC20},
         {module("2c7c", "0126", {"1-1/1-1:1.2/ttyUSB2"}), -1, "old", "old", -1, "old", -1},
         {{}, -1, "old", "old", -1, "old", -1}, // no device tree at all
     };
