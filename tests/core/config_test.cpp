@@ -8,6 +8,14 @@
 
 namespace {
 
+// What `run` printed on standard output.
+template <typename F> std::string printed(F run) {
+    testing::internal::CaptureStdout();
+    run();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
 class ConfigTest : public testing::Test {
 protected:
     void SetUp() override { daemon_state_reset(); }
@@ -15,11 +23,7 @@ protected:
 
     // Reads `content` as the configuration file and returns what was printed.
     std::string read_config(const std::string &content) {
-        std::string path = dir.write("zolvin_4g.conf", content);
-        testing::internal::CaptureStdout();
-        config_read(path.c_str());
-        fflush(stdout);
-        return testing::internal::GetCapturedStdout();
+        return printed([&] { config_read(dir.write("zolvin_4g.conf", content).c_str()); });
     }
 
     temp_dir dir;
@@ -75,32 +79,24 @@ TEST_F(ConfigTest, BadAndOverlongLinesAreNamedAndSkipped) {
 }
 
 TEST_F(ConfigTest, AppCmdFromTheApnSettings) {
+    const std::string a43(43, 'a'), n50(50, 'n');
     const struct {
-        std::string app, apn, user, pass;
-        uint32_t auth;
+        std::string settings;
         std::string expected; // "" with an app named: too long, and said so
     } cases[] = {
-        {"", "cmnet", "u", "p", 1, ""},
-        {"dialer", "", "u", "p", 1, "dialer"},
-        {"dialer", "cmnet", "u", "", 2, "dialer -s cmnet u &"}, // no password: no authentication
-        {"dialer", "cmnet", "", "p", 1, "dialer -s cmnet &"},
-        {std::string(43, 'a'), std::string(50, 'n'), "", "", 1,
-         std::string(43, 'a') + " -s " + std::string(50, 'n') + " &"}, // 99 characters fit
-        {std::string(44, 'a'), std::string(50, 'n'), "", "", 1, ""},
+        {"apn_name=cmnet\napn_user=u\napn_passwd=p\n", ""},
+        {"app_name=dialer\napn_user=u\napn_passwd=p\n", "dialer"},
+        {"app_name=dialer\napn_name=cmnet\napn_user=u\napn_auth=2\n", "dialer -s cmnet u &"},
+        {"app_name=dialer\napn_name=cmnet\napn_passwd=p\n", "dialer -s cmnet &"},
+        {"app_name=" + a43 + "\napn_name=" + n50 + "\n", a43 + " -s " + n50 + " &"}, // 99 fit
+        {"app_name=" + a43 + "a\napn_name=" + n50 + "\n", ""},
     };
     for (const auto &c : cases) {
         daemon_state_reset();
-        config_apply("app_name", c.app.c_str());
-        config_apply("apn_name", c.apn.c_str());
-        config_apply("apn_user", c.user.c_str());
-        config_apply("apn_passwd", c.pass.c_str());
-        state().apn_auth = c.auth;
-        testing::internal::CaptureStdout();
-        app_cmd_build();
-        fflush(stdout);
-        std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(std::string(state().app_cmd), c.expected) << c.app << "|" << c.apn;
-        bool refused = !c.app.empty() && c.expected.empty();
+        read_config(c.settings);
+        std::string out = printed(app_cmd_build);
+        EXPECT_EQ(std::string(state().app_cmd), c.expected) << c.settings;
+        bool refused = state().app_name[0] != '\0' && c.expected.empty();
         EXPECT_EQ(out.find("app_cmd too long") != std::string::npos, refused) << out;
     }
 }
