@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -48,54 +47,43 @@ TEST_F(LocalCodeTest, NotReadyComesBeforeBusy) {
     }
 }
 
+// What a write leaves is read back through the protocol; 912 shows the dial switch.
 TEST_F(LocalCodeTest, SettingsReadAndWritten) {
-    daemon_state &s = state();
-    auto text = [](const char *field) { return [field] { return std::string(field); }; };
-    auto num = [](const auto &field) { return [&field] { return std::to_string(field.load()); }; };
     const std::string sixty(60, 'p'), fifty(50, 'p'), limit = "10 Value between 1-30000";
     const struct {
         uint16_t code;
         std::vector<std::string> fields;
-        std::string reply; // "status text"
-        std::function<std::string()> got = nullptr;
-        std::string value = ""; // what `got` holds afterwards
+        std::string reply;             // "status text"
+        const char *app_cmd = nullptr; // the external program's command afterwards
     } rows[] = {
-        {501, {"1"}, "0 ", num(s.auto_dial), "1"},
-        {501, {"0x"}, "0 ", num(s.auto_dial), "0"},
-        {501, {"2"}, "10 ", num(s.auto_dial), "0"},
-        {501, {}, "10 "},
-        // APN slots: 1 name, 2 user, 3 password, 4 authentication; the command is rebuilt.
-        {521, {"1", "1", "internet"}, "0 1:internet", text(s.app_cmd), "dialer -s internet &"},
-        {521, {"0", "1"}, "0 1:internet"},
+        {501, {"1"}, "0 "}, {912, {}, "0 Connecting"}, {501, {"0x"}, "0 "}, {501, {"2"}, "10 "},
+        {501, {}, "10 "}, {912, {}, "0 Disconnected"},
+        // APN slots: 1 name, 2 user, 3 password, 4 authentication.
+        {521, {"1", "1", "internet"}, "0 1:internet", "dialer -s internet &"},
         {521, {"1", "2", "user"}, "0 2:user"},
-        {521, {"1", "3", "pw"}, "0 3:pw", text(s.app_cmd), "dialer -s internet user pw 1 &"},
-        {521, {"1", "4", "7"}, "0 ", num(s.apn_auth), "1"},
-        {521, {"1", "4"}, "0 ", num(s.apn_auth), "1"},
-        {521, {"1", "4", "2"}, "0 4:2", text(s.app_cmd), "dialer -s internet user pw 2 &"},
-        {521, {"0", "4"}, "0 4:2"},
-        {521, {"1", "1"}, "0 1:", text(s.apn_name), ""}, // no value clears the slot
+        {521, {"1", "3", "pw"}, "0 3:pw", "dialer -s internet user pw 1 &"},
+        {521, {"1", "4", "7"}, "0 "}, {521, {"1", "4"}, "0 "}, {521, {"0", "4"}, "0 4:1"},
+        {521, {"1", "4", "2"}, "0 4:2", "dialer -s internet user pw 2 &"},
+        {521, {"1", "1"}, "0 1:", "dialer"}, {521, {"0", "1"}, "0 1:"}, // no value clears it
         {521, {"0", "0"}, "10 "}, {521, {"0", "5"}, "10 "}, {521, {"0", "x"}, "10 "},
         {521, {"2", "1"}, "10 "}, {521, {"1"}, "10 "},
         // Ping addresses: six slots of 50 characters.
-        {523, {"1", "6", sixty}, "0 6:" + fifty, text(s.ping_address[5]), fifty},
-        {523, {"0", "6"}, "0 6:" + fifty},
-        {523, {"1", "1", "10.0.0.1"}, "0 1:10.0.0.1", text(s.ping_address[0]), "10.0.0.1"},
-        {523, {"0", "7"}, "10 "},
+        {523, {"1", "6", sixty}, "0 6:" + fifty}, {523, {"0", "6"}, "0 6:" + fifty},
+        {523, {"1", "1", "10.0.0.1"}, "0 1:10.0.0.1"}, {523, {"0", "7"}, "10 "},
         {522, {"0"}, "0 0"}, {522, {"1", "1"}, "0 1"}, {522, {"1", "x"}, "0 1"},
         {522, {"1"}, "10 "}, {522, {}, "10 "},
         {524, {"0"}, "0 600"}, {524, {"1", "0"}, limit}, {524, {"1", "30001"}, limit},
-        {524, {"1", "30000"}, "0 30000"}, {524, {"1", " 45s"}, "0 45", num(s.check_timeS), "45"},
+        {524, {"1", "30000"}, "0 30000"}, {524, {"1", " 45s"}, "0 45"}, {524, {"0"}, "0 45"},
         {524, {"1"}, "10 "}, {524, {}, "10 "},
-        {525, {"1", "/bin/down.sh now"}, "0 /bin/down.sh now"},
-        {525, {"0"}, "0 /bin/down.sh now"},
-        {525, {"1"}, "0 ", text(s.down_script), ""},
-        {525, {"3"}, "10 "}, {525, {}, "10 "},
+        {525, {"1", "/bin/down.sh now"}, "0 /bin/down.sh now"}, {525, {"0"}, "0 /bin/down.sh now"},
+        {525, {"1"}, "0 "}, {525, {"0"}, "0 "}, {525, {"3"}, "10 "}, {525, {}, "10 "},
     };
     config_apply("app_name", "dialer");
     for (const auto &r : rows) {
         SCOPED_TRACE(testing::Message() << "row " << (&r - rows));
         EXPECT_EQ(ask(r.code, r.fields), std::to_string(r.code) + " " + r.reply + "|");
-        EXPECT_EQ(r.got ? r.got() : "", r.value);
+        EXPECT_TRUE(r.app_cmd == nullptr || std::string(r.app_cmd) == state().app_cmd)
+            << state().app_cmd;
     }
 }
 
