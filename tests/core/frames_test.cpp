@@ -65,17 +65,4 @@ TEST(RequestFrameTest, ParsesOnlyWhatTheReadHolds) {
     }
 }
 
-std::string reply(int code, int status, const char *text) {
-    uint8_t out[REPLY_MAX];
-    size_t n = reply_build(out, code, status, text);
-    return std::string(reinterpret_cast<char *>(out), n);
-}
-
-TEST(ReplyFrameTest, LowSixteenBitsAndTextCutTo492) {
-    EXPECT_EQ(reply(0x1234, 10, nullptr), "ZVR" + bytes({0x12, 0x34, 0, 10, 0}));
-    EXPECT_EQ(reply(0x11032, 0x100FF, ""), "ZVR" + bytes({0x10, 0x32, 0, 0xFF, 0})); // low 16 bits
-    EXPECT_EQ(reply(402, 0, std::string(600, 'L').c_str()),
-              "ZVR" + bytes({1, 0x92, 0, 0}) + std::string(492, 'L') + bytes({0}));
-}
-
 } // namespace
