@@ -14,10 +14,7 @@ namespace {
 // AT port is there for the workers it starts.
 class LocalCodeTest : public port_test {
 protected:
-    void SetUp() override {
-        port_test::SetUp();
-        state().module_restarting = 0;
-    }
+    LocalCodeTest() { state().module_restarting = 0; }
     void send(const std::string &raw) {
         handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size());
     }
@@ -102,7 +99,7 @@ TEST_F(LocalCodeTest, OneReadIsOneFrame) {
 TEST_F(LocalCodeTest, RestartCancelsTheRunningWorkerAndFreesThePort) {
     state().module_type = MODULE_EC200T;
     send(request_bytes(103));
-    EXPECT_EQ(port->module_reads("\r\n", 5000), "AT+COPS?\r\n");
+    EXPECT_EQ(port.module_reads("\r\n", 5000), "AT+COPS?\r\n");
     EXPECT_EQ(state().worker_busy, 1);
     EXPECT_FALSE(state().at_mutex.try_lock());
     // The worker has ended when the restart is taken, without answering; the

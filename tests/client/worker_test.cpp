@@ -4,6 +4,7 @@
 #include "at/at.h"
 #include "client/client.h"
 #include "core/daemon_state.h"
+#include "modem/modem.h"
 #include "support/at_port.h"
 
 #include <gtest/gtest.h>
@@ -80,11 +81,11 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
     }
 }
 
-TEST_F(WorkerTest, VoiceDialMarksTheCallUntilTheSendFails) {
+TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     run(EC20, request_bytes(304, {"123"}));
     EXPECT_EQ(frames(), "304 0 |");
     EXPECT_EQ(state().call_active.load(), 1);
-    port->stop_rx();
+    port.stop_rx();
     int fd = state().at_fd.exchange(-1); // the device went away
     run(EC200, request_bytes(304, {"123"}));
     EXPECT_EQ(frames(), "304 1 at send error!|");
@@ -92,6 +93,13 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallUntilTheSendFails) {
     state().at_passthrough = 1;
     run(EC200, request_bytes(402, {"0", "AT"}));
     EXPECT_EQ(frames(), "402 1 at send error!|");
+    // Silent operations stay silent, but the link state query always tells,
+    // and the registration query reports after its silent first step.
+    EXPECT_EQ(set_cmgf(0, 0), -1);
+    EXPECT_EQ(get_qnetdevstatus(0), -1);
+    EXPECT_EQ(get_creg(), -1);
+    EXPECT_EQ(frames(), "191 1 at send error!|111 1 |");
+    EXPECT_EQ(state().at_state.load(), AT_IDLE);
     state().at_fd = fd;
 }
 

@@ -18,14 +18,12 @@ template <typename F> std::string printed(F run) {
 
 class ConfigTest : public testing::Test {
 protected:
-    void SetUp() override { daemon_state_reset(); }
-    void TearDown() override { daemon_state_reset(); }
-
     // Reads `content` as the configuration file and returns what was printed.
     std::string read_config(const std::string &content) {
         return printed([&] { config_read(dir.write("zolvin_4g.conf", content).c_str()); });
     }
 
+    fresh_state fresh;
     temp_dir dir;
 };
 
@@ -47,7 +45,6 @@ TEST_F(ConfigTest, EachKeyTakesItsValue) {
         std::string content;
         std::string expected;
     } cases[] = {
-        {"", "||||||||||| 1 0 0 600 0"},
         {"app_name=dialer\r\napn_name= cmnet \napn_user=u\napn_passwd=p=q\ndown_script=/bin/d\n"
          "ping_address1=8.8.8.8\nping_address6=example.org\napn_auth=2\napn_auth=9\nauto_dial=1\n"
          "auto_check=5\ncheck_timeS=5\ncheck_timeS=30x\n",

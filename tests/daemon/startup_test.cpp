@@ -1,27 +1,9 @@
-#include "core/daemon_state.h"
 #include "daemon/startup.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
 namespace {
-
-TEST(CommandLineTest, WordsCountOnlyAtTheirOwnPosition) {
-    const struct {
-        std::vector<const char *> args;
-        int debug, atprint;
-    } cases[] = {
-        {{"zolvin_4g"}, 0, 0}, {{"zolvin_4g", "atprint"}, 0, 0}, {{"zolvin_4g", "x", "atprint"}, 0, 1},
-        {{"zolvin_4g", "debug", "atprint", "more"}, 1, 1}, {{"zolvin_4g", "DEBUG", "ATPRINT"}, 0, 0},
-    };
-    for (const auto &c : cases) {
-        daemon_state_reset();
-        parse_command_line(static_cast<int>(c.args.size()), const_cast<char **>(c.args.data()));
-        EXPECT_EQ(state().debug, c.debug) << c.args.size();
-        EXPECT_EQ(state().atprint, c.atprint) << c.args.size();
-    }
-    daemon_state_reset();
-}
 
 TEST(AppRunningTest, MatchesOnlyTheProgramPathWithinFortyNineBytes) {
     temp_dir proc;

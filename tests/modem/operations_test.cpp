@@ -86,7 +86,7 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
         std::future<int> op = run(c.op);
         std::string seen;
         while (op.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready) {
-            std::string cmd = port->module_reads("\r\n", 50);
+            std::string cmd = port.module_reads("\r\n", 50);
             if (cmd.empty())
                 continue;
             EXPECT_EQ(s.dial_in_progress.load(), c.dial) << cmd;
@@ -94,7 +94,7 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
             bool refuse = false;
             for (const std::string &r : c.refused)
                 refuse = refuse || cmd.compare(0, r.size(), r) == 0;
-            port->module_says(refuse ? "ERROR\r\n" : c.answer);
+            port.module_says(refuse ? "ERROR\r\n" : c.answer);
         }
         EXPECT_EQ(op.get(), c.result);
         EXPECT_EQ(seen + module_got(), c.commands);
@@ -105,22 +105,6 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
         EXPECT_EQ(s.dial_in_progress.load(), 0);
     }
     EXPECT_EQ(s.call_active.load(), 0);
-}
-
-TEST_F(OperationTest, ClosedPortFailsAtOnce) {
-    port->stop_rx();
-    int fd = state().at_fd.exchange(-1);
-    const std::pair<std::function<int()>, const char *> cases[] = {
-        {[] { return set_cmgf(0, 0); }, ""},
-        {[] { return get_qnetdevstatus(0); }, "191 1 at send error!|"}, // whatever the caller asked
-        {[] { return get_creg(); }, "111 1 |"}, // its silent first step fails, then it reports
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.first(), -1) << c.second;
-        EXPECT_EQ(frames(), c.second);
-    }
-    EXPECT_EQ(state().at_state.load(), AT_IDLE);
-    state().at_fd = fd;
 }
 
 } // namespace

@@ -137,37 +137,24 @@ void emulated_port::close_port() {
         close(fd);
 }
 
-void port_test::SetUp() {
-    daemon_state_reset();
-    port.emplace();
-    port->start_rx();
-    client.emplace();
-}
-
-void port_test::TearDown() {
-    client.reset();
-    port.reset();
-    daemon_state_reset();
-}
-
 std::string port_test::frames() {
     client_report(0xFFFF, 0, nullptr);
     std::string got;
     reply_frame r;
-    while (client->next(&r, 3000) && r.code != 0xFFFF)
+    while (client.next(&r, 3000) && r.code != 0xFFFF)
         got += std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
     return got;
 }
 
 std::string port_test::module_got() {
     at_send("MARK\r\n", 6);
-    std::string got = port->module_reads("MARK\r\n", 3000);
+    std::string got = port.module_reads("MARK\r\n", 3000);
     size_t end = got.rfind("MARK\r\n");
     return end == std::string::npos ? got + "<no marker>" : got.substr(0, end);
 }
 
 std::string port_test::urc() {
-    port->module_says("MARK\r\n");
+    port.module_says("MARK\r\n");
     std::string got;
     for (std::string l = urc_next(3000); l != "MARK" && l != "<none>"; l = urc_next(3000))
         got += l + "|";

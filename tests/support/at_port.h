@@ -6,10 +6,10 @@
 #include "core/frames.h"
 #include "core/wait.h"
 #include "modem_emu/modem_emu.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <pthread.h>
 #include <string>
 #include <vector>
@@ -92,8 +92,7 @@ private:
 // arrived there since the previous look: a marker sent now arrives behind it.
 class port_test : public testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    port_test() { port.start_rx(); }
 
     // The client's frames, as "code status text|".
     std::string frames();
@@ -102,6 +101,7 @@ protected:
     // The lines passed on to urc_ring, as "line|".
     std::string urc();
 
-    std::optional<at_port> port;
-    std::optional<client_end> client;
+    fresh_state fresh;
+    at_port port;
+    client_end client;
 };
