@@ -21,8 +21,7 @@ class WorkerTest : public port_test {
 protected:
     // Runs one request as the server would: with the AT gate taken and worker_busy set.
     void run(family f, const std::string &raw) {
-        worker_request req;
-        req.len = raw.size();
+        worker_request req{raw.size(), {}};
         memcpy(req.bytes, raw.data(), raw.size());
         state().at_mutex.lock();
         state().worker_busy = 1;
@@ -41,21 +40,8 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
         std::string reports;
         std::string module = ""; // all the module receives
     };
-    std::vector<row> rows;
-    // Field 1 missing where it is used, and the other family's codes.
-    const std::pair<unsigned, std::vector<uint16_t>> need_field[] = {
-        {BOTH, {110, 231, 232, 233, 234, 236, 237, 238, 304, 401}},
-        {EC20, {190, 235, 310, 362}}, {EC200, {360, 551}}};
-    for (const auto &[families, codes] : need_field) {
-        for (uint16_t code : codes) {
-            rows.push_back({families, request_bytes(code), std::to_string(code) + " 10 |"});
-            if (families != BOTH)
-                rows.push_back({BOTH & ~families, request_bytes(code, {"1"}),
-                                std::to_string(code) + " 20 |"});
-        }
-    }
     const std::string n43(43, '5'), line988 = "AT+" + std::string(985, 'Q');
-    const row more[] = {
+    std::vector<row> rows = {
         {BOTH, request_bytes(451, {"0"}), "451 10 |"}, // two fields needed
         // A field length of 1000 or more ends the request without a reply.
         {BOTH, "ZVS\x01\x30\x03\xE8" + std::string(100, '1'), ""},
@@ -68,7 +54,18 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
         {BOTH, request_bytes(999), "999 20 |"}, // a code nobody knows
         {BOTH, request_bytes(402, {"0", "AT"}), "402 11 |"},
     };
-    rows.insert(rows.end(), std::begin(more), std::end(more));
+    // Field 1 missing where it is used, and the other family's codes.
+    const std::pair<unsigned, std::vector<uint16_t>> need_field[] = {
+        {BOTH, {110, 231, 232, 233, 234, 236, 237, 238, 304, 401}},
+        {EC20, {190, 235, 310, 362}}, {EC200, {360, 551}}};
+    for (const auto &[families, codes] : need_field) {
+        for (uint16_t code : codes) {
+            rows.push_back({families, request_bytes(code), std::to_string(code) + " 10 |"});
+            if (families != BOTH)
+                rows.push_back({BOTH & ~families, request_bytes(code, {"1"}),
+                                std::to_string(code) + " 20 |"});
+        }
+    }
     for (const row &c : rows) {
         for (family f : {EC200, EC20}) {
             if ((c.families & f) == 0)
@@ -86,7 +83,7 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     EXPECT_EQ(frames(), "304 0 |");
     EXPECT_EQ(state().call_active.load(), 1);
     port.stop_rx();
-    int fd = state().at_fd.exchange(-1); // the device went away
+    port.close_port(); // the device went away
     run(EC200, request_bytes(304, {"123"}));
     EXPECT_EQ(frames(), "304 1 at send error!|");
     EXPECT_EQ(state().call_active.load(), 0);
@@ -100,7 +97,6 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     EXPECT_EQ(get_creg(), -1);
     EXPECT_EQ(frames(), "191 1 at send error!|111 1 |");
     EXPECT_EQ(state().at_state.load(), AT_IDLE);
-    state().at_fd = fd;
 }
 
 } // namespace

@@ -78,10 +78,14 @@ at_port::at_port() {
 
 at_port::~at_port() {
     stop_rx();
+    close_port();
+    close(master_);
+}
+
+void at_port::close_port() {
     int fd = state().at_fd.exchange(-1);
     if (fd >= 0)
         close(fd);
-    close(master_);
 }
 
 void at_port::start_rx() {
@@ -129,12 +133,6 @@ emulated_port::emulated_port(modem_family family) : emu_(family) {
 emulated_port::~emulated_port() {
     stop_rx();
     emu_.stop();
-}
-
-void emulated_port::close_port() {
-    int fd = state().at_fd.exchange(-1);
-    if (fd >= 0)
-        close(fd);
 }
 
 std::string port_test::frames() {

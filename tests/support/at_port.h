@@ -62,6 +62,8 @@ public:
     void module_says(const std::string &bytes);
     // What the daemon wrote to the port until `until` (a substring) arrived or the time ran out.
     std::string module_reads(const std::string &until, long timeout_ms);
+    // Closes the daemon's side of the port, as a vanished device would leave it.
+    void close_port();
 
 private:
     int master_ = -1;
@@ -80,8 +82,6 @@ public:
     ~emulated_port();
 
     modem_emulator &module() { return emu_; }
-    // Closes the daemon's side of the port, as a vanished device would leave it.
-    void close_port();
 
 private:
     modem_emulator emu_;
