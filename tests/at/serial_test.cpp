@@ -34,7 +34,8 @@ TEST(SerialTest, OpensRawAt115200WithNoFlowControlAndMovesBytesUntranslated) {
     std::string got;
     char buf[64];
     pollfd p{fd, POLLIN, 0};
-    for (ssize_t n = 0; got.size() < 6 && poll(&p, 1, 2000) > 0 && (n = read(fd, buf, sizeof buf)) > 0;)
+    ssize_t n = 0;
+    while (got.size() < 6 && poll(&p, 1, 2000) > 0 && (n = read(fd, buf, sizeof buf)) > 0)
         got.append(buf, static_cast<size_t>(n));
     EXPECT_EQ(got, "\r\nOK\r\n");
 }

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -14,9 +15,6 @@
 #include <vector>
 
 namespace {
-
-// The operation on its own thread, as a worker would run it.
-std::future<int> run(const std::function<int()> &op) { return std::async(std::launch::async, op); }
 
 using OperationTest = port_test;
 
@@ -83,7 +81,7 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
     };
     for (const exchange &c : cases) {
         SCOPED_TRACE(c.commands.empty() ? c.reports : c.commands);
-        std::future<int> op = run(c.op);
+        std::future<int> op = std::async(std::launch::async, c.op); // as a worker runs it
         std::string seen;
         while (op.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready) {
             std::string cmd = port.module_reads("\r\n", 50);
@@ -91,9 +89,8 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
                 continue;
             EXPECT_EQ(s.dial_in_progress.load(), c.dial) << cmd;
             seen += cmd;
-            bool refuse = false;
-            for (const std::string &r : c.refused)
-                refuse = refuse || cmd.compare(0, r.size(), r) == 0;
+            bool refuse = std::any_of(c.refused.begin(), c.refused.end(),
+                                      [&](const std::string &r) { return cmd.rfind(r, 0) == 0; });
             port.module_says(refuse ? "ERROR\r\n" : c.answer);
         }
         EXPECT_EQ(op.get(), c.result);
