@@ -4,62 +4,62 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 namespace {
 
+// What `run` printed on standard output.
+template <typename F> std::string printed(F run) {
+    testing::internal::CaptureStdout();
+    run();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
 class ConfigTest : public testing::Test {
 protected:
-    void SetUp() override { daemon_state_reset(); }
-    void TearDown() override { daemon_state_reset(); }
-
     // Reads `content` as the configuration file and returns what was printed.
     std::string read_config(const std::string &content) {
-        std::string path = dir.write("zolvin_4g.conf", content);
-        testing::internal::CaptureStdout();
-        config_read(path.c_str());
-        fflush(stdout);
-        return testing::internal::GetCapturedStdout();
+        return printed([&] { config_read(dir.write("zolvin_4g.conf", content).c_str()); });
     }
 
+    fresh_state fresh;
     temp_dir dir;
 };
 
+// Every setting a file can change, as "texts|... auth dial check period debug".
+std::string settings() {
+    const daemon_state &s = state();
+    std::string out = std::string(s.app_name) + "|" + s.apn_name + "|" + s.apn_user + "|" +
+                      s.apn_passwd + "|" + s.down_script + "|";
+    for (const char *ping : s.ping_address)
+        out += std::string(ping) + "|";
+    for (uint32_t v : {s.apn_auth.load(), uint32_t{s.auto_dial}, uint32_t{s.auto_check},
+                       s.check_timeS.load(), uint32_t{s.debug}})
+        out += " " + std::to_string(v);
+    return out;
+}
+
 TEST_F(ConfigTest, EachKeyTakesItsValue) {
-    daemon_state &s = state();
-    auto text = [](const char *field) { return [field] { return std::string(field); }; };
-    auto num = [](const auto &field) { return [&field] { return std::to_string(field.load()); }; };
     const struct {
         std::string content;
-        std::function<std::string()> got;
         std::string expected;
     } cases[] = {
-        {"app_name=dialer\r\n", text(s.app_name), "dialer"},
-        {"apn_name= cmnet \n", text(s.apn_name), " cmnet "}, // not trimmed
-        {"apn_user=u\n", text(s.apn_user), "u"},
-        {"apn_passwd=p=q\n", text(s.apn_passwd), "p=q"},
-        {std::string("apn_passwd=a\x01\xff\x7f\0b\n", 17), text(s.apn_passwd), "a\x01\xff\x7f"},
-        {"ping_address1=8.8.8.8\n", text(s.ping_address[0]), "8.8.8.8"},
-        {"ping_address6=example.org\n", text(s.ping_address[5]), "example.org"},
-        {"down_script=/bin/down.sh\n", text(s.down_script), "/bin/down.sh"},
+        {"app_name=dialer\r\napn_name= cmnet \napn_user=u\napn_passwd=p=q\ndown_script=/bin/d\n"
+         "ping_address1=8.8.8.8\nping_address6=example.org\napn_auth=2\napn_auth=9\nauto_dial=1\n"
+         "auto_check=5\ncheck_timeS=5\ncheck_timeS=30x\n",
+         "dialer| cmnet |u|p=q|/bin/d|8.8.8.8|||||example.org| 2 1 1 30 0"}, // not trimmed
+        {std::string("apn_passwd=a\x01\xff\x7f\0b\n", 17), "|||a\x01\xff\x7f|||||||| 1 0 0 600 0"},
         // Keys are exact and only a '#' at the start makes a comment.
-        {"apn_name = a\n #apn_name=b\n#apn_name=c\n=d\n", text(s.apn_name), ""},
-        {"apn_auth=2\napn_auth=9\n", num(s.apn_auth), "2"}, // out of range keeps the last valid
-        {"apn_auth=-1\n", num(s.apn_auth), "1"},
-        {"auto_dial=1\n", num(s.auto_dial), "1"},
-        {"auto_dial=yes\n", num(s.auto_dial), "0"},
-        {"auto_check=5\n", num(s.auto_check), "1"},
-        {"check_timeS=5\ncheck_timeS=30x\n", num(s.check_timeS), "30"},
-        {"check_timeS=abc\n", num(s.check_timeS), "0"},
-        {"debug=1\ndebug=0\n", num(s.debug), "1"}, // the file turns debugging on, never off
-        {"debug=2\n", num(s.debug), "0"},
+        {"apn_name = a\n #apn_name=b\n#apn_name=c\n=d\n", "||||||||||| 1 0 0 600 0"},
+        {"apn_auth=-1\nauto_dial=yes\ncheck_timeS=abc\ndebug=2\n", "||||||||||| 1 0 0 0 0"},
+        {"debug=1\ndebug=0\n", "||||||||||| 1 0 0 600 1"}, // on from the file, never off
     };
     for (const auto &c : cases) {
         daemon_state_reset();
         std::string out = read_config(c.content);
-        EXPECT_EQ(c.got(), c.expected) << c.content;
-        EXPECT_EQ(out.empty(), s.debug == 0) << out; // only debugging prints the values
+        EXPECT_EQ(settings(), c.expected) << c.content;
+        EXPECT_EQ(out.empty(), state().debug == 0) << out; // only debugging prints the values
     }
 }
 
@@ -76,34 +76,24 @@ TEST_F(ConfigTest, BadAndOverlongLinesAreNamedAndSkipped) {
 }
 
 TEST_F(ConfigTest, AppCmdFromTheApnSettings) {
+    const std::string a43(43, 'a'), n50(50, 'n');
     const struct {
-        std::string app, apn, user, pass;
-        uint32_t auth;
+        std::string settings;
         std::string expected; // "" with an app named: too long, and said so
     } cases[] = {
-        {"", "cmnet", "u", "p", 1, ""},
-        {"dialer", "", "u", "p", 1, "dialer"},
-        {"dialer", "cmnet", "", "", 1, "dialer -s cmnet &"},
-        {"dialer", "cmnet", "u", "", 1, "dialer -s cmnet u &"},
-        {"dialer", "cmnet", "", "p", 1, "dialer -s cmnet &"},
-        {"dialer", "cmnet", "u", "p", 2, "dialer -s cmnet u p 2 &"},
-        {std::string(43, 'a'), std::string(50, 'n'), "", "", 1,
-         std::string(43, 'a') + " -s " + std::string(50, 'n') + " &"}, // 99 characters fit
-        {std::string(44, 'a'), std::string(50, 'n'), "", "", 1, ""},
+        {"apn_name=cmnet\napn_user=u\napn_passwd=p\n", ""},
+        {"app_name=dialer\napn_user=u\napn_passwd=p\n", "dialer"},
+        {"app_name=dialer\napn_name=cmnet\napn_user=u\napn_auth=2\n", "dialer -s cmnet u &"},
+        {"app_name=dialer\napn_name=cmnet\napn_passwd=p\n", "dialer -s cmnet &"},
+        {"app_name=" + a43 + "\napn_name=" + n50 + "\n", a43 + " -s " + n50 + " &"}, // 99 fit
+        {"app_name=" + a43 + "a\napn_name=" + n50 + "\n", ""},
     };
     for (const auto &c : cases) {
         daemon_state_reset();
-        config_apply("app_name", c.app.c_str());
-        config_apply("apn_name", c.apn.c_str());
-        config_apply("apn_user", c.user.c_str());
-        config_apply("apn_passwd", c.pass.c_str());
-        state().apn_auth = c.auth;
-        testing::internal::CaptureStdout();
-        app_cmd_build();
-        fflush(stdout);
-        std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(std::string(state().app_cmd), c.expected) << c.app << "|" << c.apn;
-        bool refused = !c.app.empty() && c.expected.empty();
+        read_config(c.settings);
+        std::string out = printed(app_cmd_build);
+        EXPECT_EQ(std::string(state().app_cmd), c.expected) << c.settings;
+        bool refused = state().app_name[0] != '\0' && c.expected.empty();
         EXPECT_EQ(out.find("app_cmd too long") != std::string::npos, refused) << out;
     }
 }

@@ -7,79 +7,39 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <future>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace {
 
-// The operation on its own thread, as a worker would run it.
-std::future<int> run(const std::function<int()> &op) { return std::async(std::launch::async, op); }
-
-constexpr int MARK_CODE = 0xFFFF;
-
-class OperationTest : public testing::Test {
-protected:
-    void SetUp() override {
-        daemon_state_reset();
-        port.emplace();
-        client.emplace();
-        port->start_rx();
-    }
-    void TearDown() override {
-        client.reset();
-        port.reset();
-        daemon_state_reset();
-    }
-
-    // What the module received since the last look: a marker written now arrives behind it.
-    std::string module_got() {
-        at_send("MARK\r\n", 6);
-        std::string got = port->module_reads("MARK\r\n", 3000);
-        size_t end = got.rfind("MARK\r\n");
-        return end == std::string::npos ? got + "<no marker>" : got.substr(0, end);
-    }
-    // The frames the client got since the last look, as "code status text|".
-    std::string frames() {
-        client_report(MARK_CODE, 0, nullptr);
-        std::string got;
-        reply_frame f;
-        while (client->next(&f, 3000) && f.code != MARK_CODE)
-            got += std::to_string(f.code) + " " + std::to_string(f.status) + " " + f.text + "|";
-        return got;
-    }
-    // The lines passed on to the common thread since the last look.
-    std::string urc() {
-        port->module_says("MARK\r\n");
-        std::string got;
-        for (std::string l = urc_next(3000); l != "MARK" && l != "<none>"; l = urc_next(3000))
-            got += l + "|";
-        return got;
-    }
-
-    std::optional<at_port> port;
-    std::optional<client_end> client;
-};
+using OperationTest = port_test;
 
 struct exchange {
     std::function<int()> op;
-    const char *command; // all the module receives; "" for nothing
-    const char *answer;
+    std::string commands; // all the module receives
+    std::string answer;   // to each command but those refused
     int result;
     const char *reports;
     const char *urc;
     const char *field = nullptr; // a text of daemon_state, and what it holds afterwards
     const char *value = nullptr;
+    std::vector<std::string> refused = {}; // commands answered ERROR
+    bool dial = false;                     // dial_in_progress while each command is sent
 };
 
-TEST_F(OperationTest, SingleExchanges) {
+TEST_F(OperationTest, ExchangesWithThePlayedModule) {
     daemon_state &s = state();
     text_set(s.module_imei, "866123");
     text_set(s.smsc_number, "861380000");
+    text_set(s.apn_name, "internet");
+    text_set(s.apn_passwd, "pw");
     s.call_active = 1;
+    const std::string context =
+        "AT+QIDEACT=1\r\nAT+QICSGP=1,1,\"internet\",\"\",\"pw\",1\r\nAT+QIACT=1\r\n";
     const exchange cases[] = {
         // The echo is dropped; lines around the answer go on to the common thread.
         {[] { return get_csq(1); }, "AT+CSQ\r\n", "AT+CSQ\r\r\nRING\r\n+CSQ: 23,99\r\n\r\nOK\r\n",
@@ -109,80 +69,39 @@ TEST_F(OperationTest, SingleExchanges) {
         {[] { return lbs_config(1, "token", "abc"); }, "AT+QLBSCFG=\"token\",\"abc\"\r\n", "OK\r\n",
          0, "451 0 set token|", ""},
         {[] { return lbs_config(1, "speed", "3"); }, "", "", -1, "451 10 |", ""},
+        // A dial stops at its first failing step; the steps themselves report nothing.
+        {[] { return dial_ec200(1); }, "ATE0\r\n" + context, "OK\r\n", -1, "370 1 set_qiact|", "",
+         nullptr, nullptr, {"AT+QIACT"}, true},
+        {[] { return dial_ec200(1); }, "ATE0\r\n" + context + "AT+QNETDEVCTL=1,1\r\n", "OK\r\n", 0,
+         "370 0 |", "", nullptr, nullptr, {}, true},
+        // The echo switch and stopping an old call may fail; the dial goes on.
+        {[] { return dial_ec20(1); },
+         "ATE0\r\nAT$QCRMCALL=0,1,1,2,1\r\n" + context + "AT$QCRMCALL=1,1,1,2,1\r\n", "OK\r\n",
+         -1, "370 1 set_qcrmcall|", "", nullptr, nullptr, {"ATE0", "AT$QCRMCALL"}, true},
     };
     for (const exchange &c : cases) {
-        SCOPED_TRACE(c.command[0] != '\0' ? c.command : c.reports);
-        std::future<int> op = run(c.op);
-        if (c.command[0] != '\0') {
-            EXPECT_EQ(port->module_reads(c.command, 3000), c.command);
-            port->module_says(c.answer);
+        SCOPED_TRACE(c.commands.empty() ? c.reports : c.commands);
+        std::future<int> op = std::async(std::launch::async, c.op); // as a worker runs it
+        std::string seen;
+        while (op.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready) {
+            std::string cmd = port.module_reads("\r\n", 50);
+            if (cmd.empty())
+                continue;
+            EXPECT_EQ(s.dial_in_progress.load(), c.dial) << cmd;
+            seen += cmd;
+            bool refuse = std::any_of(c.refused.begin(), c.refused.end(),
+                                      [&](const std::string &r) { return cmd.rfind(r, 0) == 0; });
+            port.module_says(refuse ? "ERROR\r\n" : c.answer);
         }
         EXPECT_EQ(op.get(), c.result);
-        EXPECT_EQ(module_got(), "");
+        EXPECT_EQ(seen + module_got(), c.commands);
         EXPECT_EQ(frames(), c.reports);
         EXPECT_EQ(urc(), c.urc);
         EXPECT_STREQ(c.field, c.value); // both null when the row names no field
         EXPECT_EQ(s.at_state.load(), AT_IDLE);
+        EXPECT_EQ(s.dial_in_progress.load(), 0);
     }
     EXPECT_EQ(s.call_active.load(), 0);
-}
-
-TEST_F(OperationTest, ClosedPortFailsAtOnce) {
-    port->stop_rx();
-    int fd = state().at_fd.exchange(-1);
-    const std::pair<std::function<int()>, const char *> cases[] = {
-        {[] { return set_cmgf(0, 0); }, ""},
-        {[] { return get_qnetdevstatus(0); }, "191 1 at send error!|"}, // whatever the caller asked
-        {[] { return get_creg(); }, "111 1 |"}, // its silent first step fails, then it reports
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.first(), -1) << c.second;
-        EXPECT_EQ(frames(), c.second);
-    }
-    EXPECT_EQ(state().at_state.load(), AT_IDLE);
-    state().at_fd = fd;
-}
-
-TEST_F(OperationTest, DialsStopAtTheFirstFailingStep) {
-    text_set(state().apn_name, "internet");
-    text_set(state().apn_passwd, "pw");
-    const std::string context =
-        "AT+QIDEACT=1\r\nAT+QICSGP=1,1,\"internet\",\"\",\"pw\",1\r\nAT+QIACT=1\r\n";
-    const struct {
-        std::function<int()> op;
-        std::vector<std::string> refused; // commands the module answers ERROR
-        std::string commands;
-        int result;
-        const char *reports;
-    } cases[] = {
-        {[] { return dial_ec200(1); }, {"AT+QIACT"}, "ATE0\r\n" + context, -1,
-         "370 1 set_qiact|"},
-        {[] { return dial_ec200(1); }, {}, "ATE0\r\n" + context + "AT+QNETDEVCTL=1,1\r\n",
-         0, "370 0 |"},
-        // The echo switch and stopping an old call may fail; the dial goes on.
-        {[] { return dial_ec20(1); }, {"ATE0", "AT$QCRMCALL"},
-         "ATE0\r\nAT$QCRMCALL=0,1,1,2,1\r\n" + context + "AT$QCRMCALL=1,1,1,2,1\r\n", -1,
-         "370 1 set_qcrmcall|"},
-    };
-    for (const auto &c : cases) {
-        std::future<int> op = run(c.op);
-        std::string seen;
-        while (op.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready) {
-            std::string cmd = port->module_reads("\r\n", 50);
-            if (cmd.empty())
-                continue;
-            EXPECT_EQ(state().dial_in_progress.load(), 1) << cmd;
-            seen += cmd;
-            bool refuse = false;
-            for (const std::string &r : c.refused)
-                refuse = refuse || cmd.compare(0, r.size(), r) == 0;
-            port->module_says(refuse ? "ERROR\r\n" : "OK\r\n");
-        }
-        EXPECT_EQ(op.get(), c.result);
-        EXPECT_EQ(seen + module_got(), c.commands);
-        EXPECT_EQ(frames(), c.reports); // the steps themselves report nothing
-        EXPECT_EQ(state().dial_in_progress.load(), 0);
-    }
 }
 
 } // namespace

@@ -1,4 +1,3 @@
-#include "core/daemon_state.h"
 #include "module/module.h"
 #include "support/test_support.h"
 
@@ -9,60 +8,51 @@
 
 namespace {
 
-// A sysfs USB device tree as the kernel lays it out: "path=content" is a
-// file, anything else a directory. Each tree also holds a root hub, one of
+// A sysfs USB device tree as the kernel lays it out, with the module at 1-1
+// ("vendor:product") and its `dirs`. Each tree also holds a root hub, one of
 // its interfaces and an unrelated device that a scan must pass over.
-void lay_out(const temp_dir &sys, std::vector<std::string> entries) {
-    entries.insert(entries.end(), {"usb1/idVendor=1d6b", "usb1/idProduct=0002", "1-0:1.0",
-                                   "2-1/idVendor=0bda", "2-1/idProduct=8153"});
-    for (const std::string &e : entries) {
-        size_t eq = e.find('=');
-        if (eq == std::string::npos)
-            sys.mkdir(e);
-        else
-            sys.write(e.substr(0, eq), e.substr(eq + 1) + "\n");
-    }
-}
-
-std::vector<std::string> module(const std::string &vid, const std::string &pid,
-                                std::vector<std::string> dirs) {
-    dirs.insert(dirs.end(), {"1-1/idVendor=" + vid, "1-1/idProduct=" + pid});
-    return dirs;
+void lay_out(const temp_dir &sys, const std::string &ids, const std::vector<std::string> &dirs) {
+    for (const std::string &d : dirs)
+        sys.mkdir(d);
+    const std::pair<std::string, std::string> files[] = {
+        {"1-1/idVendor", ids.substr(0, 4)}, {"1-1/idProduct", ids.substr(5)},
+        {"usb1/idVendor", "1d6b"}, {"usb1/idProduct", "0002"}, {"2-1/idVendor", "0bda"},
+        {"2-1/idProduct", "8153"}};
+    for (const auto &[path, content] : files)
+        sys.write(path, content + "\n");
+    sys.mkdir("1-0:1.0");
 }
 
 TEST(DiscoveryTest, UsbLayouts) {
     const struct {
-        std::vector<std::string> tree;
+        std::string ids; // "" for no device tree at all
+        std::vector<std::string> dirs;
         int discovered; // module_discover: both names or nothing
         const char *at, *net;
         int at_found; // module_find_at_port: the AT port alone
         const char *at_alone;
         int probed; // module_probe_type, also what module_type holds at the end
     } cases[] = {
-        {module("2c7c", "0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwan0"}), 0, "ttyUSB2",
-         "wwan0", 0, "ttyUSB2", MODULE_EC20},
-        {module("2C7C", "6002", {"1-1/1-1:1.3/ttyUSB1", "1-1/1-1:1.0/net/usb0"}), 0, "ttyUSB1",
-         "usb0", 0, "ttyUSB1", MODULE_EC200S}, // upper-case ids match too
+        {"2c7c:0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwan0"}, 0, "ttyUSB2", "wwan0", 0,
+         "ttyUSB2", MODULE_EC20},
         // No network directory: discovery skips the device, the AT port alone is found.
-        {module("2c7c", "6026", {"1-1/1-1:1.3/ttyUSB3"}), -1, "old", "old", 0, "ttyUSB3",
-         MODULE_EC200T},
+        {"2c7c:6026", {"1-1/1-1:1.3/ttyUSB3"}, -1, "old", "old", 0, "ttyUSB3", MODULE_EC200T},
         // The network interface without a tty: one name found still fails.
-        {module("2c7c", "6026", {"1-1/1-1:1.3", "1-1/1-1:1.0/net/usb0"}), -1, "old", "old", -1,
+        {"2c7c:6026", {"1-1/1-1:1.3", "1-1/1-1:1.0/net/usb0"}, -1, "old", "old", -1,
          "old", MODULE_EC200T},
-        {module("2c7c", "0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwp0s20f0u1i4abc"}), -1,
+        {"2c7c:0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwp0s20f0u1i4abc"}, -1,
          "old", "old", 0, "ttyUSB2", MODULE_EC20}, // 16 characters are too many
-        {module("2c7c", "0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwp0s20f0u1i4ab"}), 0,
-         "ttyUSB2", "wwp0s20f0u1i4ab", 0, "ttyUSB2", MODULE_EC20},
-        {module("2c7c", "0126", {"1-1/1-1:1.2/ttyUSB2"}), -1, "old", "old", -1, "old", -1},
-        {{}, -1, "old", "old", -1, "old", -1}, // no device tree at all
+        {"2c7c:0126", {"1-1/1-1:1.2/ttyUSB2"}, -1, "old", "old", -1, "old", -1},
+        {"", {}, -1, "old", "old", -1, "old", -1}, // no device tree at all
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << "row " << (&c - cases));
-        daemon_state_reset();
+        fresh_state fresh;
         temp_dir sys;
-        lay_out(sys, c.tree);
+        if (!c.ids.empty())
+            lay_out(sys, c.ids, c.dirs);
         module_paths paths;
-        paths.usb_devices = c.tree.empty() ? "/nonexistent/usb/devices" : sys.path().c_str();
+        paths.usb_devices = c.ids.empty() ? "/nonexistent/usb/devices" : sys.path().c_str();
         char at[MODULE_NAME_SIZE] = "old", net[MODULE_NAME_SIZE] = "old";
         state().module_type = -1; // no scan writes it, to see whether one did
         EXPECT_EQ(module_discover(paths, at, net), c.discovered);
@@ -74,13 +64,13 @@ TEST(DiscoveryTest, UsbLayouts) {
         EXPECT_EQ(module_probe_type(paths), c.probed);
         EXPECT_EQ(state().module_type.load(), c.probed);
     }
-    daemon_state_reset();
 }
 
 // The port is listed on the bus but has no device node: the bring-up gives up.
 TEST(DiscoveryTest, BringUpWithoutThePortNodeFails) {
+    fresh_state fresh;
     temp_dir sys, dev;
-    lay_out(sys, module("2c7c", "6026", {"1-1/1-1:1.3/ttyUSB3", "1-1/1-1:1.0/net/usb0"}));
+    lay_out(sys, "2c7c:6026", {"1-1/1-1:1.3/ttyUSB3", "1-1/1-1:1.0/net/usb0"});
     module_paths paths;
     paths.usb_devices = sys.path().c_str();
     paths.dev_dir = dev.path().c_str();
@@ -89,7 +79,6 @@ TEST(DiscoveryTest, BringUpWithoutThePortNodeFails) {
     EXPECT_EQ(module_bring_up(paths, &fd, -1, -1), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Open at port failed!\n");
     EXPECT_EQ(fd.load(), -1);
-    daemon_state_reset();
 }
 
 } // namespace

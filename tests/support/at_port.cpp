@@ -3,14 +3,33 @@
 #include "at/at.h"
 #include "core/daemon_state.h"
 
-#include <cstdlib>
-#include <cstring>
+#include <cstdlib> // posix_openpt
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
+
+namespace {
+
+// Whether `fd` has bytes to read before the deadline passes.
+bool readable(int fd, long deadline) {
+    pollfd p{fd, POLLIN, 0};
+    long left = deadline - monotonic_ms();
+    return left >= 0 && poll(&p, 1, static_cast<int>(left)) > 0;
+}
+
+} // namespace
+
+std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
+    auto be16 = [](size_t v) {
+        return std::string{static_cast<char>(v >> 8), static_cast<char>(v)};
+    };
+    std::string raw = "ZVS" + be16(code);
+    for (const std::string &f : fields)
+        raw += be16(f.size()) + f;
+    return raw + be16(0);
+}
 
 client_end::client_end() {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_) != 0)
@@ -28,23 +47,15 @@ client_end::~client_end() {
 bool client_end::next(reply_frame *out, long timeout_ms) {
     long deadline = monotonic_ms() + timeout_ms;
     for (;;) {
-        if (!pending_.empty()) {
-            long used = reply_parse(pending_.data(), pending_.size(), out);
-            if (used < 0)
-                throw std::runtime_error("malformed reply frame");
-            if (used > 0) {
-                pending_.erase(pending_.begin(), pending_.begin() + used);
-                return true;
-            }
+        long used = pending_.empty() ? 0 : reply_parse(pending_.data(), pending_.size(), out);
+        if (used < 0)
+            throw std::runtime_error("malformed reply frame");
+        if (used > 0) {
+            pending_.erase(pending_.begin(), pending_.begin() + used);
+            return true;
         }
-        long left = deadline - monotonic_ms();
-        if (left < 0)
-            return false;
-        pollfd p{fds_[1], POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left)) <= 0)
-            return false;
         uint8_t buf[1024];
-        ssize_t n = read(fds_[1], buf, sizeof buf);
+        ssize_t n = readable(fds_[1], deadline) ? read(fds_[1], buf, sizeof buf) : 0;
         if (n <= 0)
             return false;
         pending_.insert(pending_.end(), buf, buf + n);
@@ -58,19 +69,23 @@ bool client_end::silent(long quiet_ms) {
 
 at_port::at_port() {
     master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0)
-        throw std::runtime_error("pty");
     std::atomic<int32_t> fd{-1};
-    if (serial_open(&fd, ptsname(master_)) != 0)
-        throw std::runtime_error("serial_open on pty slave");
+    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0 ||
+        serial_open(&fd, ptsname(master_)) != 0)
+        throw std::runtime_error("serial_open on a pty slave");
     state().at_fd.store(fd.load(), std::memory_order_release);
 }
 
 at_port::~at_port() {
     stop_rx();
-    close(state().at_fd.load());
-    state().at_fd.store(-1);
+    close_port();
     close(master_);
+}
+
+void at_port::close_port() {
+    int fd = state().at_fd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
 }
 
 void at_port::start_rx() {
@@ -95,19 +110,11 @@ void at_port::module_says(const std::string &bytes) {
 std::string at_port::module_reads(const std::string &until, long timeout_ms) {
     std::string got;
     long deadline = monotonic_ms() + timeout_ms;
-    while (got.find(until) == std::string::npos) {
-        long left = deadline - monotonic_ms();
-        if (left < 0)
-            break;
-        pollfd p{master_, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left)) <= 0)
-            break;
-        char buf[512];
-        ssize_t n = read(master_, buf, sizeof buf);
-        if (n <= 0)
-            break;
+    char buf[512];
+    ssize_t n = 0;
+    while (got.find(until) == std::string::npos && readable(master_, deadline) &&
+           (n = read(master_, buf, sizeof buf)) > 0)
         got.append(buf, static_cast<size_t>(n));
-    }
     return got;
 }
 
@@ -118,26 +125,36 @@ std::string urc_next(long timeout_ms) {
 }
 
 emulated_port::emulated_port(modem_family family) : emu_(family) {
-    std::string slave;
-    master_ = open_modem_pty(&slave);
-    std::atomic<int32_t> fd{-1};
-    if (master_ < 0 || serial_open(&fd, slave.c_str()) != 0)
-        throw std::runtime_error("emulated AT port");
-    state().at_fd.store(fd.load(), std::memory_order_release);
-    if (!emu_.start(master_) || pthread_create(&rx_, nullptr, rx_thread, nullptr) != 0)
-        throw std::runtime_error("emulator or receive thread");
+    if (!emu_.start(master()))
+        throw std::runtime_error("modem emulator");
+    start_rx();
 }
 
 emulated_port::~emulated_port() {
-    pthread_cancel(rx_);
-    pthread_join(rx_, nullptr);
+    stop_rx();
     emu_.stop();
-    close_port();
-    close(master_);
 }
 
-void emulated_port::close_port() {
-    int fd = state().at_fd.exchange(-1);
-    if (fd >= 0)
-        close(fd);
+std::string port_test::frames() {
+    client_report(0xFFFF, 0, nullptr);
+    std::string got;
+    reply_frame r;
+    while (client.next(&r, 3000) && r.code != 0xFFFF)
+        got += std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
+    return got;
+}
+
+std::string port_test::module_got() {
+    at_send("MARK\r\n", 6);
+    std::string got = port.module_reads("MARK\r\n", 3000);
+    size_t end = got.rfind("MARK\r\n");
+    return end == std::string::npos ? got + "<no marker>" : got.substr(0, end);
+}
+
+std::string port_test::urc() {
+    port.module_says("MARK\r\n");
+    std::string got;
+    for (std::string l = urc_next(3000); l != "MARK" && l != "<none>"; l = urc_next(3000))
+        got += l + "|";
+    return got;
 }

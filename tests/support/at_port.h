@@ -5,6 +5,10 @@
 
 #include "core/frames.h"
 #include "core/wait.h"
+#include "modem_emu/modem_emu.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
 
 #include <pthread.h>
 #include <string>
@@ -21,6 +25,9 @@ template <typename F> bool wait_until(F cond, long timeout_ms) {
     }
     return true;
 }
+
+// The bytes of a request frame with these fields.
+std::string request_bytes(uint16_t code, const std::vector<std::string> &fields = {});
 
 // The connected client's side of the daemon's socket.
 class client_end {
@@ -42,9 +49,11 @@ private:
 
 class at_port {
 public:
-    // Opens the pty and points state().at_fd at its raw slave.
+    // Opens the pty and points state().at_fd at its slave, opened by serial_open.
     at_port();
     ~at_port(); // stops the receive thread, closes everything
+    at_port(const at_port &) = delete;
+    at_port &operator=(const at_port &) = delete;
 
     int master() const { return master_; }
     void start_rx();
@@ -53,6 +62,8 @@ public:
     void module_says(const std::string &bytes);
     // What the daemon wrote to the port until `until` (a substring) arrived or the time ran out.
     std::string module_reads(const std::string &until, long timeout_ms);
+    // Closes the daemon's side of the port, as a vanished device would leave it.
+    void close_port();
 
 private:
     int master_ = -1;
@@ -63,21 +74,34 @@ private:
 // The next line in urc_ring within the deadline, or "<none>".
 std::string urc_next(long timeout_ms);
 
-#include "modem_emu/modem_emu.h"
-
 // The AT port with the modem emulator playing the module and the receive
 // thread running: a transaction can run against it as against a module.
-class emulated_port {
+class emulated_port : public at_port {
 public:
     explicit emulated_port(modem_family family = modem_family::ec200t);
     ~emulated_port();
 
     modem_emulator &module() { return emu_; }
-    // Closes the daemon's side of the port, as a vanished device would leave it.
-    void close_port();
 
 private:
     modem_emulator emu_;
-    int master_ = -1;
-    pthread_t rx_ = 0;
+};
+
+// A fresh daemon state, the AT port with its receive thread and the test
+// playing the module, and a connected client. Each look at a side returns what
+// arrived there since the previous look: a marker sent now arrives behind it.
+class port_test : public testing::Test {
+protected:
+    port_test() { port.start_rx(); }
+
+    // The client's frames, as "code status text|".
+    std::string frames();
+    // The bytes the module received.
+    std::string module_got();
+    // The lines passed on to urc_ring, as "line|".
+    std::string urc();
+
+    fresh_state fresh;
+    at_port port;
+    client_end client;
 };

@@ -1,7 +1,16 @@
-// Small helpers for the unit tests: scratch directories and files.
+// Small helpers for the unit tests: a fresh daemon state, scratch directories
+// and files.
 #pragma once
 
+#include "core/daemon_state.h"
+
 #include <string>
+
+// A fresh daemon state for the life of the object.
+struct fresh_state {
+    fresh_state() { daemon_state_reset(); }
+    ~fresh_state() { daemon_state_reset(); }
+};
 
 class temp_dir {
 public:
