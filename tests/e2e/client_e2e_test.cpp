@@ -201,6 +201,7 @@ TEST(ClientInterfaceTest, AfterAFloodOfMalformedFramesAndPassingClientsTheDaemon
     pid_t daemon = b.board.daemon_pid();
     ASSERT_GT(daemon, 0);
     size_t descriptors = open_descriptors(daemon);
+    ASSERT_GT(descriptors, 3u); // the port, the lines and the client at least
 
     std::mt19937 mt(20261123);
     auto rng = [&] { return static_cast<unsigned>(mt()); };
