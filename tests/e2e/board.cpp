@@ -1,14 +1,13 @@
 #include "e2e/board.h"
 
-#include "client/client.h"
+#include "core/frames.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
@@ -16,7 +15,6 @@
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -34,127 +32,39 @@ std::string slurp(const std::string &path) {
 }
 
 // Lines of "<ms> <text>".
-std::vector<std::pair<long long, std::string>> records(const std::string &path) {
-    std::vector<std::pair<long long, std::string>> out;
+std::vector<record> records(const std::string &path) {
+    std::vector<record> out;
     std::istringstream in(slurp(path));
     std::string line;
     while (std::getline(in, line)) {
         size_t space = line.find(' ');
-        if (space == std::string::npos)
-            continue;
-        out.emplace_back(std::atoll(line.substr(0, space).c_str()), line.substr(space + 1));
+        if (space != std::string::npos)
+            out.push_back({std::atoll(line.c_str()), line.substr(space + 1)});
     }
     return out;
 }
 
-// Polls `ready` until it holds or the time is up; the board's records are
-// files, so there is no event to block on.
-template <typename Pred>
-bool poll_until(std::chrono::milliseconds timeout, Pred ready) {
-    auto deadline = clock_type::now() + timeout;
-    for (;;) {
-        if (ready())
-            return true;
-        if (clock_type::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+std::string link_target(const std::string &path) {
+    char buf[4096];
+    ssize_t n = readlink(path.c_str(), buf, sizeof buf);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
 }
-
-int connect_unix(const std::string &path) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path)
-        return -1;
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-int exit_code(int status) { return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status); }
 
 } // namespace
 
-// ---- modem_port
-
-modem_port::~modem_port() {
-    if (fd_ >= 0)
-        close(fd_);
+board_config board_for(const std::string &family, std::optional<std::string> conf) {
+    board_config c;
+    c.family = family;
+    c.conf = std::move(conf);
+    return c;
 }
 
-modem_port::modem_port(modem_port &&other) noexcept
-    : fd_(other.fd_), closed_(other.closed_), received_(std::move(other.received_)) {
-    other.fd_ = -1;
+std::vector<std::string> texts(const std::vector<record> &records) {
+    std::vector<std::string> out;
+    for (const record &r : records)
+        out.push_back(r.text);
+    return out;
 }
-
-modem_port &modem_port::operator=(modem_port &&other) noexcept {
-    if (this != &other) {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = other.fd_;
-        closed_ = other.closed_;
-        received_ = std::move(other.received_);
-        other.fd_ = -1;
-    }
-    return *this;
-}
-
-bool modem_port::send(const std::string &bytes) {
-    size_t done = 0;
-    while (fd_ >= 0 && done < bytes.size()) {
-        ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return fd_ >= 0;
-}
-
-bool modem_port::read_some(int timeout_ms) {
-    if (fd_ < 0 || closed_)
-        return false;
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, timeout_ms) <= 0)
-        return false;
-    char buf[4096];
-    ssize_t n = recv(fd_, buf, sizeof buf, 0);
-    if (n <= 0) {
-        closed_ = true;
-        return false;
-    }
-    received_.append(buf, static_cast<size_t>(n));
-    return true;
-}
-
-bool modem_port::wait_for(const std::string &text, std::chrono::milliseconds timeout) {
-    auto deadline = clock_type::now() + timeout;
-    while (received_.find(text) == std::string::npos) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
-        if (left.count() <= 0 || closed_ || fd_ < 0)
-            return false;
-        read_some(static_cast<int>(left.count()));
-    }
-    return true;
-}
-
-bool modem_port::wait_closed(std::chrono::milliseconds timeout) {
-    auto deadline = clock_type::now() + timeout;
-    while (!closed_ && fd_ >= 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
-        if (left.count() <= 0)
-            return false;
-        read_some(static_cast<int>(left.count()));
-    }
-    return true;
-}
-
-// ---- sim_board
 
 sim_board::sim_board(board_config config) : config_(std::move(config)) {
     char tmpl[] = "/tmp/zolvin_e2e.XXXXXX";
@@ -172,49 +82,24 @@ sim_board::~sim_board() {
     if (exit_status_ == 125)
         fprintf(stderr, "zolvin_simboard failed:\n%s", slurp(path("simboard.log")).c_str());
     if (!dir_.empty() && getenv("ZOLVIN_E2E_KEEP") == nullptr) {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        int ignored = system(cmd.c_str());
+        int ignored = system(("rm -rf '" + dir_ + "'").c_str());
         (void)ignored;
     }
 }
 
 std::string sim_board::skip_reason() {
-    if (geteuid() != 0)
-        return "the simulated board needs root (mount, network and pid namespaces)";
-    return "";
+    return geteuid() == 0 ? "" : "the simulated board needs root (mount, network and pid namespaces)";
 }
 
-std::vector<std::string> sim_board::board_arguments() const {
-    std::vector<std::string> a{ZOLVIN_SIMBOARD_BIN, "--work", dir_, "--family", config_.family};
-    if (!config_.tty.empty())
-        a.insert(a.end(), {"--tty", config_.tty});
-    if (!config_.ifname.empty())
-        a.insert(a.end(), {"--ifname", config_.ifname});
-    if (config_.usb_upper)
-        a.emplace_back("--usb-upper");
-    if (!config_.net_dir)
-        a.emplace_back("--no-net-dir");
-    if (!config_.power_line)
-        a.emplace_back("--no-power-line");
-    if (!config_.reset_line)
-        a.emplace_back("--no-reset-line");
-    if (config_.conf) {
-        std::ofstream(path("board.conf"), std::ios::binary) << *config_.conf;
-        a.insert(a.end(), {"--conf", path("board.conf")});
-    } else {
-        a.emplace_back("--no-conf");
+bool sim_board::wait_until(const std::function<bool()> &ready, milliseconds timeout) {
+    // The board's records are files: there is no event to block on.
+    auto deadline = clock_type::now() + timeout;
+    while (!ready()) {
+        if (clock_type::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(milliseconds(2));
     }
-    if (config_.relay_modem)
-        a.insert(a.end(), {"--modem", "relay"});
-    if (config_.power_replug_ms >= 0)
-        a.insert(a.end(), {"--power-replug", std::to_string(config_.power_replug_ms)});
-    for (const std::vector<std::string> &words : config_.spawn) {
-        a.emplace_back("--spawn");
-        a.insert(a.end(), words.begin(), words.end());
-        a.emplace_back("--");
-    }
-    a.emplace_back("--");
-    return a;
+    return true;
 }
 
 bool sim_board::start_daemon(const std::vector<std::string> &args) {
@@ -224,16 +109,30 @@ bool sim_board::start_daemon(const std::vector<std::string> &args) {
 }
 
 bool sim_board::start(const std::vector<std::string> &command) {
-    if (std::string(ZOLVIN_SIMBOARD_BIN).empty()) {
-        fprintf(stderr, "zolvin_simboard is not part of this build\n");
-        return false;
-    }
     if (dir_.empty() || pid_ > 0)
         return false;
-    std::vector<std::string> args = board_arguments();
-    args.insert(args.end(), command.begin(), command.end());
+    std::vector<std::string> a{ZOLVIN_SIMBOARD_BIN, "--work", dir_, "--family", config_.family};
+    if (!config_.power_line)
+        a.emplace_back("--no-power-line");
+    if (!config_.reset_line)
+        a.emplace_back("--no-reset-line");
+    if (config_.unplugged)
+        a.emplace_back("--unplugged");
+    if (config_.conf) {
+        std::ofstream(path("board.conf"), std::ios::binary) << *config_.conf;
+        a.insert(a.end(), {"--conf", path("board.conf")});
+    }
+    if (config_.power_replug_ms >= 0)
+        a.insert(a.end(), {"--power-replug", std::to_string(config_.power_replug_ms)});
+    for (const std::vector<std::string> &words : config_.spawn) {
+        a.emplace_back("--spawn");
+        a.insert(a.end(), words.begin(), words.end());
+        a.emplace_back("--");
+    }
+    a.emplace_back("--");
+    a.insert(a.end(), command.begin(), command.end());
     std::vector<char *> argv;
-    for (std::string &s : args)
+    for (std::string &s : a)
         argv.push_back(s.data());
     argv.push_back(nullptr);
     std::string log = path("simboard.log");
@@ -246,28 +145,22 @@ bool sim_board::start(const std::vector<std::string> &command) {
             _exit(125);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         int null_fd = open("/dev/null", O_RDONLY);
-        if (fd >= 0 && null_fd >= 0) {
-            dup2(null_fd, 0);
-            dup2(fd, 1);
-            dup2(fd, 2);
-        }
+        dup2(null_fd, 0);
+        dup2(fd, 1);
+        dup2(fd, 2);
         execv(argv[0], argv.data());
         _exit(127);
     }
     return pid_ > 0;
 }
 
-std::optional<int> sim_board::wait_exit(ms timeout) {
+std::optional<int> sim_board::wait_exit(milliseconds timeout) {
     if (exit_status_ || pid_ <= 0)
         return exit_status_;
     int status = 0;
-    bool done = poll_until(timeout, [&] {
-        pid_t r = waitpid(pid_, &status, WNOHANG);
-        return r == pid_ || (r < 0 && errno == ECHILD);
-    });
-    if (!done)
+    if (!wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
         return std::nullopt;
-    exit_status_ = exit_code(status);
+    exit_status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     return exit_status_;
 }
 
@@ -275,117 +168,82 @@ void sim_board::stop() {
     if (pid_ <= 0 || exit_status_)
         return;
     kill(pid_, SIGTERM);
-    if (!wait_exit(ms(10000))) {
+    if (!wait_exit(milliseconds(10000))) {
         kill(pid_, SIGKILL);
-        wait_exit(ms(10000));
+        wait_exit(milliseconds(10000));
     }
-}
-
-bool sim_board::wait_for_stdout(const std::string &text, ms timeout) const {
-    return poll_until(timeout, [&] { return stdout_text().find(text) != std::string::npos; });
-}
-
-bool sim_board::wait_for_event(const std::string &prefix, ms timeout) const {
-    return poll_until(timeout, [&] {
-        for (const board_event &e : events()) {
-            if (e.text.rfind(prefix, 0) == 0)
-                return true;
-        }
-        return false;
-    });
-}
-
-bool sim_board::wait_until(const std::function<bool()> &ready, ms timeout) {
-    return poll_until(timeout, ready);
 }
 
 std::string sim_board::stdout_text() const { return slurp(path("stdout")); }
 std::string sim_board::stderr_text() const { return slurp(path("stderr")); }
 std::string sim_board::exit_file() const { return slurp(path("exit")); }
+std::vector<record> sim_board::calls() const { return records(path("calls.log")); }
+std::vector<record> sim_board::events() const { return records(path("board.log")); }
 
-long long sim_board::stdout_time(const std::string &text) const {
-    size_t at = stdout_text().find(text);
-    if (at == std::string::npos)
-        return -1;
-    long long end = static_cast<long long>(at + text.size());
-    for (const auto &r : records(path("stdout.times"))) {
-        if (std::atoll(r.second.c_str()) >= end)
-            return r.first;
+std::vector<record> sim_board::lines() const {
+    std::vector<record> out = records(path("lines.log"));
+    for (record &r : out)
+        r.text.erase(3, r.text.size() > 4 ? 1 : 0); // "pwr 1" as "pwr1"
+    return out;
+}
+
+bool sim_board::called(const std::string &text) const {
+    std::vector<std::string> all = texts(calls());
+    return std::find(all.begin(), all.end(), text) != all.end();
+}
+
+std::string sim_board::event(const std::string &prefix) const {
+    for (const record &e : events()) {
+        if (e.text.rfind(prefix, 0) == 0)
+            return e.text;
     }
-    return -1;
+    return "";
 }
 
-std::vector<line_write> sim_board::lines() const {
-    std::vector<line_write> out;
-    for (const auto &r : records(path("lines.log"))) {
-        size_t space = r.second.find(' ');
-        if (space != std::string::npos && space + 1 < r.second.size())
-            out.push_back({r.first, r.second.substr(0, space), r.second[space + 1]});
-    }
-    return out;
-}
-
-std::vector<command_call> sim_board::calls() const {
-    std::vector<command_call> out;
-    for (const auto &r : records(path("calls.log")))
-        out.push_back({r.first, r.second});
-    return out;
-}
-
-std::vector<board_event> sim_board::events() const {
-    std::vector<board_event> out;
-    for (const auto &r : records(path("board.log")))
-        out.push_back({r.first, r.second});
-    return out;
-}
-
-std::string sim_board::control(const std::string &command, ms timeout) {
-    int fd = -1;
-    poll_until(timeout, [&] { return (fd = connect_unix(path("control.sock"))) >= 0; });
-    if (fd < 0)
-        return "error no control socket";
-    std::string reply;
-    std::string line = command + "\n";
-    if (::send(fd, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size())) {
-        auto deadline = clock_type::now() + timeout;
-        while (reply.find('\n') == std::string::npos) {
-            auto left = std::chrono::duration_cast<ms>(deadline - clock_type::now()).count();
-            pollfd p{fd, POLLIN, 0};
-            char buf[256];
-            ssize_t n = left > 0 && poll(&p, 1, static_cast<int>(left)) > 0 ? recv(fd, buf, sizeof buf, 0) : -1;
-            if (n <= 0)
+std::vector<long long> sim_board::stdout_times(const std::string &text) const {
+    // stdout.times holds "<ms> <bytes received so far>".
+    std::vector<record> marks = records(path("stdout.times"));
+    std::string out = stdout_text();
+    std::vector<long long> times;
+    for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) {
+        for (const record &m : marks) {
+            if (std::atoll(m.text.c_str()) >= static_cast<long long>(at + text.size())) {
+                times.push_back(m.ms);
                 break;
-            reply.append(buf, static_cast<size_t>(n));
+            }
         }
     }
-    close(fd);
-    size_t eol = reply.find('\n');
-    return eol == std::string::npos ? "error no reply" : reply.substr(0, eol);
+    return times;
 }
 
-modem_port sim_board::connect_modem(ms timeout) {
+std::string sim_board::control(const std::string &command) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::string sock = path("control.sock");
+    memcpy(addr.sun_path, sock.c_str(), std::min(sock.size(), sizeof addr.sun_path - 1));
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval limit{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    std::string reply, line = command + "\n";
+    char c;
+    if (wait_until([&] { return ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0; }) &&
+        ::send(fd, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size())) {
+        while (recv(fd, &c, 1, 0) == 1 && c != '\n')
+            reply += c;
+    }
+    ::close(fd);
+    return reply;
+}
+
+bool sim_board::modem(modem_control *control) {
+    return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
+}
+
+int sim_board::connect_client(milliseconds timeout) {
+    // The board has its network namespace once it serves its control socket.
     int fd = -1;
-    poll_until(timeout, [&] { return (fd = connect_unix(path("modem.sock"))) >= 0; });
-    return modem_port(fd);
-}
-
-bool sim_board::modem(modem_control *control, ms timeout) {
-    return poll_until(timeout, [&] {
-        return control->connect(path("modem.ctl"), 200);
-    });
-}
-
-std::vector<modem_command> sim_board::at_commands() {
-    modem_control control;
-    if (!modem(&control))
-        return {};
-    return control.commands().value_or(std::vector<modem_command>{});
-}
-
-int sim_board::connect_client(ms timeout) {
-    int fd = -1;
-    std::string ns = "/proc/" + std::to_string(pid_) + "/ns/net";
-    int ns_fd = open(ns.c_str(), O_RDONLY | O_CLOEXEC);
+    wait_until([&] { return access(path("control.sock").c_str(), F_OK) == 0; }, timeout);
+    int ns_fd = open(("/proc/" + std::to_string(pid_) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
     if (ns_fd < 0)
         return -1;
     // The namespace is entered by a thread of its own: sockets keep the
@@ -395,18 +253,138 @@ int sim_board::connect_client(ms timeout) {
             return;
         sockaddr_un addr;
         socklen_t len = server_address(&addr);
-        poll_until(timeout, [&] {
-            int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            if (s < 0)
+        wait_until(
+            [&] {
+                int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+                if (::connect(s, reinterpret_cast<sockaddr *>(&addr), len) == 0) {
+                    fd = s;
+                    return true;
+                }
+                ::close(s);
                 return false;
-            if (::connect(s, reinterpret_cast<sockaddr *>(&addr), len) == 0) {
-                fd = s;
-                return true;
-            }
-            close(s);
-            return false;
-        });
+            },
+            timeout);
     }).join();
-    close(ns_fd);
+    ::close(ns_fd);
     return fd;
+}
+
+pid_t sim_board::daemon_pid() const {
+    // The process in the board's network namespace that runs the daemon's binary.
+    std::string ns = link_target("/proc/" + std::to_string(pid_) + "/ns/net");
+    DIR *proc = opendir("/proc");
+    pid_t found = -1;
+    while (dirent *e = proc != nullptr && found < 0 ? readdir(proc) : nullptr) {
+        std::string dir = std::string("/proc/") + e->d_name;
+        if (link_target(dir + "/exe") == ZOLVIN_DAEMON_BIN && link_target(dir + "/ns/net") == ns)
+            found = std::atoi(e->d_name);
+    }
+    if (proc != nullptr)
+        closedir(proc);
+    return found;
+}
+
+// ---- client_conn
+
+void client_conn::close() {
+    if (fd_ >= 0)
+        ::close(fd_);
+    fd_ = -1;
+}
+
+bool client_conn::send_bytes(const std::string &bytes) {
+    return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+bool client_conn::send(uint16_t code, const std::vector<std::string> &fields) {
+    return send_bytes(request_bytes(code, fields));
+}
+
+std::optional<reply_frame> client_conn::next(milliseconds timeout) {
+    auto deadline = clock_type::now() + timeout;
+    for (;;) {
+        reply_frame f;
+        long used = pending_.empty() ? 0 : reply_parse(pending_.data(), pending_.size(), &f);
+        if (used < 0) {
+            ADD_FAILURE() << "the daemon's stream is not a sequence of reply frames";
+            pending_.clear();
+            return std::nullopt;
+        }
+        if (used > 0) {
+            pending_.erase(pending_.begin(), pending_.begin() + used);
+            return f;
+        }
+        auto left = std::chrono::duration_cast<milliseconds>(deadline - clock_type::now()).count();
+        pollfd p{fd_, POLLIN, 0};
+        uint8_t buf[4096];
+        ssize_t n = 0;
+        if (left < 0 || poll(&p, 1, static_cast<int>(left)) <= 0 || (n = recv(fd_, buf, sizeof buf, 0)) <= 0)
+            return std::nullopt;
+        pending_.insert(pending_.end(), buf, buf + n);
+    }
+}
+
+std::optional<reply_frame> client_conn::reply(uint16_t code, milliseconds timeout) {
+    auto deadline = clock_type::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<milliseconds>(deadline - clock_type::now());
+        std::optional<reply_frame> f = next(std::max(left, milliseconds(0)));
+        if (!f || f->code == code)
+            return f;
+        others.push_back(*f);
+    }
+}
+
+std::string client_conn::ask(uint16_t code, const std::vector<std::string> &fields) {
+    return send(code, fields) ? show(reply(code)) : "<not sent>";
+}
+
+std::string client_conn::ask_settled(uint16_t code, const std::vector<std::string> &fields) {
+    std::string r;
+    eventually([&] { return (r = ask(code, fields)).rfind(std::to_string(code) + "/12/", 0) != 0; });
+    return r;
+}
+
+bool client_conn::state_becomes(const std::string &state) {
+    return eventually([&] { return ask(912) == "912/0/" + state; });
+}
+
+std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
+    std::vector<const char *> ptrs;
+    std::vector<size_t> lens;
+    for (const std::string &f : fields) {
+        ptrs.push_back(f.data());
+        lens.push_back(f.size());
+    }
+    uint8_t buf[REQUEST_MAX];
+    size_t n = request_build(buf, sizeof buf, code, ptrs.data(), lens.data(), static_cast<int>(fields.size()));
+    return std::string(reinterpret_cast<char *>(buf), n);
+}
+
+std::string show(const std::optional<reply_frame> &f) {
+    if (!f)
+        return "<none>";
+    return std::to_string(f->code) + "/" + std::to_string(f->status) + "/" + std::string(f->text, f->text_len);
+}
+
+bool eventually(const std::function<bool()> &ready, milliseconds timeout) {
+    auto deadline = clock_type::now() + timeout;
+    while (!ready()) {
+        if (clock_type::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(milliseconds(50));
+    }
+    return true;
+}
+
+std::vector<std::string> commands_since(modem_control &emu, size_t from) {
+    std::vector<std::string> out;
+    for (const modem_command &c : emu.commands(from).value_or(std::vector<modem_command>{}))
+        out.push_back(c.text);
+    return out;
+}
+
+size_t next_index(modem_control &emu) {
+    std::optional<std::vector<modem_command>> all = emu.commands();
+    return all && !all->empty() ? all->back().index + 1 : 0;
 }

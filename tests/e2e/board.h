@@ -1,12 +1,13 @@
 // The simulated board around the real daemon binary, for end-to-end tests.
 //
 // A sim_board runs zolvin_simboard in the background with a scratch work
-// directory, and reads back what the board recorded there: the command's
-// standard output, the writes to the control lines, the system commands run,
-// and the board's own events. A test can also play the module through the AT
-// port's other end, and unplug and re-plug the module.
+// directory and reads back what the board recorded there: the command's
+// standard output, the writes to the control lines, the system commands run
+// and the board's own events. The module is the modem emulator, driven through
+// its control socket; a client_conn talks to the daemon's "@phone_server".
 #pragma once
 
+#include "core/frames.h"
 #include "modem_emu/modem_emu.h"
 
 #include <chrono>
@@ -16,72 +17,30 @@
 #include <sys/types.h>
 #include <vector>
 
+using std::chrono::milliseconds;
+const milliseconds WAIT(15000);
+
 struct board_config {
     std::string family = "ec200t"; // ec20, ec200t, ec200s or none
-    std::string tty;                // empty: the family's own
-    std::string ifname;             // empty: the family's own
-    bool usb_upper = false;
-    bool net_dir = true;
+    std::optional<std::string> conf; // content of /etc/zolvin_4g.conf; none: no file
     bool power_line = true;
     bool reset_line = true;
-    std::optional<std::string> conf; // content of /etc/zolvin_4g.conf; none: no file
+    bool unplugged = false;          // the module comes on the bus only with plug()
     int power_replug_ms = -1;        // >= 0: power "0" unplugs, power "1" re-plugs after this
-    bool relay_modem = false;        // play the module through connect_modem(), not the emulator
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
 };
 
-inline board_config board_for(const std::string &family) {
-    board_config c;
-    c.family = family;
-    return c;
-}
+board_config board_for(const std::string &family, std::optional<std::string> conf = std::nullopt);
 
-struct line_write {
-    long long ms;     // CLOCK_MONOTONIC
-    std::string line; // "pwr" or "rst"
-    char value;
+// One line of a board record: "modprobe option", "rst0", "plugged ec200t ...".
+struct record {
+    long long ms; // CLOCK_MONOTONIC
+    std::string text;
 };
-
-struct command_call {
-    long long ms;
-    std::string text; // argv joined by single spaces, program by its base name
-};
-
-struct board_event {
-    long long ms;
-    std::string text; // e.g. "spawned 2 /usr/bin/dialer -s apn", "unplugged", "exit 0"
-};
-
-// The module's end of the AT port.
-class modem_port {
-public:
-    explicit modem_port(int fd = -1) : fd_(fd) {}
-    ~modem_port();
-    modem_port(modem_port &&other) noexcept;
-    modem_port &operator=(modem_port &&other) noexcept;
-    modem_port(const modem_port &) = delete;
-    modem_port &operator=(const modem_port &) = delete;
-
-    bool connected() const { return fd_ >= 0; }
-    bool send(const std::string &bytes);
-    // True once everything received so far contains `text`.
-    bool wait_for(const std::string &text, std::chrono::milliseconds timeout);
-    // True once the board has closed this end (module unplugged or board gone).
-    bool wait_closed(std::chrono::milliseconds timeout);
-    const std::string &received() const { return received_; }
-
-private:
-    bool read_some(int timeout_ms);
-
-    int fd_;
-    bool closed_ = false;
-    std::string received_;
-};
+std::vector<std::string> texts(const std::vector<record> &records);
 
 class sim_board {
 public:
-    using ms = std::chrono::milliseconds;
-
     explicit sim_board(board_config config = {});
     ~sim_board(); // stops the board and removes the work directory
     sim_board(const sim_board &) = delete;
@@ -89,59 +48,92 @@ public:
 
     // Why the board cannot run here (not root), or empty.
     static std::string skip_reason();
-
-    // Runs the daemon binary with `args` on the board.
-    bool start_daemon(const std::vector<std::string> &args = {});
-    // Runs any command on the board (PATH as on the board, fake commands first).
-    bool start(const std::vector<std::string> &command);
-
-    bool wait_for_stdout(const std::string &text, ms timeout) const;
-    // The board's exit status (the command's, 128 + signal when killed), or none
-    // if it is still running after `timeout`.
-    std::optional<int> wait_exit(ms timeout);
-    bool wait_for_event(const std::string &prefix, ms timeout) const;
     // Polls `ready` (over the records, say) until it holds or the time is up.
-    static bool wait_until(const std::function<bool()> &ready, ms timeout);
-    bool running() { return pid_ > 0 && !wait_exit(ms(0)); }
+    static bool wait_until(const std::function<bool()> &ready, milliseconds timeout = WAIT);
+
+    // Runs the daemon binary with `args` on the board, or any command.
+    bool start_daemon(const std::vector<std::string> &args = {});
+    bool start(const std::vector<std::string> &command);
+    // The board's exit status (128 + signal when killed), or none if it still
+    // runs after `timeout`.
+    std::optional<int> wait_exit(milliseconds timeout);
+    bool running() { return pid_ > 0 && !wait_exit(milliseconds(0)); }
+    // SIGTERM, then SIGKILL if the board has not gone after a while.
+    void stop();
 
     std::string stdout_text() const;
     std::string stderr_text() const;
-    // When the board had received standard output up to the end of the first
-    // `text`; -1 if it has not.
-    long long stdout_time(const std::string &text) const;
-    std::vector<line_write> lines() const;
-    std::vector<command_call> calls() const;
-    std::vector<board_event> events() const;
     std::string exit_file() const;
+    // When the board had received each occurrence of `text` on standard output.
+    std::vector<long long> stdout_times(const std::string &text) const;
+    std::vector<record> lines() const; // "pwr1", "rst0"
+    std::vector<record> calls() const; // argv joined by spaces, program by its base name
+    std::vector<record> events() const;
+    bool called(const std::string &text) const;
+    // The first event that begins with `prefix`, or "".
+    std::string event(const std::string &prefix) const;
 
-    // One command on the control socket ("plug", "unplug", "status"); the reply line.
-    std::string control(const std::string &command, ms timeout = ms(5000));
-    bool unplug() { return control("unplug").rfind("ok", 0) == 0; }
+    // One command on the board's control socket; its reply line.
+    std::string control(const std::string &command);
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
-    modem_port connect_modem(ms timeout = ms(5000));
-    // The modem emulator's control (boards without relay_modem); false when it
-    // could not be reached in time.
-    bool modem(modem_control *control, ms timeout = ms(5000));
-    // Every AT command the emulator received so far, in order.
-    std::vector<modem_command> at_commands();
-    // A client socket connected to the daemon's "@phone_server" in the board's
-    // network namespace, or -1 when none could connect in time.
-    int connect_client(ms timeout = ms(5000));
+    bool unplug() { return control("unplug").rfind("ok", 0) == 0; }
+    // Connects `control` to the modem emulator; false when it could not in time.
+    bool modem(modem_control *control);
+    // A socket connected to "@phone_server" in the board's network namespace,
+    // or -1 when none could connect in time.
+    int connect_client(milliseconds timeout = WAIT);
+    // The daemon's pid on the host, or -1.
+    pid_t daemon_pid() const;
 
-    // SIGTERM, then SIGKILL if the board has not gone after a while.
-    void stop();
     pid_t pid() const { return pid_; }
-    const std::string &dir() const { return dir_; }
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
 
 private:
-    std::vector<std::string> board_arguments() const;
-
     board_config config_;
     std::string dir_;
     pid_t pid_ = -1;
     std::optional<int> exit_status_;
 };
+
+// One connection to the daemon's socket.
+class client_conn {
+public:
+    explicit client_conn(int fd) : fd_(fd) {}
+    ~client_conn() { close(); }
+    client_conn(const client_conn &) = delete;
+    client_conn &operator=(const client_conn &) = delete;
+
+    bool valid() const { return fd_ >= 0; }
+    void close();
+    bool send_bytes(const std::string &bytes);
+    bool send(uint16_t code, const std::vector<std::string> &fields = {});
+    // The next frame from the daemon; none after the time-out.
+    std::optional<reply_frame> next(milliseconds timeout);
+    // The first frame with `code`; frames of other codes met meanwhile go to `others`.
+    std::optional<reply_frame> reply(uint16_t code, milliseconds timeout = WAIT);
+    // "code/status/text" of the reply to a request.
+    std::string ask(uint16_t code, const std::vector<std::string> &fields = {});
+    // As ask(), sent again while the answer is busy: a worker replies before it
+    // frees the port, so a request right after a reply may still find it busy.
+    std::string ask_settled(uint16_t code, const std::vector<std::string> &fields = {});
+    // Waits until 912 answers with this state text (so the module is ready).
+    bool state_becomes(const std::string &state);
+
+    std::vector<reply_frame> others;
+
+private:
+    int fd_;
+    std::vector<uint8_t> pending_;
+};
+
+std::string request_bytes(uint16_t code, const std::vector<std::string> &fields);
+std::string show(const std::optional<reply_frame> &f);
+// Polls `ready` every 50 ms, as each poll may be a request to the daemon.
+bool eventually(const std::function<bool()> &ready, milliseconds timeout = WAIT);
+
+// The emulator's record from index `from` on, and the index of the next command.
+std::vector<std::string> commands_since(modem_control &emu, size_t from = 0);
+size_t next_index(modem_control &emu);
 
 #define SKIP_WITHOUT_BOARD()                                                                          \
     do {                                                                                              \

@@ -90,7 +90,7 @@ bool parse_record(const std::vector<std::string> &w, size_t at, modem_command *c
     return true;
 }
 
-// reply MODE MATCH [once] [body] [delay MS] [gap MS] KIND ARGS...
+// reply MODE MATCH [once] [body] [held] [delay MS] [gap MS] KIND ARGS...
 bool parse_reply(const std::vector<std::string> &w, std::string *match, modem_match *how,
                  modem_reply *reply, std::string *why) {
     if (w.size() < 4) {
@@ -113,6 +113,8 @@ bool parse_reply(const std::vector<std::string> &w, std::string *match, modem_ma
             options.once = true;
         } else if (w[i] == "body") {
             options.body = true;
+        } else if (w[i] == "held") {
+            options.held = true;
         } else if ((w[i] == "delay" || w[i] == "gap") && i + 1 < w.size()) {
             if (!parse_int(w[i + 1], w[i] == "delay" ? &options.delay_ms : &options.gap_ms)) {
                 *why = "bad " + w[i];
@@ -157,6 +159,7 @@ bool parse_reply(const std::vector<std::string> &w, std::string *match, modem_ma
     reply->gap_ms = options.gap_ms;
     reply->once = options.once;
     reply->body = options.body;
+    reply->held = options.held;
     return true;
 }
 
@@ -348,6 +351,10 @@ std::string modem_emulator::control_answer(const std::string &line) {
         set_family(f);
         return "ok\n";
     }
+    if (op == "release" && w.size() == 1) {
+        release();
+        return "ok\n";
+    }
     if (op == "reboot" && w.size() == 1) {
         reboot();
         return "ok\n";
@@ -504,6 +511,8 @@ bool modem_control::set_reply(const std::string &match, const modem_reply &reply
         w.push_back("once");
     if (reply.body)
         w.push_back("body");
+    if (reply.held)
+        w.push_back("held");
     w.insert(w.end(), {"delay", std::to_string(reply.delay_ms), "gap",
                        std::to_string(reply.gap_ms)});
     switch (reply.what) {
@@ -541,6 +550,8 @@ bool modem_control::inject_lines(const std::vector<std::string> &lines) {
 bool modem_control::inject_raw(const std::string &bytes) {
     return request({"inject-raw", control_hex(bytes)}, REQUEST_TIMEOUT_MS);
 }
+
+bool modem_control::release() { return request({"release"}, REQUEST_TIMEOUT_MS); }
 
 bool modem_control::set_echo_dropped(bool dropped) {
     return request({"echo", dropped ? "off" : "on"}, REQUEST_TIMEOUT_MS);

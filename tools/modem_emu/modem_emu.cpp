@@ -116,6 +116,12 @@ modem_reply modem_reply::for_body() const {
     return r;
 }
 
+modem_reply modem_reply::until_released() const {
+    modem_reply r = *this;
+    r.held = true;
+    return r;
+}
+
 modem_emulator::modem_emulator(modem_family family)
     : family_(family), session_(new module_session) {}
 
@@ -166,6 +172,8 @@ void modem_emulator::stop_port() {
     timed_.clear();
     out_.clear();
     last_reply_due_ = 0;
+    holding_ = false;
+    held_.clear();
     drop_input();
     ::close(wake_rd_);
     ::close(wake_wr_);
@@ -243,6 +251,17 @@ void modem_emulator::inject_raw(const std::string &bytes) {
     wake();
 }
 
+void modem_emulator::release() {
+    std::lock_guard<std::mutex> lock(mu_);
+    int64_t now = monotonic_ms();
+    holding_ = false;
+    for (const std::string &bytes : held_)
+        timed_.emplace(now, bytes);
+    held_.clear();
+    last_reply_due_ = std::max(last_reply_due_, now);
+    wake();
+}
+
 void modem_emulator::drop_input() {
     if (input_ != input_mode::command) {
         for (modem_command &c : records_) {
@@ -267,6 +286,8 @@ void modem_emulator::reboot() {
     timed_.clear();
     out_.clear();
     last_reply_due_ = 0;
+    holding_ = false;
+    held_.clear();
 }
 
 bool modem_emulator::peer_present() const {
@@ -545,6 +566,7 @@ bool modem_emulator::answer_override(const std::string &text, bool body, int64_t
         return false;
     modem_reply reply = r->reply;
     use_rule(r);
+    holding_ = holding_ || reply.held;
     if (reply.what == modem_reply::kind::standard) {
         *delay = reply.delay_ms;
         *gap = reply.gap_ms;
@@ -595,6 +617,13 @@ void modem_emulator::answer_with(const modem_reply &reply, int64_t now) {
 void modem_emulator::schedule_reply(const std::vector<std::string> &lines,
                                     const std::string &tail, int delay_ms, int gap_ms,
                                     int64_t now) {
+    if (holding_) {
+        for (const std::string &line : lines)
+            held_.push_back(frame(line));
+        if (!tail.empty())
+            held_.push_back(tail);
+        return;
+    }
     // Answers leave in the order of their commands, as from a module that
     // works through its commands one at a time.
     int64_t t = std::max(now + delay_ms, last_reply_due_);
@@ -609,6 +638,11 @@ void modem_emulator::schedule_reply(const std::vector<std::string> &lines,
 }
 
 void modem_emulator::schedule_later(const std::vector<std::pair<int, std::string>> &later) {
+    if (holding_) {
+        for (const auto &item : later)
+            held_.push_back(frame(item.second));
+        return;
+    }
     int64_t t = last_reply_due_;
     for (const auto &item : later) {
         t += item.first;

@@ -46,6 +46,9 @@ struct modem_reply {
     // Answers what follows the prompt or the upload (the message body, the
     // firmware image) of the matching command, instead of the command itself.
     bool body = false;
+    // Kept back, with every answer after it, until release(): a module that
+    // works on a command for as long as the test wants.
+    bool held = false;
 
     static modem_reply with_lines(std::vector<std::string> lines);
     static modem_reply ok();
@@ -60,6 +63,7 @@ struct modem_reply {
     modem_reply between_lines(int ms) const;
     modem_reply one_shot() const;
     modem_reply for_body() const;
+    modem_reply until_released() const;
 };
 
 // One command as received: its text without the line end, and the message
@@ -128,6 +132,9 @@ public:
     void inject_line(const std::string &line);
     void inject_lines(const std::vector<std::string> &lines);
     void inject_raw(const std::string &bytes);
+
+    // Sends the held answer and those held behind it, in order, at once.
+    void release();
 
     // The module restarted: echo on, settings and data call back to their
     // defaults, pending output and half-received input dropped.
@@ -216,6 +223,8 @@ private:
 
     std::multimap<int64_t, std::string> timed_; // output by due time, stable per time
     int64_t last_reply_due_ = 0;
+    bool holding_ = false;
+    std::vector<std::string> held_; // answers kept back until release()
     std::string out_;
     bool peer_present_ = true;
 
@@ -260,6 +269,7 @@ public:
     bool inject_line(const std::string &line);
     bool inject_lines(const std::vector<std::string> &lines);
     bool inject_raw(const std::string &bytes);
+    bool release();
     bool set_echo_dropped(bool dropped);
     bool set_silent(bool silent);
     bool set_garbage(bool garbage);

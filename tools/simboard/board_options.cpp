@@ -33,7 +33,7 @@ const char *const BOARD_USAGE =
     "usage: zolvin_simboard --work DIR [--family ec20|ec200t|ec200s|none] [--tty NAME]\n"
     "         [--ifname NAME] [--usb-upper] [--no-net-dir] [--conf FILE | --no-conf]\n"
     "         [--no-power-line] [--no-reset-line] [--modem emu|relay] [--power-replug MS]\n"
-    "         [--spawn ARGV0 [ARGS...] --]... -- COMMAND [ARGS...]\n";
+    "         [--unplugged] [--spawn ARGV0 [ARGS...] --]... -- COMMAND [ARGS...]\n";
 
 const family_layout *find_family(const std::string &name) {
     for (const family_layout &f : FAMILIES) {
@@ -117,6 +117,8 @@ bool parse_board_options(int argc, char **argv, board_options *out, std::string 
                 *error = "--power-replug needs milliseconds";
                 return false;
             }
+        } else if (a == "--unplugged") {
+            o.start_unplugged = true;
         } else if (a == "--spawn") {
             std::vector<std::string> words;
             for (++i; i < argc && strcmp(argv[i], "--") != 0; ++i)

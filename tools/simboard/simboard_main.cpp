@@ -338,7 +338,7 @@ bool board::launch(const std::string &fakecmd, std::string *error) {
         return set_error(error, "control socket " + files_.path("control.sock"));
     if (!usb_->build_fixed_devices(error))
         return false;
-    if (usb_->has_module() && !usb_->plug(error))
+    if (usb_->has_module() && !options_.start_unplugged && !usb_->plug(error))
         return false;
     char one = 1;
     if (!write_all(go_, &one, 1))
