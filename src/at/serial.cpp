@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <sys/select.h>
 #include <unistd.h>
 
 speed_t baud_to_speed(uint32_t baud) {
@@ -91,18 +90,6 @@ int serial_write(int fd, const void *buf, size_t len) {
         return static_cast<int>(len);
     tcflush(fd, TCOFLUSH);
     return -1;
-}
-
-int serial_read(int fd, void *buf, size_t max) {
-    if (fd < 0 || fd >= FD_SETSIZE)
-        return -1;
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    timeval tv{0, 20000};
-    if (select(fd + 1, &readable, nullptr, nullptr, &tv) == 0)
-        return -1;
-    return static_cast<int>(read(fd, buf, max));
 }
 
 int serial_close(int fd) {

@@ -1,5 +1,5 @@
 // The module's AT port: open and configure the ttyUSB node raw at 115200 8N1,
-// one whole write, one read that waits at most 20 ms, close.
+// one whole write, close. The receive thread reads the port itself.
 #pragma once
 
 #include <atomic>
@@ -25,6 +25,4 @@ termios serial_termios(const serial_settings &settings);
 speed_t baud_to_speed(uint32_t baud);
 // The length when every byte left in one write, else -1 (queued output is dropped).
 int serial_write(int fd, const void *buf, size_t len);
-// 1..max bytes, 0 at end of file, -1 when nothing came within 20 ms.
-int serial_read(int fd, void *buf, size_t max);
 int serial_close(int fd);
