@@ -82,7 +82,7 @@ TEST_F(SupervisorTest, ADueDialWaitsForTheRunningWorkerAndMarksItselfInProgress)
     daemon_state &s = state();
     s.at_mutex.lock(); // a worker runs
     s.worker_busy.store(1);
-    port->module().set_reply("AT+QIACT=1", modem_reply::error().after(3000));
+    port->module().set_reply("AT+QIACT=1", modem_reply::error().until_released());
     std::atomic<bool> done{false};
     std::thread main_thread([&] {
         supervisor_pass(sv);
@@ -95,6 +95,7 @@ TEST_F(SupervisorTest, ADueDialWaitsForTheRunningWorkerAndMarksItselfInProgress)
     // While the dial runs, the interface thread must see it and answer busy.
     ASSERT_TRUE(port->module().wait_for_command("AT+QIACT=1", 5000).has_value());
     EXPECT_EQ(s.dial_in_progress.load(), 1);
+    port->module().release();
     main_thread.join();
     EXPECT_TRUE(done.load());
     EXPECT_EQ(s.dial_in_progress.load(), 0);
