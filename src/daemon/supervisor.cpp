@@ -59,10 +59,9 @@ void reset_action(supervisor &sv) {
         daemon_exit(0);
     sleep_for(2, 0);
     supervisor_start_threads(sv);
-    if (s.module_restarting.load(std::memory_order_acquire))
-        client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
-    else if (after_fota)
-        client_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
+    bool restarted = s.module_restarting.load(std::memory_order_acquire) != 0;
+    // The flags are down before the report goes out: a client answered 901
+    // may ask again at once and must find the module ready.
     s.module_restarting.store(0, std::memory_order_release);
     s.module_reset_request.store(0, std::memory_order_release);
     s.fota_done.store(0, std::memory_order_release);
@@ -70,6 +69,10 @@ void reset_action(supervisor &sv) {
     s.call_active.store(0, std::memory_order_release);
     sv.next_dial_ms = 0;
     sv.dial_failures = 0;
+    if (restarted)
+        client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
+    else if (after_fota)
+        client_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
 }
 
 void log_sim_state() {
