@@ -1,7 +1,7 @@
 #include "modem/modem.h"
 
 #include "core/text.h"
-#include "sms/sms.h"
+#include "core/convert.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "sms/sms.h"
+#include "core/convert.h"
 
 namespace {
 
