@@ -18,12 +18,11 @@ while [ $# -gt 0 ]; do
   esac
 done
 [ "$(id -u)" -eq 0 ] || { echo "wakeups.sh: the simulated board needs root" >&2; exit 1; }
-command -v python3 >/dev/null || { echo "wakeups.sh: needs python3 for the board's control socket" >&2; exit 1; }
 
 if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
-cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd -j 2 >/dev/null
+cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl -j 2 >/dev/null
 
 work="$(mktemp -d /tmp/zolvin_wakeups.XXXXXX)"
 board_pid=""
@@ -77,12 +76,6 @@ measure() { # label
 }
 
 measure "link up, idle"
-python3 - "$work/control.sock" <<'PY'
-import socket, sys
-s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-s.connect(sys.argv[1])
-s.sendall(b"unplug\n")
-print("== board:", s.recv(200).decode().strip())
-PY
+echo "== board: $("$build/tools/simboard/zolvin_boardctl" "$work/control.sock" unplug)"
 sleep 1
 measure "module unplugged"

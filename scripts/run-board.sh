@@ -50,7 +50,7 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root" -B "$build" "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
 echo "== building in $build"
-cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_4g_ctl -j 2 >/dev/null
+cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl zolvin_4g_ctl -j 2 >/dev/null
 
 work="$(mktemp -d /tmp/zolvin_board.XXXXXX)"
 board_pid=""
@@ -88,6 +88,35 @@ ctl() {
   echo "\$ zolvin_4g_ctl $*"
   nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" "$@" 2>&1 | sed 's/^/  /' || true
 }
+boardctl() { "$build/tools/simboard/zolvin_boardctl" "$@" >/dev/null; }
+until_seen() { # pattern, file, seconds: waits for the pattern, with a deadline
+  local until=$(( $(date +%s) + $3 ))
+  until grep -q "$1" "$2" 2>/dev/null; do
+    [ "$(date +%s)" -lt "$until" ] || { echo "  (no '$1' after $3 s)"; return 1; }
+    sleep 0.1
+  done
+}
+# The module rings and receives an SMS and a status report while a client
+# listens; then the client sends an SMS, and the module's record shows its PDU.
+events_session() {
+  echo "== a listening client: the module rings, then an SMS and a status report arrive"
+  local out="$work/listen.out" modem="$work/modem.ctl"
+  nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" listen version >"$out" 2>&1 &
+  local listener=$!
+  if until_seen zolvin "$out" 10; then
+    boardctl "$modem" 'inject RING "+CLIP: \"13912345678\",129"'
+    boardctl "$modem" "inject \"NO CARRIER\""
+    boardctl "$modem" 'inject "+CMT: ,34" 0891683108100005F0040D91683119325476F800006211320151242316C8329BFD0699E5EF36888E2E83DC65FAFD2D5F03'
+    boardctl "$modem" 'inject "+CDS: 26" 0891683108100005F006050D91683119325476F8621132015124236211320161242300'
+    until_seen 'report' "$out" 10 || true
+  fi
+  kill "$listener" 2>/dev/null; wait "$listener" 2>/dev/null || true
+  echo "\$ zolvin_4g_ctl listen version"
+  sed 's/^/  /' "$out"
+  ctl sms send +8613912345678 "Hello from the board"
+  echo "  the module received:"
+  "$build/tools/simboard/zolvin_boardctl" "$modem" "wait AT+CMGS 5000" | sed 's/^/    /'
+}
 session_done=0
 while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
   if [ "$session_done" -eq 0 ] && grep -q 'busybox udhcpc' "$work/calls.log" 2>/dev/null; then
@@ -102,6 +131,7 @@ while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
     ctl signal
     ctl operator
     ctl at "AT+CSQ"
+    events_session
     echo "== daemon output (continued)"
   fi
   sleep 0.2
