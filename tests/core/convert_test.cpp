@@ -11,15 +11,17 @@ namespace {
 using bytes = std::vector<uint8_t>;
 
 // Converts into a buffer one byte larger than `capacity`; that byte must stay untouched.
-bytes to_ucs2(const bytes &in, size_t capacity) {
+bytes convert(decltype(&utf8_to_ucs2) fn, const bytes &in, size_t capacity) {
     bytes out(capacity + 1, 0xEE);
     size_t cap = capacity;
-    size_t n = utf8_to_ucs2(in.data(), in.size(), out.data(), &cap);
+    size_t n = fn(in.data(), in.size(), out.data(), &cap);
     EXPECT_EQ(cap, capacity - n);
     EXPECT_EQ(out[capacity], 0xEE);
     out.resize(n);
     return out;
 }
+
+bytes to_ucs2(const bytes &in, size_t capacity) { return convert(utf8_to_ucs2, in, capacity); }
 
 TEST(Utf8ToUcs2Test, ConvertsUpToTheFirstInvalidByteOrFullCapacity) {
     EXPECT_EQ(to_ucs2({0x41, 0xC3, 0xA9}, 255), (bytes{0x00, 0x41, 0x00, 0xE9}));
@@ -100,25 +102,12 @@ TEST(Gsm7Test, PacksToSevenEighthsAndUnpacksBack) {
 }
 
 TEST(Ucs2ToUtf8Test, OneToThreeBytesWholeCharactersOnly) {
-    const struct {
-        bytes in;
-        size_t capacity;
-        bytes out;
-    } cases[] = {
-        {{0x00, 0x41, 0x00, 0xE9, 0x4F, 0x60}, 16, {0x41, 0xC3, 0xA9, 0xE4, 0xBD, 0xA0}},
-        {{0xD8, 0x3D, 0x00}, 16, {0xED, 0xA0, 0xBD}}, // surrogate alone; odd byte ignored
-        {{0x00, 0x41, 0x4F, 0x60}, 3, {0x41}},       // the next character needs 3 bytes
-        {{0x07, 0xFF}, 1, {}},
-    };
-    for (const auto &c : cases) {
-        bytes out(c.capacity + 1, 0xEE);
-        size_t cap = c.capacity;
-        size_t n = ucs2_to_utf8(c.in.data(), c.in.size(), out.data(), &cap);
-        EXPECT_EQ(cap, c.capacity - n);
-        EXPECT_EQ(out[c.capacity], 0xEE);
-        out.resize(n);
-        EXPECT_EQ(out, c.out);
-    }
+    EXPECT_EQ(convert(ucs2_to_utf8, {0x00, 0x41, 0x00, 0xE9, 0x4F, 0x60}, 16),
+              (bytes{0x41, 0xC3, 0xA9, 0xE4, 0xBD, 0xA0}));
+    // A surrogate alone like any unit; an odd last byte ignored.
+    EXPECT_EQ(convert(ucs2_to_utf8, {0xD8, 0x3D, 0x00}, 16), (bytes{0xED, 0xA0, 0xBD}));
+    EXPECT_EQ(convert(ucs2_to_utf8, {0x00, 0x41, 0x4F, 0x60}, 3), bytes{0x41});
+    EXPECT_EQ(convert(ucs2_to_utf8, {0x07, 0xFF}, 1), bytes{});
 }
 
 } // namespace
