@@ -6,6 +6,8 @@
 // argument, so that the ring and message windows can be driven by a test clock.
 #pragma once
 
+#include "core/wait.h" // NO_DEADLINE
+
 #include <cstdint>
 
 // A "RING" waits this long for its caller's number before it is reported bare.
