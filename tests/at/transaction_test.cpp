@@ -121,34 +121,6 @@ TEST_F(TransactionTest, CollectJoinsTheAnswerLinesWithoutTheEcho) {
     EXPECT_EQ(p.line, std::string(60, 'a') + "," + std::string(38, 'b'));
 }
 
-TEST_F(TransactionTest, ABurstOfUnsolicitedLinesLosesNoneAndKeepsTheAnswer) {
-    // Twice as many lines as a ring holds arrive before the answer, and more
-    // after it: the common thread reads them at its own pace.
-    std::vector<std::string> sent, want;
-    for (int i = 0; i < 2 * RING_SLOTS; ++i)
-        sent.push_back("+QIND: " + std::to_string(i));
-    want = sent;
-    sent.push_back("+CSQ: 11,99");
-    sent.push_back("+CLIP: \"123\",129");
-    sent.push_back("OK");
-    want.insert(want.end(), {"+CLIP: \"123\",129", "OK"});
-    port->module().set_reply("AT+CSQ", modem_reply::with_lines(sent));
-    std::vector<std::string> got;
-    std::thread common([&] {
-        while (got.size() < want.size()) {
-            std::string l = urc_next(5000);
-            if (l == "<none>")
-                return;
-            got.push_back(l);
-        }
-    });
-    parsed p;
-    EXPECT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 0, keep_line, &p), 0);
-    common.join();
-    EXPECT_EQ(p.line, "+CSQ: 11,99");
-    EXPECT_EQ(got, want);
-}
-
 TEST_F(TransactionTest, TimeOutDrainsLeftoversAndSilenceEndsIt) {
     port->module().set_reply("AT+CSQ", modem_reply::with_lines({"+QIND: one", "+QIND: two"}));
     EXPECT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 1), -1);

@@ -361,6 +361,13 @@ std::string request_bytes(uint16_t code, const std::vector<std::string> &fields)
     return std::string(reinterpret_cast<char *>(buf), n);
 }
 
+bool ready_board::start() {
+    if (!board.start_daemon() || !board.modem(&emu))
+        return false;
+    client = std::make_unique<client_conn>(board.connect_client());
+    return client->valid() && eventually([&] { return client->ask(912).rfind("912/0/", 0) == 0; });
+}
+
 std::string show(const std::optional<reply_frame> &f) {
     if (!f)
         return "<none>";

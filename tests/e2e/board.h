@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -134,6 +135,16 @@ bool eventually(const std::function<bool()> &ready, milliseconds timeout = WAIT)
 // The emulator's record from index `from` on, and the index of the next command.
 std::vector<std::string> commands_since(modem_control &emu, size_t from = 0);
 size_t next_index(modem_control &emu);
+
+// The daemon with the emulator as its module and a client connected once the
+// module is open.
+struct ready_board {
+    explicit ready_board(board_config config = {}) : board(std::move(config)) {}
+    bool start();
+    sim_board board;
+    modem_control emu;
+    std::unique_ptr<client_conn> client;
+};
 
 #define SKIP_WITHOUT_BOARD()                                                                          \
     do {                                                                                              \

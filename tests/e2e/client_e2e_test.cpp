@@ -9,7 +9,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <random>
 #include <sched.h>
 #include <sys/wait.h>
@@ -19,21 +18,6 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 const std::string VERSION = "911/0/ZOLVIN 4G SERVER V1.23";
-
-// The daemon with the emulator as its module and a client connected once the
-// module is open.
-struct ready_board {
-    explicit ready_board(board_config config = {}) : board(std::move(config)) {}
-    bool start() {
-        if (!board.start_daemon() || !board.modem(&emu))
-            return false;
-        client = std::make_unique<client_conn>(board.connect_client());
-        return client->valid() && eventually([&] { return client->ask(912).rfind("912/0/", 0) == 0; });
-    }
-    sim_board board;
-    modem_control emu;
-    std::unique_ptr<client_conn> client;
-};
 
 TEST(ClientSettingsTest, ReachTheSupervisorsDialWhichKeepsWorkersOut) {
     SKIP_WITHOUT_BOARD();

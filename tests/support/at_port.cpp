@@ -67,6 +67,29 @@ bool client_end::silent(long quiet_ms) {
     return !next(&f, quiet_ms);
 }
 
+namespace {
+std::string shown(const reply_frame &r) {
+    return std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
+}
+} // namespace
+
+std::string client_end::frames() {
+    client_report(0xFFFF, 0, nullptr);
+    std::string got;
+    reply_frame r;
+    while (next(&r, 3000) && r.code != 0xFFFF)
+        got += shown(r);
+    return got;
+}
+
+std::string client_end::frames(size_t count, long timeout_ms) {
+    std::string got;
+    reply_frame r;
+    for (size_t i = 0; i < count && next(&r, timeout_ms); ++i)
+        got += shown(r);
+    return got;
+}
+
 at_port::at_port() {
     master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     std::atomic<int32_t> fd{-1};
@@ -133,15 +156,6 @@ emulated_port::emulated_port(modem_family family) : emu_(family) {
 emulated_port::~emulated_port() {
     stop_rx();
     emu_.stop();
-}
-
-std::string port_test::frames() {
-    client_report(0xFFFF, 0, nullptr);
-    std::string got;
-    reply_frame r;
-    while (client.next(&r, 3000) && r.code != 0xFFFF)
-        got += std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
-    return got;
 }
 
 std::string port_test::module_got() {

@@ -41,6 +41,11 @@ public:
     bool next(reply_frame *out, long timeout_ms);
     // True when no frame arrives within `quiet_ms`.
     bool silent(long quiet_ms);
+    // The frames sent so far, as "code status text|": a marker sent now
+    // arrives behind them.
+    std::string frames();
+    // The next `count` frames, each within `timeout_ms`, as above.
+    std::string frames(size_t count, long timeout_ms);
 
 private:
     int fds_[2] = {-1, -1};
@@ -95,7 +100,7 @@ protected:
     port_test() { port.start_rx(); }
 
     // The client's frames, as "code status text|".
-    std::string frames();
+    std::string frames() { return client.frames(); }
     // The bytes the module received.
     std::string module_got();
     // The lines passed on to urc_ring, as "line|".

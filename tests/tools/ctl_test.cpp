@@ -91,4 +91,44 @@ TEST(CtlTest, RepliesEndTheRequestAndArePrintedOnOneLine) {
               "{\"code\":1031,\"status\":0,\"status_name\":\"ok\",\"text\":\"say \\\"hi\\\"\\ufffd\"}");
 }
 
+TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
+    ctl::print_style plain, json;
+    json.json = true;
+    const std::string sms = "14+86139123456781420261123101542005Hello";
+    const struct {
+        reply_frame f;
+        std::string plain, json;
+    } cases[] = {
+        {reply(1001, 1, "13912345678"), "call incoming 13912345678",
+         R"({"event":"call","state":"incoming","number":"13912345678"})"},
+        {reply(1001, 0), "call incoming (no number)", R"({"event":"call","state":"incoming"})"},
+        {reply(1001, 2, "0"), "call answered", R"({"event":"call","state":"answered"})"},
+        {reply(1001, 2, "1"), "call ended (no carrier)", R"({"event":"call","state":"ended","reason":"no carrier"})"},
+        {reply(1001, 2, "3"), "call ended (no dial tone)", R"({"event":"call","state":"ended","reason":"no dial tone"})"},
+        {reply(1011, 0), "tts done", R"({"event":"tts_done"})"},
+        {reply(1021, 1, "49"), "tone 49", R"({"event":"tone","tone":"49"})"},
+        {reply(1031, 0, sms), "sms from +8613912345678 at 2026-11-23 10:15:42: Hello",
+         R"({"event":"sms","from":"+8613912345678","time":"2026-11-23T10:15:42","text":"Hello"})"},
+        // A 7-bit text of 7 characters ends in a 0 that the frame's end cuts off.
+        {reply(1031, 0, "0212142026112310154200812\"\n\x01" "56"), "sms from 12 at 2026-11-23 10:15:42: 12\"\\n\\x0156",
+         R"({"event":"sms","from":"12","time":"2026-11-23T10:15:42","text":"12\"\n\u000156"})"},
+        {reply(1032, 0, "5"), "sms report ref 5 status 0 (delivered)",
+         R"({"event":"sms_report","reference":5,"status":0,"outcome":"delivered"})"},
+        {reply(1032, 0x41, "255"), "sms report ref 255 status 65 (failed)",
+         R"({"event":"sms_report","reference":255,"status":65,"outcome":"failed"})"},
+        {reply(1201, 1, "+CMS ERROR: 500"), "module error +CMS ERROR: 500",
+         R"({"event":"module_error","line":"+CMS ERROR: 500"})"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(ctl::format_event(c.f, plain), c.plain);
+        EXPECT_EQ(ctl::format_event(c.f, json), c.json);
+    }
+    // Lengths that run past the end, a text longer than announced, no "14",
+    // unknown call states and references: printed as frames.
+    for (const reply_frame &f : {reply(1031, 0, "99+86"), reply(1031, 0, sms + "!"), reply(1031, 0, "0212"),
+                                 reply(1031, 0, "0212152026112310154200"), reply(1031, 0, "02121420261123101542"),
+                                 reply(1001, 2, "9"), reply(1032, 0, "x"), reply(102, 0, "20")})
+        EXPECT_EQ(ctl::format_event(f, plain), "") << std::string(f.text, f.text_len);
+}
+
 } // namespace

@@ -324,7 +324,9 @@ private:
     enum class wait_result { frame, timeout, closed, stopped, bad };
     wait_result next_frame(reply_frame *f, const clock_type::time_point *deadline);
     void print(const reply_frame &f, bool event) {
-        out_ << format_frame(f, print_style{opts_.json}, event) << std::endl;
+        print_style style{opts_.json};
+        std::string decoded = opts_.listen ? format_event(f, style) : "";
+        out_ << (decoded.empty() ? format_frame(f, style, event) : decoded) << std::endl;
     }
     int failed_wait(wait_result w, const request *r);
 
@@ -618,6 +620,132 @@ std::string format_frame(const reply_frame &f, const print_style &style, bool ev
     if (!text.empty())
         out += " " + plain_escape(text);
     return out;
+}
+
+namespace {
+
+// The fields of an SMS record (event 1031).
+struct sms_fields {
+    std::string from, time, text; // time as "YYYY-MM-DD hh:mm:ss"
+};
+
+// `n` decimal digits at `pos`, or -1 when the text has fewer.
+long digits_at(const std::string &t, size_t pos, size_t n) {
+    if (pos > t.size() || t.size() - pos < n)
+        return -1;
+    long v = 0;
+    for (size_t i = pos; i < pos + n; ++i) {
+        if (t[i] < '0' || t[i] > '9')
+            return -1;
+        v = v * 10 + (t[i] - '0');
+    }
+    return v;
+}
+
+// Number length (2 digits), number, "14", time stamp, text length (3 digits),
+// text. The frame ends at the first NUL, so a text shorter than announced is
+// what arrived of it; anything else that does not add up is no record.
+bool sms_record_parse(const std::string &t, sms_fields *out) {
+    long number_len = digits_at(t, 0, 2);
+    if (number_len < 0 || t.size() - 2 < static_cast<size_t>(number_len))
+        return false;
+    size_t pos = 2 + static_cast<size_t>(number_len);
+    if (digits_at(t, pos, 2) != 14 || digits_at(t, pos + 2, 14) < 0)
+        return false;
+    std::string stamp = t.substr(pos + 2, 14);
+    long text_len = digits_at(t, pos + 16, 3);
+    if (text_len < 0 || t.size() - (pos + 19) > static_cast<size_t>(text_len))
+        return false;
+    out->from = t.substr(2, static_cast<size_t>(number_len));
+    out->time = stamp.substr(0, 4) + "-" + stamp.substr(4, 2) + "-" + stamp.substr(6, 2) + " " +
+                stamp.substr(8, 2) + ":" + stamp.substr(10, 2) + ":" + stamp.substr(12, 2);
+    out->text = t.substr(pos + 19);
+    return true;
+}
+
+// What a status report's status octet says (TS 23.040 ranges).
+const char *report_outcome(uint16_t status) {
+    if (status < 0x20)
+        return "delivered";
+    return status < 0x40 ? "pending" : "failed";
+}
+
+// The words of a call event: state, and the reason or number, if any.
+bool call_words(const reply_frame &f, const std::string &text, std::string *state, std::string *detail) {
+    static const char *const ENDS[] = {"no carrier", "busy", "no dial tone"};
+    if (f.status == STATUS_OK && text.empty()) {
+        *state = "incoming";
+    } else if (f.status == 1 && !text.empty()) {
+        *state = "incoming";
+        *detail = text;
+    } else if (f.status == STATUS_CALL_STATE && text == "0") {
+        *state = "answered";
+    } else if (f.status == STATUS_CALL_STATE && text.size() == 1 && text[0] >= '1' && text[0] <= '3') {
+        *state = "ended";
+        *detail = ENDS[text[0] - '1'];
+    } else {
+        return false;
+    }
+    return true;
+}
+
+std::string quoted(const std::string &s) { return "\"" + json_escape(s) + "\""; }
+
+} // namespace
+
+std::string format_event(const reply_frame &f, const print_style &style) {
+    const std::string text(f.text, f.text_len);
+    const bool json = style.json;
+    switch (f.code) {
+    case EVENT_CALL: {
+        std::string state, detail;
+        if (!call_words(f, text, &state, &detail))
+            return "";
+        if (json) {
+            std::string more = detail.empty() ? ""
+                               : state == "ended" ? ",\"reason\":" + quoted(detail)
+                                                  : ",\"number\":" + quoted(detail);
+            return "{\"event\":\"call\",\"state\":\"" + state + "\"" + more + "}";
+        }
+        if (state == "ended")
+            return "call ended (" + detail + ")";
+        if (state == "incoming")
+            return "call incoming " + (detail.empty() ? std::string("(no number)") : plain_escape(detail));
+        return "call " + state;
+    }
+    case EVENT_TTS_DONE:
+        return json ? "{\"event\":\"tts_done\"}" : "tts done";
+    case EVENT_TONE:
+        return json ? "{\"event\":\"tone\",\"tone\":" + quoted(text) + "}" : "tone " + plain_escape(text);
+    case EVENT_SMS: {
+        sms_fields sms;
+        if (!sms_record_parse(text, &sms))
+            return "";
+        if (json) {
+            std::string iso = sms.time;
+            iso[10] = 'T';
+            return "{\"event\":\"sms\",\"from\":" + quoted(sms.from) + ",\"time\":\"" + iso +
+                   "\",\"text\":" + quoted(sms.text) + "}";
+        }
+        return "sms from " + plain_escape(sms.from) + " at " + sms.time + ": " + plain_escape(sms.text);
+    }
+    case EVENT_SMS_REPORT: {
+        long reference = digits_at(text, 0, text.size());
+        if (text.empty() || text.size() > 3 || reference < 0)
+            return "";
+        std::string status = std::to_string(f.status);
+        if (json)
+            return "{\"event\":\"sms_report\",\"reference\":" + std::to_string(reference) + ",\"status\":" +
+                   status + ",\"outcome\":\"" + report_outcome(f.status) + "\"}";
+        return "sms report ref " + std::to_string(reference) + " status " + status + " (" +
+               report_outcome(f.status) + ")";
+    }
+    case EVENT_MODULE_ERROR:
+        return json ? "{\"event\":\"module_error\",\"line\":" + quoted(text) + "}"
+                    : "module error " + plain_escape(text);
+    default:
+        return "";
+    }
 }
 
 void frame_reader::feed(const uint8_t *bytes, size_t n) { pending_.insert(pending_.end(), bytes, bytes + n); }

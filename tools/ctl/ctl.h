@@ -90,6 +90,11 @@ struct print_style {
 // JSON: an object with code, status, status_name, text (and "event": true).
 std::string format_frame(const reply_frame &f, const print_style &style, bool event);
 std::string json_escape(const std::string &bytes);
+// How `listen` shows an event: "call incoming 13912345678", "sms from ... at
+// 2026-11-23 10:15:42: Hello", or with JSON {"event":"sms","from":...}.
+// Empty for other frames and for events whose text does not add up (a record
+// whose lengths run past its end), which are printed as frames.
+std::string format_event(const reply_frame &f, const print_style &style);
 
 // Cuts the daemon's byte stream into frames: frames carry no length and may
 // arrive split or joined.
