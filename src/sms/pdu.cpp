@@ -187,7 +187,7 @@ bool sms_status_parse(const char *pdu, size_t len, int *status, int *reference) 
 void sms_deliver_decode(const char *pdu) {
     char record[SMS_RECORD_MAX];
     if (sms_deliver_parse(pdu, strlen(pdu), record, sizeof record) > 0)
-        client_report(EVENT_SMS_RECEIVED, 0, record);
+        client_report(EVENT_SMS, STATUS_OK, record);
 }
 
 void sms_status_decode(const char *pdu) {
@@ -197,5 +197,5 @@ void sms_status_decode(const char *pdu) {
         return;
     char text[8];
     snprintf(text, sizeof text, "%d", reference);
-    client_report(EVENT_SMS_STATUS, status, text);
+    client_report(EVENT_SMS_REPORT, status, text);
 }

@@ -8,8 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr int EVENT_SMS_RECEIVED = 1031;
-constexpr int EVENT_SMS_STATUS = 1032;
 constexpr size_t SMS_RECORD_MAX = 500; // bytes of a record, terminator included
 
 // The record of one SMS-DELIVER: number length (2 digits), number ('+' first
