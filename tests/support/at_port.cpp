@@ -135,14 +135,16 @@ emulated_port::~emulated_port() {
     emu_.stop();
 }
 
-std::string port_test::frames() {
+std::string client_end::frames() {
     client_report(0xFFFF, 0, nullptr);
     std::string got;
     reply_frame r;
-    while (client.next(&r, 3000) && r.code != 0xFFFF)
+    while (next(&r, 3000) && r.code != 0xFFFF)
         got += std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
     return got;
 }
+
+std::string port_test::frames() { return client.frames(); }
 
 std::string port_test::module_got() {
     at_send("MARK\r\n", 6);

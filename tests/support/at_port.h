@@ -41,6 +41,8 @@ public:
     bool next(reply_frame *out, long timeout_ms);
     // True when no frame arrives within `quiet_ms`.
     bool silent(long quiet_ms);
+    // The frames sent so far, as "code status text|" (a marker frame ends them).
+    std::string frames();
 
 private:
     int fds_[2] = {-1, -1};
