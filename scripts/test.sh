@@ -4,7 +4,7 @@
 # UndefinedBehaviorSanitizer running the same tests but the one slow recovery
 # test (its path runs again, shorter, in the restart test), and a Clang build
 # with ThreadSanitizer running the unit tests (the threaded transport and
-# server). The sanitizer build compiles while the GCC tests run: the end-to-end
+# server), then a short run of every fuzz target (scripts/fuzz.sh). The sanitizer build compiles while the GCC tests run: the end-to-end
 # tests spend most of their time waiting on the daemon's prescribed pauses.
 # Usage: scripts/test.sh [quick]   (quick: the GCC build only)
 set -euo pipefail
@@ -49,3 +49,6 @@ echo "=== tsan"
 configure tsan clang++ -DCMAKE_BUILD_TYPE=Debug -DSANITIZE=thread
 cmake --build "build/tsan" -j "$jobs" --target unit_tests
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" tests tsan -L unit
+
+echo "=== fuzz"
+scripts/fuzz.sh

@@ -131,8 +131,9 @@ size_t gsm7_unpack(char *dst, size_t dst_size, const uint8_t *octets, size_t cou
     unsigned shift = 0;
     unsigned carry = 0;
     for (size_t i = 0; i < count && out < room; ++i) {
-        dst[out++] = static_cast<char>(((octets[i] << shift) | carry) & 0x7Fu);
-        carry = octets[i] >> (7 - shift);
+        unsigned octet = octets[i];
+        dst[out++] = static_cast<char>(((octet << shift) | carry) & 0x7Fu);
+        carry = octet >> (7 - shift);
         if (++shift == 7) {
             if (out < room)
                 dst[out++] = static_cast<char>(carry);
