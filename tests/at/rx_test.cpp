@@ -165,32 +165,8 @@ protected:
     void TearDown() override { daemon_state_reset(); }
 };
 
-TEST_F(ReceiveThreadTest, RoutesByStateAndPassThrough) {
-    at_port port;
-    client_end client;
-    port.start_rx();
-
-    port.module_says("\r\nRING\r\n");
-    EXPECT_EQ(urc_next(2000), "RING");
-
-    at_begin();
-    port.module_says("\r\n+CSQ: 9,99\r\n");
-    char out[RING_LINE_SIZE];
-    ASSERT_TRUE(at_next_line(out, sizeof out, monotonic_ms() + 2000));
-    EXPECT_STREQ(out, "+CSQ: 9,99");
-    at_finish();
-
-    // Pass-through: every line goes to the client as event 402 and to no ring.
-    state().at_passthrough = 1;
-    port.module_says("\r\nRING\r\n");
-    reply_frame f;
-    ASSERT_TRUE(client.next(&f, 2000));
-    EXPECT_EQ(f.code, EVENT_AT_LINE);
-    EXPECT_EQ(f.status, STATUS_OK);
-    EXPECT_STREQ(f.text, "RING");
-    EXPECT_EQ(urc_next(50), "<none>");
-}
-
+// Routing by state is shown by every exchange's tests, pass-through on the
+// simulated board.
 TEST_F(ReceiveThreadTest, LineWithoutEndIsDeliveredAboutASecondLater) {
     at_port port;
     port.start_rx();

@@ -13,14 +13,13 @@
 
 namespace {
 
-std::string times(const std::string &s, int n) {
-    std::string out;
-    while (n-- > 0)
-        out += s;
-    return out;
-}
-
 TEST(SmsSubmitTest, BuildsTheHandCheckedPdus) {
+    auto times = [](const std::string &s, int n) {
+        std::string out;
+        while (n-- > 0)
+            out += s;
+        return out;
+    };
     const struct {
         uint8_t ucs2;
         const char *smsc, *destination;
@@ -54,13 +53,6 @@ struct sms_bench {
     emulated_port port;
     client_end client;
 };
-
-std::string shown(const modem_command &c) {
-    if (c.state == modem_command::body_state::complete)
-        return c.text + " [" + c.body + "]";
-    return c.state == modem_command::body_state::aborted ? c.text + " [esc " + c.body + "]"
-                                                         : c.text;
-}
 
 TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
     using emu = modem_emulator;
@@ -130,8 +122,11 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
         at_send("AT+END\r", 7);
         ASSERT_TRUE(b->port.module().wait_for_command("AT+END", 3000));
         std::vector<std::string> got;
-        for (const modem_command &m : b->port.module().commands())
-            got.push_back(shown(m));
+        for (const modem_command &m : b->port.module().commands()) {
+            bool esc = m.state == modem_command::body_state::aborted;
+            got.push_back(m.state == modem_command::body_state::none
+                              ? m.text : m.text + (esc ? " [esc " : " [") + m.body + "]");
+        }
         got.pop_back();
         EXPECT_EQ(got, c.commands);
     }
