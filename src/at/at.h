@@ -75,6 +75,10 @@ bool at_next_line(char *out, size_t size, int64_t deadline_ms);
 void at_finish();
 
 // ---- the transaction frame ----
+// "+CME ERROR:" or "+CMS ERROR:": a numbered module error, which the common
+// thread reports as well once the line reaches urc_ring.
+bool at_module_error(const char *line);
+
 enum class at_end : uint8_t {
     ok,         // "OK" ends with success
     prefix,     // the result prefix line ends with success; "OK" is passed over

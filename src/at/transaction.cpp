@@ -11,10 +11,6 @@ constexpr size_t COLLECT_KEEP = 98; // characters of collected text, before the 
 
 bool is_digit_line(const char *line) { return line[0] >= '0' && line[0] <= '9'; }
 
-bool is_module_error(const char *line) {
-    return has_prefix(line, "+CME ERROR:") || has_prefix(line, "+CMS ERROR:");
-}
-
 // Appends one line to the collected text; it never exceeds 99 characters.
 void collect(char (&text)[100], size_t &used, const char *line) {
     size_t len = strlen(line);
@@ -78,7 +74,7 @@ line_verdict classify(const at_member &m, const char *line) {
         return line_verdict::success_passed_on;
     if (m.info_prefix != nullptr && has_prefix(line, m.info_prefix))
         return line_verdict::info;
-    if ((m.errors & AT_ERROR_MODULE) && is_module_error(line))
+    if ((m.errors & AT_ERROR_MODULE) && at_module_error(line))
         return line_verdict::module_error;
     if ((m.errors & AT_ERROR_PLAIN) && has_prefix(line, "ERROR"))
         return line_verdict::error;
@@ -88,6 +84,10 @@ line_verdict classify(const at_member &m, const char *line) {
 }
 
 } // namespace
+
+bool at_module_error(const char *line) {
+    return has_prefix(line, "+CME ERROR:") || has_prefix(line, "+CMS ERROR:");
+}
 
 int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse parse,
                    void *ctx) {

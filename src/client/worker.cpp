@@ -5,6 +5,7 @@
 #include "core/daemon_state.h"
 #include "core/text.h"
 #include "modem/modem.h"
+#include "sms/send.h"
 
 #include <cstring>
 #include <pthread.h>
@@ -64,6 +65,26 @@ void location_config(const request_frame &f) {
         lbs_config(f.fields[0][0] == '1' ? 1 : 0, f.fields[1], f.fields[2]);
 }
 
+// The validity octet of a 251 request, in decimal; -1, which the operation
+// refuses, when the field is no number from 0 to 255.
+int validity_field(const char *field) {
+    int v = 0;
+    for (const char *c = field; *c != '\0'; ++c) {
+        if (*c < '0' || *c > '9')
+            return -1;
+        // Stops before a long field could overflow.
+        v = v * 10 + (*c - '0');
+        if (v > 255)
+            return -1;
+    }
+    return field[0] == '\0' ? -1 : v;
+}
+
+void send_sms_pdu(const request_frame &f) {
+    sms_send_pdu(f.fields[0][0] != '0', f.fields[1], f.fields[2], f.fields[3],
+                 validity_field(f.fields[4]), f.fields[5][0] != '0');
+}
+
 struct worker_code {
     uint16_t code;
     uint8_t families;
@@ -91,6 +112,9 @@ const worker_code WORKER_CODES[] = {
     {236, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_clip(digit(f), 1); }},
     {237, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cscs(f.fields[0], 1); }},
     {238, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_ate(digit(f), 1); }},
+    {251, FAMILY_BOTH, 6, [](const request_frame &f, uint8_t) { send_sms_pdu(f); }},
+    {252, FAMILY_BOTH, 2,
+     [](const request_frame &f, uint8_t) { sms_send_text(f.fields[0], f.fields[1]); }},
     {301, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_sms_call_defaults(); }},
     {302, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { answer_call(); }},
     {303, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { hang_up(); }},

@@ -14,7 +14,6 @@ namespace {
 const at_member SETTER = at_setter(110, 300);
 const at_member QUERY = at_query(102, 350, "+CSQ:");
 const at_member STEP = at_ok_or_error(353, 500);
-const at_member DIGITS = at_digit_line(52, 350);
 const at_member COLLECT = at_collect_until_ok(51, 350);
 
 struct parsed {
@@ -71,51 +70,17 @@ TEST_F(TransactionTest, QueryEndsOnItsResultLineAndLeavesOkForTheRing) {
     EXPECT_EQ(urc_lines(), std::vector<std::string>{"OK"});
 }
 
-TEST_F(TransactionTest, ErrorLinesEndTheWaitAsTheMemberSays) {
-    port->module().set_reply("AT+CREG=2", modem_reply::cme_error(3));
-    EXPECT_EQ(at_transaction(SETTER, "AT+CREG=2\r\n", 1), -1);
-    reply_frame r = report();
-    EXPECT_EQ(r.code, 110);
-    EXPECT_EQ(r.status, STATUS_FAIL);
-    EXPECT_STREQ(r.text, "");
-    // The common thread must see the module error too.
-    EXPECT_EQ(urc_lines(), std::vector<std::string>{"+CME ERROR: 3"});
-
-    port->module().set_reply("AT+QIACT=1", modem_reply::error());
-    EXPECT_EQ(at_transaction(STEP, "AT+QIACT=1\r\n", 1), -1);
-    EXPECT_EQ(report().status, STATUS_FAIL);
-    EXPECT_TRUE(urc_lines().empty()); // a plain ERROR is not passed on
-
-    // A step that does not know module errors waits for its time-out; the line goes on.
+// Plain ERROR and the module errors of the members that know them are in the
+// operations' own tests; a step that knows none waits for its time-out.
+TEST_F(TransactionTest, AStepThatKnowsNoModuleErrorWaitsForItsTimeOut) {
     port->module().set_reply("AT+QIACT=1", modem_reply::cms_error(500));
     EXPECT_EQ(at_transaction(STEP, "AT+QIACT=1\r\n", 0), -1);
     EXPECT_EQ(urc_lines(), std::vector<std::string>{"+CMS ERROR: 500"});
     EXPECT_TRUE(client->silent(50)); // report 0: nothing sent
 }
 
-TEST_F(TransactionTest, DigitLineIgnoresErrorsUntilItsTimeOut) {
-    port->module().set_reply("AT+GSN", modem_reply::error());
-    int64_t start = monotonic_ms();
-    EXPECT_EQ(at_transaction(DIGITS, "AT+GSN\r\n", 1), -1);
-    EXPECT_GE(monotonic_ms() - start, 340);
-    reply_frame r = report();
-    EXPECT_EQ(r.status, STATUS_FAIL);
-    EXPECT_STREQ(r.text, "time out!");
-    EXPECT_EQ(urc_lines(), std::vector<std::string>{"ERROR"});
-
-    port->module().clear_replies();
+TEST_F(TransactionTest, CollectedTextKeepsAtMost99Characters) {
     parsed p;
-    ASSERT_EQ(at_transaction(DIGITS, "AT+GSN\r\n", 0, keep_line, &p), 0);
-    EXPECT_EQ(p.line, "861234567890123");
-}
-
-TEST_F(TransactionTest, CollectJoinsTheAnswerLinesWithoutTheEcho) {
-    parsed p;
-    ASSERT_EQ(at_transaction(COLLECT, "ATI\r\n", 1, keep_line, &p), 0);
-    EXPECT_EQ(p.line, "MAKER,EC200T,Revision: EMU-EC200T-R01");
-    EXPECT_STREQ(report().text, "MAKER,EC200T,Revision: EMU-EC200T-R01");
-
-    // Never more than 99 characters, however much the module says.
     port->module().set_reply("ATI", modem_reply::with_lines({std::string(60, 'a'), std::string(60, 'b'), "OK"}));
     ASSERT_EQ(at_transaction(COLLECT, "ATI\r\n", 0, keep_line, &p), 0);
     EXPECT_EQ(p.line, std::string(60, 'a') + "," + std::string(38, 'b'));

@@ -5,6 +5,7 @@
 #include "client/client.h"
 #include "core/daemon_state.h"
 #include "modem/modem.h"
+#include "sms/send.h"
 #include "support/at_port.h"
 
 #include <gtest/gtest.h>
@@ -54,6 +55,18 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
         {BOTH, request_bytes(999), "999 20 |"}, // a code nobody knows
         {BOTH, request_bytes(402, {"0", "AT"}), "402 11 |"},
     };
+    // SMS refused before any module traffic, even with no centre stored: a number
+    // of 15 digits, a 7-bit text above 127, a validity that is no octet.
+    const std::vector<std::string> sms = {"0", "DEFAULT", "10086", "hi", "167", "0"};
+    const std::pair<size_t, const char *> bad_sms[] = {
+        {2, "+861391234567890"}, {1, "123456789012345"}, {3, "caf\xC3\xA9"}, {4, "256"}, {4, "1x"}};
+    for (const auto &[field, value] : bad_sms) {
+        std::vector<std::string> f = sms;
+        f[field] = value;
+        rows.push_back({BOTH, request_bytes(251, f), "251 10 |"});
+    }
+    rows.push_back({BOTH, request_bytes(251, {sms.begin(), sms.end() - 1}), "251 10 |"});
+    rows.push_back({BOTH, request_bytes(252, {std::string(50, '1'), "hi"}), "252 10 |"});
     // Field 1 missing where it is used, and the other family's codes.
     const std::pair<unsigned, std::vector<uint16_t>> need_field[] = {
         {BOTH, {110, 231, 232, 233, 234, 236, 237, 238, 304, 401}},
@@ -95,7 +108,9 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     EXPECT_EQ(set_cmgf(0, 0), -1);
     EXPECT_EQ(get_qnetdevstatus(0), -1);
     EXPECT_EQ(get_creg(), -1);
-    EXPECT_EQ(frames(), "191 1 at send error!|111 1 |");
+    EXPECT_EQ(sms_send_pdu(0, "1", "2", "x", 0, 0), -1);
+    sms_send_text("2", "x");
+    EXPECT_EQ(frames(), "191 1 at send error!|111 1 |251 1 at send error!|252 1 set_cmgf|");
     EXPECT_EQ(state().at_state.load(), AT_IDLE);
 }
 

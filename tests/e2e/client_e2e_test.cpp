@@ -275,7 +275,9 @@ TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {
         {{"--json", "signal"}, "{\"code\":102,\"status\":0,\"status_name\":\"ok\",\"text\":\"20\"}\n"},
         {{"at", "AT+CSQ"}, "402 ok(0) AT+CSQ\n402 ok(0) +CSQ: 20,99\n402 ok(0) OK\n"},
         {{"raw", "190", "1"}, "190 unknown-code(20)\n"},
+        {{"sms", "send", "+8613912345678", "hello"}, "251 ok(0) 1\n"}, // the module's reference
     };
+    size_t from = next_index(b.emu);
     for (const auto &r : runs) {
         // The daemon listens again only once the last client has gone: a tool
         // run right after another may be refused.
@@ -284,6 +286,11 @@ TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {
         EXPECT_EQ(run.first, r.first[0] == "raw" ? 1 : 0) << r.first[0];
         EXPECT_EQ(run.second, r.second);
     }
+    // The message went out as a 7-bit PDU through the module's own centre.
+    std::optional<modem_command> sms = b.emu.wait_for_command("AT+CMGS=", 5000, from);
+    ASSERT_TRUE(sms);
+    EXPECT_EQ(sms->text + " " + sms->body,
+              "AT+CMGS=20 07912143658709F1" "11000D91683119325476F8" "0000A7" "05E8329BFD06");
 }
 
 } // namespace

@@ -42,6 +42,10 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
         {{"apn", "set", "2", ""}, 521, {"1", "2"}}, // no third field clears the setting
         {{"call", "123"}, 304, {"123"}},
         {{"raw", "561", "1", "http://x/fw.bin"}, 561, {"1", "http://x/fw.bin"}},
+        {{"sms", "send", "10086", "hi"}, 251, {"0", "DEFAULT", "10086", "hi", "167", "0"}},
+        {{"sms", "send", "--report", "--validity", "0", "+86", "\xE4\xBD\xA0"}, 251,
+         {"1", "DEFAULT", "+86", "\xE4\xBD\xA0", "0", "1"}},
+        {{"sms", "send", "--text-mode", "10086", "--hi"}, 252, {"10086", "--hi"}},
     };
     for (const auto &c : cases) {
         ctl::command cmd = parsed(c.words);
@@ -56,7 +60,9 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
         EXPECT_EQ(fields, c.fields) << c.words[0];
     }
     for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
-             {}, {"frobnicate"}, {"dial", "maybe"}, {"raw", "65536"}, {"raw", "102", ""}, {"at", std::string(999, 'A')}}) {
+             {}, {"frobnicate"}, {"dial", "maybe"}, {"raw", "65536"}, {"raw", "102", ""}, {"at", std::string(999, 'A')},
+             {"sms", "1", "x"}, {"sms", "send", "--validity", "256", "1", "x"},
+             {"sms", "send", "--text-mode", "--report", "1", "x"}, {"sms", "send", "--rush", "1", "x"}}) {
         ctl::command c;
         EXPECT_FALSE(ctl::parse_command(bad, &c, &error)) << (bad.empty() ? "" : bad[0]);
     }

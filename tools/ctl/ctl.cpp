@@ -2,6 +2,8 @@
 
 #include "core/frames.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -147,7 +149,42 @@ bool build_lbs(const args &a, command *out, std::string *error) {
     return false;
 }
 
-bool build_sms(const args &a, command *out, std::string *) { return single(out, make(252, {a[0], a[1]})); }
+// "send", its options, NUMBER, TEXT. Options stand before the number, so a
+// text may begin with "--".
+bool build_sms(const args &a, command *out, std::string *error) {
+    *error = "usage: sms send [--report] [--validity 0-255] [--text-mode] NUMBER TEXT";
+    bool report = false, text_mode = false, validity_given = false;
+    // Relative validity 167 is one day (TS 23.040: 12 h plus 30 min per step above 143).
+    std::string validity = "167";
+    size_t i = 1;
+    for (; a[0] == "send" && i < a.size() && a[i].rfind("--", 0) == 0; ++i) {
+        char *end = nullptr;
+        if (a[i] == "--") {
+            ++i;
+            break;
+        } else if (a[i] == "--report") {
+            report = true;
+        } else if (a[i] == "--text-mode") {
+            text_mode = true;
+        } else if (a[i] == "--validity" && i + 1 < a.size() && !a[i + 1].empty() &&
+                   isdigit(static_cast<unsigned char>(a[i + 1][0])) &&
+                   strtoul(a[i + 1].c_str(), &end, 10) <= 255 && *end == '\0') {
+            validity = a[++i];
+            validity_given = true;
+        } else {
+            return false;
+        }
+    }
+    // Text mode carries neither a validity nor a report request.
+    if (a[0] != "send" || a.size() - i != 2 || (text_mode && (report || validity_given)))
+        return false;
+    const std::string &number = a[i], &text = a[i + 1];
+    if (text_mode)
+        return single(out, make(252, {number, text}));
+    bool ascii = std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; });
+    return single(out, make(251, {ascii ? "0" : "1", "DEFAULT", number, text, validity,
+                                  report ? "1" : "0"}));
+}
 
 bool build_raw(const args &a, command *out, std::string *error) {
     char *end = nullptr;
@@ -200,7 +237,9 @@ const command_spec COMMANDS[] = {
     {"tts", "tts TEXT                 speak a text, EC20 family (310)", 1, 1, build_tts},
     {"tts-stop", "tts-stop                 stop speaking (310)", 0, 0, build_tts_stop},
     {"lbs", "lbs get KEY | lbs set KEY VALUE   location service setting (451)", 2, 3, build_lbs},
-    {"sms", "sms NUMBER TEXT          send a text-mode SMS (252)", 2, 2, build_sms},
+    {"sms", "sms send [--report] [--validity N] [--text-mode] NUMBER TEXT\n"
+            "                           send an SMS, 7-bit or UCS-2 (251), in text mode (252)",
+     3, 8, build_sms},
     {"raw", "raw CODE [FIELD...]      any code with up to 6 fields", 1, 1 + MANY, build_raw},
 };
 
@@ -508,7 +547,8 @@ int default_timeout_ms(uint16_t code) {
         {370, 300000},  // a dial may wait minutes for the network
         {452, 150000},  // the position may take two minutes
         {303, 100000},  // hang-up waits up to 90 s
-        {251, 60000},  {252, 60000}, {234, 20000}, {236, 20000},
+        {251, 130000}, {252, 130000}, // the module may take 120 s to answer a message
+        {234, 20000}, {236, 20000},
         {301, 60000},  {353, 160000}, {352, 50000},
         {561, 1300000}, // firmware update
         {402, 30000},
