@@ -103,7 +103,7 @@ events_session() {
   local out="$work/listen.out" modem="$work/modem.ctl"
   nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" listen version >"$out" 2>&1 &
   local listener=$!
-  if until_seen zolvin "$out" 10; then
+  if until_seen "^911 " "$out" 10; then
     boardctl "$modem" 'inject RING "+CLIP: \"13912345678\",129"'
     boardctl "$modem" "inject \"NO CARRIER\""
     boardctl "$modem" 'inject "+CMT: ,34" 0891683108100005F0040D91683119325476F800006211320151242316C8329BFD0699E5EF36888E2E83DC65FAFD2D5F03'
