@@ -173,11 +173,25 @@ int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t
     return result;
 }
 
+// Decimal digits after one optional '+': all an address's semi-octets carry
+// here. The stored centre may be empty; a destination may not.
+bool dialable(const char *number, bool may_be_empty) {
+    if (number[0] == '+')
+        ++number;
+    if (number[0] == '\0')
+        return may_be_empty;
+    for (; *number != '\0'; ++number) {
+        if (*number < '0' || *number > '9')
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 bool sms_submit_build(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
                       int validity, uint8_t status_report, sms_submit_pdu *out) {
-    if (validity < 0 || validity > 255)
+    if (validity < 0 || validity > 255 || !dialable(destination, false) || !dialable(smsc, true))
         return false;
     if (!ucs2) {
         // The packing keeps 7 bits of each character: a higher byte would be garbled.

@@ -22,8 +22,8 @@ struct sms_submit_pdu {
 
 // Builds the PDU (no I/O). A 7-bit text is cut to 160 characters, any user
 // data to 140 octets. False, with nothing to send, when a number has 15 or
-// more digits, a 7-bit text holds a byte above 127 or the validity is not 0
-// to 255.
+// more digits or anything but digits after its '+' (or the destination is
+// empty), a 7-bit text holds a byte above 127 or the validity is not 0 to 255.
 bool sms_submit_build(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
                       int validity, uint8_t status_report, sms_submit_pdu *out);
 
