@@ -1,8 +1,8 @@
-// SMS PDUs: the received ones (SMS-DELIVER and status reports, each preceded
-// by its service-centre address) taken apart into client events, and the
-// SMS-SUBMIT string built for sending. The parse and build steps are pure;
-// every announced length is checked against the bytes left and the room of
-// the destination, and a PDU that does not add up gives nothing.
+// Received SMS PDUs (SMS-DELIVER and status reports, each preceded by its
+// service-centre address) taken apart into client events. The parse steps are
+// pure; every announced length is checked against the bytes left and the room
+// of the destination, and a PDU that does not add up gives nothing. The
+// SMS-SUBMIT for sending is built in send.h.
 #pragma once
 
 #include <cstddef>
