@@ -138,10 +138,8 @@ TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStops
     pthread_t check = s.check_tid.load();
     ASSERT_NE(check, pthread_t{0});
     char name[16] = "";
-    EXPECT_TRUE(wait_until([&] {
-        pthread_getname_np(check, name, sizeof name);
-        return strcmp(name, "zolvin_check") == 0;
-    }, 2000)) << name;
+    auto named = [&] { return pthread_getname_np(check, name, 16) == 0 && !strcmp(name, "zolvin_check"); };
+    EXPECT_TRUE(wait_until(named, 2000)) << name;
     supervisor_pass(sv); // already connected: no second thread
     EXPECT_EQ(s.check_tid.load(), check);
     supervisor_stop_threads(sv);
