@@ -37,6 +37,9 @@ constexpr int CHECK_APP_RESTARTS = 3;         // restarts of the external progra
 constexpr int CHECK_PASSTHROUGH_PERIODS = 200; // periods a client may hold pass-through
 constexpr int64_t CHECK_CALL_PAUSE_MS = 600000;
 constexpr int64_t CHECK_RETRY_MS = 10000;     // the period after a failure
+// A period of 0 checks round after round, but a second apart: a healthy link
+// answering at once must not keep a core busy.
+constexpr int64_t CHECK_MIN_PERIOD_MS = 1000;
 
 struct check_counters {
     int probe_failures = 0;

@@ -116,6 +116,8 @@ bool check_round(check_counters &c, const check_env &env) {
     int64_t period_ms = CHECK_RETRY_MS;
     if (c.probe_failures == 0 && c.reassert_failures == 0)
         period_ms = static_cast<int64_t>(s.check_timeS.load(std::memory_order_acquire)) * 1000;
+    if (period_ms < CHECK_MIN_PERIOD_MS)
+        period_ms = CHECK_MIN_PERIOD_MS;
     env.sleep_until(env.clock() + period_ms);
     if (s.call_active.load(std::memory_order_acquire))
         return true;

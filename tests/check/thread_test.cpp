@@ -105,16 +105,16 @@ TEST_F(CheckRoundTest, PassThroughAndCallsHoldOffTheModule) {
     EXPECT_TRUE(rounds(2)); // the 201st period drops pass-through
     EXPECT_EQ(w.log, "ec200 ");
 
-    state().check_timeS.store(0);
+    state().check_timeS.store(0); // still a second between rounds
     state().call_active.store(1);
     w.call_ends = w.now + 42000;
     EXPECT_TRUE(rounds(1));
-    EXPECT_EQ(w.now, w.call_ends);
+    EXPECT_EQ(w.now, w.call_ends + CHECK_MIN_PERIOD_MS);
     state().call_active.store(1);
     w.call_ends = w.now + 2 * CHECK_CALL_PAUSE_MS; // a flag nobody clears
     int64_t start = w.now;
     EXPECT_TRUE(rounds(1));
-    EXPECT_EQ(w.now, start + CHECK_CALL_PAUSE_MS);
+    EXPECT_EQ(w.now, start + CHECK_CALL_PAUSE_MS + CHECK_MIN_PERIOD_MS);
     EXPECT_EQ(state().call_active.load(), 0);
     env.sleep_until = [](int64_t) { state().call_active.store(1); }; // a call during the sleep
     EXPECT_TRUE(rounds(1));
