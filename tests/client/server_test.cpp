@@ -10,8 +10,7 @@
 
 namespace {
 
-// Local codes are answered by handle_request itself, before it returns; the
-// AT port is there for the workers it starts.
+// Local codes are answered by handle_request itself, before it returns.
 class LocalCodeTest : public port_test {
 protected:
     LocalCodeTest() { state().module_restarting = 0; }
