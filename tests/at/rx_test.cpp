@@ -95,8 +95,7 @@ TEST(LineSplitterTest, RandomBytesNeverOverrunTheLine) {
 
 class RingTest : public testing::Test {
 protected:
-    void SetUp() override { daemon_state_reset(); }
-    void TearDown() override { daemon_state_reset(); }
+    fresh_state fresh;
 
     static lines numbered(const char *stem, int from, int to) {
         lines out;
@@ -141,8 +140,7 @@ TEST_F(RingTest, ALineArrivingDuringTheClosingDrainGoesBehindTheLeftovers) {
 
 class ReceiveThreadTest : public testing::Test {
 protected:
-    void SetUp() override { daemon_state_reset(); }
-    void TearDown() override { daemon_state_reset(); }
+    fresh_state fresh;
 };
 
 TEST_F(ReceiveThreadTest, LineWithoutEndIsDeliveredAboutASecondLater) {

@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <string>
-#include <unistd.h>
 
 namespace {
 
@@ -31,13 +29,7 @@ TEST(SerialTest, OpensRawAt115200WithNoFlowControlAndMovesBytesUntranslated) {
     EXPECT_EQ(serial_write(fd, "AT+CSQ\r\n", 8), 8);
     EXPECT_EQ(port.module_reads("\n", 2000), "AT+CSQ\r\n");
     port.module_says("\r\nOK\r\n");
-    std::string got;
-    char buf[64];
-    pollfd p{fd, POLLIN, 0};
-    ssize_t n = 0;
-    while (got.size() < 6 && poll(&p, 1, 2000) > 0 && (n = read(fd, buf, sizeof buf)) > 0)
-        got.append(buf, static_cast<size_t>(n));
-    EXPECT_EQ(got, "\r\nOK\r\n");
+    EXPECT_EQ(read_until(fd, "\r\nOK\r\n", 2000), "\r\nOK\r\n");
 }
 
 } // namespace

@@ -5,13 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <optional>
 #include <thread>
 
 namespace {
 
 // One row per variant of the frame, as the module families use them.
-const at_member SETTER = at_setter(110, 300);
 const at_member QUERY = at_query(102, 350, "+CSQ:");
 const at_member STEP = at_ok_or_error(353, 500);
 const at_member COLLECT = at_collect_until_ok(51, 350);
@@ -28,86 +26,47 @@ void keep_line(const char *line, at_outcome *out, void *ctx) {
 
 class TransactionTest : public testing::Test {
 protected:
-    void SetUp() override {
-        daemon_state_reset();
-        port.emplace();
-        client.emplace();
-    }
-    void TearDown() override {
-        client.reset();
-        port.reset();
-        daemon_state_reset();
-    }
-
     reply_frame report() {
         reply_frame r{};
-        EXPECT_TRUE(client->next(&r, 1000));
+        EXPECT_TRUE(client.next(&r, 1000));
         return r;
     }
-    std::vector<std::string> urc_lines() {
-        std::vector<std::string> got;
-        for (std::string l = urc_next(100); l != "<none>"; l = urc_next(100))
-            got.push_back(l);
-        return got;
-    }
 
-    std::optional<emulated_port> port;
-    std::optional<client_end> client;
+    fresh_state fresh;
+    emulated_port port;
+    client_end client;
 };
 
-TEST_F(TransactionTest, QueryEndsOnItsResultLineAndLeavesOkForTheRing) {
-    parsed p;
-    state().at_passthrough = 1; // any transaction ends raw mode
-    ASSERT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 1, keep_line, &p), 0);
-    EXPECT_EQ(p.line, "+CSQ: 20,99");
-    EXPECT_EQ(state().at_state, AT_IDLE);
-    EXPECT_EQ(state().at_passthrough, 0);
-    reply_frame r = report();
-    EXPECT_EQ(r.code, 102);
-    EXPECT_EQ(r.status, STATUS_OK);
-    EXPECT_STREQ(r.text, "+CSQ: 20,99");
-    // The echo was dropped; the closing OK went on to the unsolicited ring.
-    EXPECT_EQ(urc_lines(), std::vector<std::string>{"OK"});
-}
-
-// Plain ERROR and the module errors of the members that know them are in the
-// operations' own tests; a step that knows none waits for its time-out.
+// The result line, the echo and the closing OK are in the operations' own
+// tests, as are plain ERROR, the module errors of the members that know them
+// and the time-out that drains leftovers; a step that knows none waits for its time-out.
 TEST_F(TransactionTest, AStepThatKnowsNoModuleErrorWaitsForItsTimeOut) {
-    port->module().set_reply("AT+QIACT=1", modem_reply::cms_error(500));
+    port.module().set_reply("AT+QIACT=1", modem_reply::cms_error(500));
     EXPECT_EQ(at_transaction(STEP, "AT+QIACT=1\r\n", 0), -1);
-    EXPECT_EQ(urc_lines(), std::vector<std::string>{"+CMS ERROR: 500"});
-    EXPECT_TRUE(client->silent(50)); // report 0: nothing sent
+    EXPECT_EQ(urc_next(100), "+CMS ERROR: 500");
+    EXPECT_EQ(urc_next(100), "<none>");
+    EXPECT_TRUE(client.silent(50)); // report 0: nothing sent
 }
 
-TEST_F(TransactionTest, CollectedTextKeepsAtMost99Characters) {
+TEST_F(TransactionTest, CollectedTextKeepsAtMost99CharactersAndAnyTransactionEndsRawMode) {
     parsed p;
-    port->module().set_reply("ATI", modem_reply::with_lines({std::string(60, 'a'), std::string(60, 'b'), "OK"}));
+    state().at_passthrough = 1;
+    port.module().set_reply("ATI", modem_reply::with_lines({std::string(60, 'a'), std::string(60, 'b'), "OK"}));
     ASSERT_EQ(at_transaction(COLLECT, "ATI\r\n", 0, keep_line, &p), 0);
     EXPECT_EQ(p.line, std::string(60, 'a') + "," + std::string(38, 'b'));
-}
-
-TEST_F(TransactionTest, TimeOutDrainsLeftoversAndSilenceEndsIt) {
-    port->module().set_reply("AT+CSQ", modem_reply::with_lines({"+QIND: one", "+QIND: two"}));
-    EXPECT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 1), -1);
-    EXPECT_STREQ(report().text, "time out!");
-    EXPECT_EQ(urc_lines(), (std::vector<std::string>{"+QIND: one", "+QIND: two"}));
-    EXPECT_EQ(state().at_state, AT_IDLE);
-
-    port->module().set_silent(true);
-    EXPECT_EQ(at_transaction(SETTER, "AT+CREG=0\r\n", 0), -1);
-    EXPECT_TRUE(urc_lines().empty()); // silent: not even the echo
+    EXPECT_EQ(state().at_passthrough, 0);
 }
 
 TEST_F(TransactionTest, SendFailureReportsAndDrainsNothing) {
     at_begin();
     line_deliver("stale"); // a cancelled exchange's leftover
-    port->close_port();
+    port.close_port();
     EXPECT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 1), -1);
     reply_frame r = report();
     EXPECT_EQ(r.status, STATUS_FAIL);
     EXPECT_STREQ(r.text, "at send error!");
     EXPECT_EQ(state().at_state, AT_IDLE);
-    EXPECT_TRUE(urc_lines().empty());
+    EXPECT_EQ(urc_next(100), "<none>");
 
     // A member may insist on telling the client about it.
     at_member loud = QUERY;
@@ -123,8 +82,7 @@ namespace {
 // The right to use the port: one worker, supervisor work or a dial at a time.
 class PortAccessTest : public testing::Test {
 protected:
-    void SetUp() override { daemon_state_reset(); }
-    void TearDown() override { daemon_state_reset(); }
+    fresh_state fresh;
 };
 
 void finished(void *) { worker_finished(); }

@@ -10,8 +10,7 @@
 
 namespace {
 
-// Local codes are answered by handle_request itself, before it returns; the
-// AT port is there for the workers it starts.
+// Local codes are answered by handle_request itself, before it returns.
 class LocalCodeTest : public port_test {
 protected:
     LocalCodeTest() { state().module_restarting = 0; }
@@ -90,24 +89,6 @@ TEST_F(LocalCodeTest, OneReadIsOneFrame) {
     // Two frames in one read: the bytes after the first are not a request.
     send(std::string("ZVS\x03\x8F\0\0ZVS\x03\x90\0\0", 14));
     EXPECT_EQ(frames(), "911 0 ZOLVIN 4G SERVER V1.23|");
-}
-
-// A worker waiting for an answer that never comes, and a restart request meanwhile.
-TEST_F(LocalCodeTest, RestartCancelsTheRunningWorkerAndFreesThePort) {
-    state().module_type = MODULE_EC200T;
-    send(request_bytes(103));
-    EXPECT_EQ(port.module_reads("\r\n", 5000), "AT+COPS?\r\n");
-    EXPECT_EQ(state().worker_busy, 1);
-    EXPECT_FALSE(state().at_mutex.try_lock());
-    // The worker has ended when the restart is taken, without answering; the
-    // restart itself owes no reply.
-    EXPECT_EQ(ask(901), "");
-    EXPECT_EQ(state().worker_busy, 0);
-    EXPECT_EQ(state().module_restarting, 1);
-    EXPECT_EQ(state().restart_report_pending, 1);
-    // The gate is free again for the supervisor, the check thread and the next worker.
-    ASSERT_TRUE(state().at_mutex.try_lock());
-    state().at_mutex.unlock();
 }
 
 } // namespace

@@ -82,7 +82,6 @@ TEST_F(ConfigTest, AppCmdFromTheApnSettings) {
         std::string expected; // "" with an app named: too long, and said so
     } cases[] = {
         {"apn_name=cmnet\napn_user=u\napn_passwd=p\n", ""},
-        {"app_name=dialer\napn_user=u\napn_passwd=p\n", "dialer"},
         {"app_name=dialer\napn_name=cmnet\napn_user=u\napn_auth=2\n", "dialer -s cmnet u &"},
         {"app_name=dialer\napn_name=cmnet\napn_passwd=p\n", "dialer -s cmnet &"},
         {"app_name=" + a43 + "\napn_name=" + n50 + "\n", a43 + " -s " + n50 + " &"}, // 99 fit

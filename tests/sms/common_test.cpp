@@ -66,6 +66,10 @@ TEST(CommonLineTest, LinesBecomeEventsWithinTheirWindows) {
          "next 501|"},
         // A second header restarts the window and decides the kind.
         {{{0, CMT}, {400, "+CDS: 6"}, {899, REPORT}}, "1032 0 5|"},
+        // A failed delivery's status rides in the frame; a PDU cut short gives no event.
+        {{{0, "+CDS: 6"}, {1, "0891683108200505F006110D91683117358313F0525070613415235250706134952341"}},
+         "1032 65 17|"},
+        {{{0, CMT}, {1, "0891683108200505F0040D9168"}}, ""},
         {{{0, CMT}, {10, "RING"}, {20, EXPIRE}, {110, EXPIRE}}, "next 110|1001 0 |next 500|"},
     };
     for (const auto &c : cases)

@@ -1,4 +1,3 @@
-#include "core/daemon_state.h"
 #include "sms/pdu.h"
 
 #include <gtest/gtest.h>
@@ -7,8 +6,6 @@
 #include <cstring>
 #include <ctime>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -97,27 +94,6 @@ TEST(SmsParseTest, RefusesWhatDoesNotAddUpAndReadsNothingPastTheEnd) {
     for (const auto &v : STATUS_VECTORS)
         for (size_t len = 0; len < strlen(v.pdu); ++len)
             ASSERT_FALSE(parse_status(std::string(v.pdu, len), &status, &reference)) << len;
-}
-
-TEST(SmsDecodeTest, ReportsRecordsAndStatusesToTheClient) {
-    daemon_state_reset();
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    state().client_fd = sv[0];
-    state().client_connected = 1;
-    sms_deliver_decode(DELIVER_VECTORS[0].pdu);
-    sms_deliver_decode("0891683108200505F0040D9168"); // cut short: no event
-    sms_status_decode(STATUS_VECTORS[5].pdu);
-    char buf[4096];
-    const ssize_t n = recv(sv[1], buf, sizeof buf, MSG_DONTWAIT);
-    ASSERT_GT(n, 0);
-    const std::string events = std::string("ZVR\x04\x07\0\0", 7) +
-                               "14+86137153383101420250507164351005hello" + '\0' +
-                               std::string("ZVR\x04\x08\0\x41" "17", 9) + '\0';
-    EXPECT_EQ(std::string(buf, static_cast<size_t>(n)), events);
-    close(sv[0]);
-    close(sv[1]);
-    daemon_state_reset();
 }
 
 } // namespace

@@ -21,6 +21,16 @@ bool readable(int fd, long deadline) {
 
 } // namespace
 
+std::string read_until(int fd, const std::string &until, long timeout_ms) {
+    std::string got;
+    long deadline = monotonic_ms() + timeout_ms;
+    char buf[512];
+    ssize_t n = 0;
+    while (got.find(until) == std::string::npos && readable(fd, deadline) && (n = read(fd, buf, sizeof buf)) > 0)
+        got.append(buf, static_cast<size_t>(n));
+    return got;
+}
+
 std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
     auto be16 = [](size_t v) {
         return std::string{static_cast<char>(v >> 8), static_cast<char>(v)};
@@ -128,17 +138,6 @@ void at_port::stop_rx() {
 void at_port::module_says(const std::string &bytes) {
     if (write(master_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         throw std::runtime_error("write to pty master");
-}
-
-std::string at_port::module_reads(const std::string &until, long timeout_ms) {
-    std::string got;
-    long deadline = monotonic_ms() + timeout_ms;
-    char buf[512];
-    ssize_t n = 0;
-    while (got.find(until) == std::string::npos && readable(master_, deadline) &&
-           (n = read(master_, buf, sizeof buf)) > 0)
-        got.append(buf, static_cast<size_t>(n));
-    return got;
 }
 
 std::string urc_next(long timeout_ms) {

@@ -26,6 +26,9 @@ template <typename F> bool wait_until(F cond, long timeout_ms) {
     return true;
 }
 
+// What arrives on `fd` until `until` (a substring) is in it or `timeout_ms` passes.
+std::string read_until(int fd, const std::string &until, long timeout_ms);
+
 // The bytes of a request frame with these fields.
 std::string request_bytes(uint16_t code, const std::vector<std::string> &fields = {});
 
@@ -66,7 +69,7 @@ public:
     // Writes bytes as the module would.
     void module_says(const std::string &bytes);
     // What the daemon wrote to the port until `until` (a substring) arrived or the time ran out.
-    std::string module_reads(const std::string &until, long timeout_ms);
+    std::string module_reads(const std::string &until, long timeout_ms) { return read_until(master_, until, timeout_ms); }
     // Closes the daemon's side of the port, as a vanished device would leave it.
     void close_port();
 

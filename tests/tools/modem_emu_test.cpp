@@ -2,13 +2,11 @@
 // socket, with the daemon's side of the pty read and written raw.
 
 #include "modem_emu/modem_emu.h"
-#include "support/test_support.h"
+#include "support/at_port.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -34,21 +32,8 @@ protected:
     void send(const std::string &bytes) {
         ASSERT_EQ(write(slave, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
-    // What the module sent, read until it ends with `end` or `ms` have passed.
-    std::string read_until(const std::string &end, int ms = 2000) {
-        std::string got;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        while (got.size() < end.size() || got.compare(got.size() - end.size(), end.size(), end) != 0) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            pollfd p{slave, POLLIN, 0};
-            char buf[512];
-            ssize_t n = 0;
-            if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0 || (n = read(slave, buf, sizeof buf)) <= 0)
-                break;
-            got.append(buf, static_cast<size_t>(n));
-        }
-        return got;
-    }
+    // What the module sent, read until `end` is in it or `ms` have passed.
+    std::string read_until(const std::string &end, long ms = 2000) { return ::read_until(slave, end, ms); }
 
     temp_dir dir;
     int master = -1, slave = -1;
