@@ -233,10 +233,10 @@ int voice_dial(const char *number) {
     }
     s.at_passthrough.store(0, std::memory_order_release);
     int n = text_format(line, sizeof line, "ATD%s;\r\n", number);
-    s.call_active.store(1, std::memory_order_release);
+    call_active_set(1);
     // Not a transaction: the module's answers come as call events.
     if (at_send(line, static_cast<size_t>(n)) == -1) {
-        s.call_active.store(0, std::memory_order_release);
+        call_active_set(0);
         client_report(304, STATUS_FAIL, "at send error!");
         return -1;
     }

@@ -34,6 +34,11 @@ void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value) {
     g_state.supervisor_wake.raise();
 }
 
+void call_active_set(uint8_t on) {
+    g_state.call_active.store(on, std::memory_order_release);
+    g_state.call_news.raise();
+}
+
 void daemon_state_reset() {
     g_state.~daemon_state();
     new (&g_state) daemon_state();

@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <netinet/in.h>
 #include <pthread.h>
 #include <semaphore.h>
 
@@ -94,7 +93,7 @@ struct daemon_state {
     std::atomic<uint8_t> fota_reopen{0};
     std::atomic<uint8_t> fota_reopen_watch{0};
     std::atomic<uint8_t> restart_report_pending{0};
-    std::atomic<uint8_t> call_active{0};
+    std::atomic<uint8_t> call_active{0}; // written through call_active_set
     std::atomic<int32_t> fota_port_status{0};
     std::atomic<pthread_t> check_tid{0};
     // Raised by whoever sets a flag above or changes `auto_dial`: the
@@ -130,15 +129,14 @@ struct daemon_state {
     char signal_rssi[10];
     char smsc_number[20];
 
-    // Link check
+    // Link check. The probe's socket, buffers and destination live on the
+    // check thread's stack; only the sequence survives from one probe to the next.
     std::atomic<uint8_t> ping_disabled{1};
     uint32_t icmp_data_len = 56;
-    int32_t icmp_socket = 0;
-    uint32_t icmp_seq = 0;
-    sockaddr_in icmp_dest;
-    uint32_t icmp_ident = 0;
-    unsigned char icmp_rx_buf[ICMP_BUFFER_SIZE];
-    unsigned char icmp_tx_buf[ICMP_BUFFER_SIZE];
+    uint32_t icmp_seq = 0; // the check thread's alone
+    // Raised on every change of `call_active`: the check thread pauses on it
+    // while a call lasts.
+    wake_signal call_news;
 };
 
 // The single instance, zero-initialised but for the defaults above.
@@ -146,6 +144,8 @@ daemon_state &state();
 
 // Sets a supervisor flag (or `auto_dial`) and wakes the supervisor.
 void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value);
+// Sets or clears `call_active` and wakes the check thread's call pause.
+void call_active_set(uint8_t on);
 
 // Puts every field back to its start value. Only for a process that has no
 // other thread running (tests).

@@ -13,27 +13,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace {
 pthread_attr_t g_thread_attr;
-
-bool has_entry(const char *dir_path, const char *name) {
-    DIR *dir = opendir(dir_path);
-    if (dir == nullptr)
-        return false;
-    bool found = false;
-    while (dirent *e = readdir(dir)) {
-        if (strcmp(e->d_name, name) == 0) {
-            found = true;
-            break;
-        }
-    }
-    closedir(dir);
-    return found;
-}
 } // namespace
 
 void parse_command_line(int argc, char **argv) {
@@ -43,41 +27,6 @@ void parse_command_line(int argc, char **argv) {
     if (argc > 2 && strcmp(argv[2], "atprint") == 0)
         s.atprint.store(1, std::memory_order_release);
 }
-
-int app_running_in(const char *proc_dir, const char *name) {
-    DIR *proc = opendir(proc_dir);
-    if (proc == nullptr)
-        return -1;
-    bool found = false;
-    while (!found) {
-        dirent *e = readdir(proc);
-        if (e == nullptr)
-            break;
-        if (e->d_type != DT_DIR || strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0)
-            continue;
-        char path[512];
-        snprintf(path, sizeof path, "%s/%s", proc_dir, e->d_name);
-        if (!has_entry(path, "cmdline"))
-            continue;
-        snprintf(path, sizeof path, "%s/%s/cmdline", proc_dir, e->d_name);
-        FILE *f = fopen(path, "r");
-        if (f == nullptr)
-            continue;
-        // Arguments are NUL-separated, so only the program path takes part.
-        char cmdline[50];
-        memset(cmdline, 0, sizeof cmdline);
-        size_t n = fread(cmdline, 1, sizeof cmdline, f);
-        (void)n;
-        cmdline[49] = '\0';
-        fclose(f);
-        if (strstr(cmdline, name) != nullptr)
-            found = true;
-    }
-    closedir(proc);
-    return found ? 0 : -1;
-}
-
-int app_running() { return app_running_in("/proc", state().app_name); }
 
 pthread_attr_t *thread_attributes() { return &g_thread_attr; }
 

@@ -1,6 +1,7 @@
 #include "daemon/supervisor.h"
 
 #include "at/at.h"
+#include "check/check.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
@@ -28,6 +29,18 @@ void stop_check_thread() {
     pthread_t check = s.check_tid.load(std::memory_order_acquire);
     cancel_join(check);
     s.check_tid.store(0, std::memory_order_release);
+}
+
+// Only a dial that takes `connected` from 0 to 1 comes here, and every path
+// that takes it back to 0 stops the thread first, so one runs at a time.
+void start_check_thread(supervisor &sv) {
+    daemon_state &s = state();
+    pthread_t tid;
+    if (pthread_create(&tid, thread_attributes(), check_thread, &sv.paths) != 0) {
+        puts("Creat check thread failed!");
+        daemon_exit(0);
+    }
+    s.check_tid.store(tid, std::memory_order_release);
 }
 
 void stop_external_program() {
@@ -66,7 +79,7 @@ void reset_action(supervisor &sv) {
     s.module_reset_request.store(0, std::memory_order_release);
     s.fota_done.store(0, std::memory_order_release);
     s.connected.store(0, std::memory_order_release);
-    s.call_active.store(0, std::memory_order_release);
+    call_active_set(0);
     sv.next_dial_ms = 0;
     sv.dial_failures = 0;
     if (restarted)
@@ -113,6 +126,8 @@ int64_t dial_action(supervisor &sv) {
             text_format(dhcp, sizeof dhcp, DHCP_CMD_FORMAT, s.net_if_name);
             run_shell(dhcp);
         }
+        if (s.auto_check.load(std::memory_order_acquire))
+            start_check_thread(sv);
         return NO_DEADLINE;
     }
     sv.next_dial_ms = sv.clock() + DIAL_RETRY_MS;

@@ -18,13 +18,13 @@ constexpr at_member CLIP_ROW = at_setter(CODE_SET_CLIP, 15000);
 void answered(const char *line, at_outcome *out, void *) {
     if (!has_prefix(line, "NO CARRIER"))
         return;
-    state().call_active.store(0, std::memory_order_release);
+    call_active_set(0);
     out->status = STATUS_FAIL;
     outcome_text(out, "NO CARRIER");
 }
 
 void hung_up(const char *, at_outcome *, void *) {
-    state().call_active.store(0, std::memory_order_release);
+    call_active_set(0);
 }
 
 } // namespace

@@ -19,22 +19,20 @@ constexpr size_t TONE_AT = 11;
 
 enum : int32_t { SMS_KIND_DELIVER = 1, SMS_KIND_STATUS = 2 };
 
-void set_call_active(uint8_t on) { state().call_active.store(on, std::memory_order_release); }
-
 void call_ended(common_state &st, const char *why) {
-    set_call_active(0);
+    call_active_set(0);
     st.ring_pending = false;
     client_report(EVENT_CALL, STATUS_CALL_STATE, why);
 }
 
 void on_ring(common_state &st, const char *, int64_t now) {
-    set_call_active(1);
+    call_active_set(1);
     st.ring_ms = now;
     st.ring_pending = true;
 }
 
 void on_clip(common_state &st, const char *line, int64_t) {
-    set_call_active(1);
+    call_active_set(1);
     quote_span q;
     if (!find_quotes(line, CLIP_QUOTE_FIRST, CLIP_QUOTE_LAST, &q) ||
         q.close - q.open - 1 < CLIP_MIN_DIGITS)
@@ -46,7 +44,7 @@ void on_clip(common_state &st, const char *line, int64_t) {
 }
 
 void on_colp(common_state &, const char *, int64_t) {
-    set_call_active(1);
+    call_active_set(1);
     client_report(EVENT_CALL, STATUS_CALL_STATE, "0");
 }
 

@@ -1,4 +1,4 @@
-#include "daemon/startup.h"
+#include "core/shell.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>

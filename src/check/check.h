@@ -1,0 +1,75 @@
+// The link check: ICMP echo probes through the module's network interface,
+// and the check thread that watches an established data call, re-asserts it
+// with the module family's own command or restarts the external connection
+// program, and asks the supervisor for a module reset when that keeps failing.
+#pragma once
+
+#include "module/module.h"
+
+#include <cstddef>
+#include <cstdint>
+
+// ---- the probe ----
+constexpr size_t ICMP_HEADER_SIZE = 8;
+constexpr int ICMP_REPLY_WAIT_MS = 3000; // restarted after every unrelated datagram
+constexpr int ICMP_RCVBUF_BYTES = 51200;
+
+// The Internet checksum (RFC 1071) over `len` bytes taken as machine-order words.
+uint16_t icmp_checksum(const void *buf, size_t len);
+// Writes the echo request (type 8, code 0, identifier and sequence in host
+// byte order, `data_len` zero bytes) into `buf`; returns its length, or 0 when
+// it does not fit in `size`.
+size_t icmp_build_echo(unsigned char *buf, size_t size, uint16_t ident, uint16_t seq,
+                       uint32_t data_len);
+// 0 when the datagram (IP header included) is an echo reply carrying `ident`,
+// -1 otherwise. The sequence is not compared: a late reply still proves the link.
+int icmp_check_reply(const unsigned char *datagram, size_t len, uint16_t ident);
+// One echo request to `address` (dotted IPv4 or a host name) leaving through
+// `ifname` only: 0 when the reply came, -1 on any failure or a 3 s silence.
+int icmp_ping(const char *ifname, const char *address);
+// Probes ping_address1..6 in order, skipping empty ones, on `net_if_name`:
+// 0 at the first answer, -1 when none answered or nothing can be probed.
+int link_check();
+
+// ---- the check thread ----
+constexpr int CHECK_FAILURE_LIMIT = 10;       // probe or re-assertion failures in a row
+constexpr int CHECK_APP_RESTARTS = 3;         // restarts of the external program in a row
+constexpr int CHECK_PASSTHROUGH_PERIODS = 200; // periods a client may hold pass-through
+constexpr int64_t CHECK_CALL_PAUSE_MS = 600000;
+constexpr int64_t CHECK_RETRY_MS = 10000;     // the period after a failure
+
+struct check_counters {
+    int probe_failures = 0;
+    int reassert_failures = 0;
+    int app_restarts = 0;
+    int passthrough_periods = 0;
+};
+
+// What a round of the thread does to the world; the thread uses the real
+// ones, tests put a clock they move in their place.
+struct check_env {
+    int64_t (*clock)();
+    // Returns once `call_active` is clear or at the deadline.
+    void (*wait_call_end)(int64_t deadline_ms);
+    void (*sleep_until)(int64_t deadline_ms);
+    int (*link_check)();
+    // The data call re-asserted over the AT port: >= 0 on success.
+    int (*reassert_ec200)();
+    int (*reassert_ec20)();
+    int (*app_running)();
+    int (*probe_type)(const module_paths &paths);
+    void (*start_app)();
+    const module_paths *paths;
+};
+
+// The real world: monotonic clock, waits that are cancellation points, the
+// probe, the AT re-assertions between port_hold() and port_release().
+check_env check_env_real(const module_paths *paths);
+
+// One round: call pause, the period's sleep, probe, re-assertion. false when
+// the thread gives up (the caller then asks for a module reset).
+bool check_round(check_counters &c, const check_env &env);
+
+// Thread entry; `arg` is the supervisor's const module_paths *. Returns only
+// after giving up, with `module_reset_request` raised.
+void *check_thread(void *arg);
