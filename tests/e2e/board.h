@@ -11,6 +11,7 @@
 #include "modem_emu/modem_emu.h"
 
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -39,6 +40,23 @@ struct record {
     std::string text;
 };
 std::vector<std::string> texts(const std::vector<record> &records);
+
+// The far end of the module's link (see the simulated board's README).
+const std::string MODULE_ADDRESS = "10.64.0.2", FAR_ADDRESS = "10.64.0.1", SILENT_ADDRESS = "10.64.0.3";
+
+// An echo request as the far end saw it.
+struct echo_record {
+    long long ms;
+    std::string source, destination;
+    std::vector<uint8_t> icmp; // the ICMP message, header included
+    // In the sender's byte order, as the daemon writes it.
+    uint16_t sequence() const {
+        uint16_t v = 0;
+        if (icmp.size() >= 8)
+            memcpy(&v, &icmp[6], sizeof v);
+        return v;
+    }
+};
 
 class sim_board {
 public:
@@ -70,6 +88,8 @@ public:
     std::vector<record> lines() const; // "pwr1", "rst0"
     std::vector<record> calls() const; // argv joined by spaces, program by its base name
     std::vector<record> events() const;
+    // Echo requests that reached the far end of the module's link.
+    std::vector<echo_record> pings() const;
     bool called(const std::string &text) const;
     // The first event that begins with `prefix`, or "".
     std::string event(const std::string &prefix) const;

@@ -1,7 +1,7 @@
 // The simulated board itself, where a fault would let a daemon test pass
 // wrongly: the records in the writer's order, killall by exact program name,
 // the module leaving and coming back, the exit status, and nothing left on
-// the host.
+// the host, and the module's link with a far end that answers echo on request.
 
 #include "e2e/board.h"
 
@@ -9,9 +9,17 @@
 
 #include <csignal>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
 #include <map>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sched.h>
 #include <sstream>
+#include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -57,6 +65,53 @@ echo back $(cat /sys/bus/usb/devices/1-1/idProduct); exit 3
     EXPECT_EQ(fates, " /usr/bin/dialer -s apn ended signal 15; /usr/bin/dialerd alive;");
 }
 
+// One echo request from the board's side of the module's link; true when an
+// echo reply came back within `wait_ms`.
+bool echo_answered(const sim_board &board, const std::string &address, int wait_ms) {
+    int ns = open(("/proc/" + std::to_string(board.pid()) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
+    bool answered = false;
+    std::thread([&] {
+        if (ns < 0 || setns(ns, CLONE_NEWNET) != 0)
+            return;
+        int s = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
+        // Type 8, checksum over the 8 bytes (no data): ~0x0800.
+        const unsigned char request[8] = {8, 0, 0xf7, 0xff, 0, 0, 0, 0};
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        inet_pton(AF_INET, address.c_str(), &to.sin_addr);
+        if (sendto(s, request, sizeof request, 0, reinterpret_cast<sockaddr *>(&to), sizeof to) == 8) {
+            pollfd p{s, POLLIN, 0};
+            unsigned char got[512];
+            while (!answered && poll(&p, 1, wait_ms) == 1 && recv(s, got, sizeof got, 0) >= 28)
+                answered = got[20] == 0;
+        }
+        close(s);
+    }).join();
+    if (ns >= 0)
+        close(ns);
+    return answered;
+}
+
+TEST(SimBoardTest, TheModuleLinkReachesAFarEndThatRecordsEveryEchoRequest) {
+    SKIP_WITHOUT_BOARD();
+    sim_board board;
+    ASSERT_TRUE(board.start({"/bin/sh", "-c", "echo up; exec sleep 3599"}));
+    ASSERT_TRUE(sim_board::wait_until([&] { return board.stdout_text() == "up\n"; })) << board.stdout_text();
+    EXPECT_TRUE(echo_answered(board, FAR_ADDRESS, 5000));
+    EXPECT_FALSE(echo_answered(board, SILENT_ADDRESS, 300));
+    EXPECT_EQ(board.control("echo off"), "ok echo off");
+    EXPECT_FALSE(echo_answered(board, FAR_ADDRESS, 300));
+    EXPECT_EQ(board.control("echo on"), "ok echo on");
+    EXPECT_TRUE(echo_answered(board, FAR_ADDRESS, 5000));
+    std::vector<std::string> seen;
+    for (const echo_record &e : board.pings())
+        seen.push_back(e.source + " " + e.destination + " " + std::to_string(e.icmp.size()) + " " +
+                       std::to_string(e.icmp[0]));
+    const std::string from = MODULE_ADDRESS + " ";
+    EXPECT_EQ(seen, (std::vector<std::string>{from + FAR_ADDRESS + " 8 8", from + SILENT_ADDRESS + " 8 8",
+                                              from + FAR_ADDRESS + " 8 8", from + FAR_ADDRESS + " 8 8"}));
+}
+
 // Host processes whose command line (NUL-separated words) begins with `start`.
 int host_processes_with(const std::string &start) {
     int found = 0;
@@ -91,6 +146,9 @@ TEST(SimBoardTest, StoppingTheBoardLeavesNothingOnTheHost) {
         // The board's mounts never show on the host.
         EXPECT_EQ(host_mounts().find(" /sys/bus "), std::string::npos);
         EXPECT_EQ(host_processes_with(marker), 1);
+        // Neither end of the module's link is on the host.
+        EXPECT_EQ(if_nametoindex("usb0"), 0u);
+        EXPECT_EQ(if_nametoindex("far0"), 0u);
         kill(board.pid(), sig);
         EXPECT_EQ(board.wait_exit(WAIT), 128 + sig);
         // SIGKILL leaves the board no time: the namespace goes with its process 1.
