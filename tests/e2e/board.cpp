@@ -122,8 +122,6 @@ bool sim_board::start(const std::vector<std::string> &command) {
         std::ofstream(path("board.conf"), std::ios::binary) << *config_.conf;
         a.insert(a.end(), {"--conf", path("board.conf")});
     }
-    if (config_.power_replug_ms >= 0)
-        a.insert(a.end(), {"--power-replug", std::to_string(config_.power_replug_ms)});
     for (const std::vector<std::string> &words : config_.spawn) {
         a.emplace_back("--spawn");
         a.insert(a.end(), words.begin(), words.end());

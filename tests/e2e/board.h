@@ -11,7 +11,6 @@
 #include "modem_emu/modem_emu.h"
 
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -28,7 +27,6 @@ struct board_config {
     bool power_line = true;
     bool reset_line = true;
     bool unplugged = false;          // the module comes on the bus only with plug()
-    int power_replug_ms = -1;        // >= 0: power "0" unplugs, power "1" re-plugs after this
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
 };
 
@@ -49,13 +47,6 @@ struct echo_record {
     long long ms;
     std::string source, destination;
     std::vector<uint8_t> icmp; // the ICMP message, header included
-    // In the sender's byte order, as the daemon writes it.
-    uint16_t sequence() const {
-        uint16_t v = 0;
-        if (icmp.size() >= 8)
-            memcpy(&v, &icmp[6], sizeof v);
-        return v;
-    }
 };
 
 class sim_board {
@@ -76,7 +67,6 @@ public:
     // The board's exit status (128 + signal when killed), or none if it still
     // runs after `timeout`.
     std::optional<int> wait_exit(milliseconds timeout);
-    bool running() { return pid_ > 0 && !wait_exit(milliseconds(0)); }
     // SIGTERM, then SIGKILL if the board has not gone after a while.
     void stop();
 
