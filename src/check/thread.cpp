@@ -73,12 +73,6 @@ void start_app() {
     run_shell(cmd);
 }
 
-bool app_configured() {
-    char name[TEXT_FIELD_SIZE];
-    setting_read(name, sizeof name, state().app_name);
-    return name[0] != '\0';
-}
-
 // Step 6 for the EC20 family with an external program: false to give up.
 bool keep_app_running(check_counters &c, const check_env &env) {
     if (env.app_running() == 0) {
@@ -153,7 +147,7 @@ bool check_round(check_counters &c, const check_env &env) {
         result = env.reassert_ec200();
         break;
     case MODULE_EC20:
-        if (app_configured())
+        if (s.app_name[0] != '\0') // fixed at start-up
             return keep_app_running(c, env);
         result = env.reassert_ec20();
         break;

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -123,6 +124,26 @@ TEST_F(SupervisorTest, DisconnectSkipsTheTearDownWhileAWorkerOwnsThePort) {
         }
         EXPECT_EQ(s.worker_busy.load(), 0);
     }
+}
+
+TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStopsIt) {
+    daemon_state &s = state();
+    // The EC20 with an external program: the dial starts it and runs no DHCP client.
+    s.module_type.store(MODULE_EC20);
+    strcpy(s.app_name, "conn_app");
+    strcpy(s.app_cmd, "true");
+    s.auto_check.store(1);
+    supervisor_pass(sv);
+    ASSERT_EQ(s.connected.load(), 1);
+    pthread_t check = s.check_tid.load();
+    ASSERT_NE(check, pthread_t{0});
+    char name[16] = "";
+    auto named = [&] { return pthread_getname_np(check, name, 16) == 0 && !strcmp(name, "zolvin_check"); };
+    EXPECT_TRUE(wait_until(named, 2000)) << name;
+    supervisor_pass(sv); // already connected: no second thread
+    EXPECT_EQ(s.check_tid.load(), check);
+    supervisor_stop_threads(sv);
+    EXPECT_EQ(s.check_tid.load(), pthread_t{0});
 }
 
 } // namespace

@@ -1,0 +1,158 @@
+// The check thread's rounds on a clock the test moves, the probe, the
+// re-assertions and the external program played by the test; then the real
+// thread's waits and its cancellation in mid-exchange.
+#include "check/check.h"
+#include "support/at_port.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace {
+
+struct world {
+    int64_t now = 1000, call_ends = 0, slept = 0;
+    int probe = -1, reassert = 0, app = -1, type = MODULE_EC20;
+    std::string log; // what the last round did
+} w;
+
+check_env fake_env() {
+    check_env e{};
+    e.clock = [] { return w.now; };
+    e.wait_call_end = [](int64_t deadline) {
+        if ((w.now = std::min(deadline, w.call_ends)) == w.call_ends)
+            state().call_active.store(0);
+    };
+    e.sleep_until = [](int64_t deadline) { w.slept = deadline - std::exchange(w.now, deadline); };
+    e.link_check = [] { return w.log += "probe ", w.probe; };
+    e.reassert_ec200 = [] { return w.log += "ec200 ", w.reassert; };
+    e.reassert_ec20 = [] { return w.log += "ec20 ", w.reassert; };
+    e.app_running = [] { return w.app; };
+    e.probe_type = [](const module_paths &) { return w.type; };
+    e.start_app = [] { w.log += "app "; };
+    return e;
+}
+
+class CheckRoundTest : public testing::Test {
+protected:
+    void SetUp() override {
+        w = world{};
+        state().module_type.store(MODULE_EC200T);
+        state().ping_disabled.store(0);
+    }
+    bool rounds(int n) {
+        bool going = true;
+        for (int i = 0; i < n && going; ++i) {
+            w.log.clear();
+            going = check_round(c, env);
+        }
+        return going;
+    }
+    fresh_state fresh;
+    check_env env = fake_env();
+    check_counters c;
+};
+
+TEST_F(CheckRoundTest, ProbeAndReassertionFailuresGiveUpAtTheTenthInARow) {
+    EXPECT_TRUE(rounds(9));
+    EXPECT_EQ(w.log + std::to_string(w.slept), "probe ec200 10000");
+    w.probe = 0; // an answer resets both counts and the period
+    EXPECT_TRUE(rounds(1));
+    w.probe = -1;
+    EXPECT_TRUE(rounds(1));
+    EXPECT_EQ(w.slept, 600000);
+    EXPECT_TRUE(rounds(8));
+    EXPECT_FALSE(rounds(1));
+    EXPECT_EQ(w.log + std::to_string(w.slept), "probe 10000"); // no re-assertion at the tenth
+
+    c = check_counters{};
+    state().ping_disabled.store(1);
+    state().module_type.store(MODULE_EC20);
+    state().check_timeS.store(UINT32_MAX); // no overflow of the deadline
+    w.reassert = -1;
+    EXPECT_TRUE(rounds(1));
+    EXPECT_EQ(w.slept, int64_t{UINT32_MAX} * 1000);
+    EXPECT_TRUE(rounds(8));
+    EXPECT_FALSE(rounds(1));
+    EXPECT_EQ(w.log, "ec20 ");
+}
+
+TEST_F(CheckRoundTest, ExternalProgramRestartedThreeTimesInARowThenReset) {
+    state().module_type.store(MODULE_EC20);
+    strcpy(state().app_name, "conn_app");
+    EXPECT_TRUE(rounds(3));
+    w.app = 0; // seen running: the count starts afresh
+    EXPECT_TRUE(rounds(1));
+    w.app = -1;
+    EXPECT_TRUE(rounds(3));
+    EXPECT_EQ(w.log, "probe app ");
+    EXPECT_FALSE(rounds(1));
+    c = check_counters{};
+    w.type = MODULE_EC200T; // another module: no restart, reset at once
+    EXPECT_FALSE(rounds(1));
+    EXPECT_EQ(w.log, "probe ");
+}
+
+TEST_F(CheckRoundTest, PassThroughAndCallsHoldOffTheModule) {
+    state().ping_disabled.store(1);
+    state().at_passthrough.store(1);
+    EXPECT_TRUE(rounds(CHECK_PASSTHROUGH_PERIODS));
+    EXPECT_EQ(state().at_passthrough.load(), 1);
+    EXPECT_EQ(w.log, "");
+    EXPECT_TRUE(rounds(2)); // the 201st period drops pass-through
+    EXPECT_EQ(w.log, "ec200 ");
+
+    state().check_timeS.store(0);
+    state().call_active.store(1);
+    w.call_ends = w.now + 42000;
+    EXPECT_TRUE(rounds(1));
+    EXPECT_EQ(w.now, w.call_ends);
+    state().call_active.store(1);
+    w.call_ends = w.now + 2 * CHECK_CALL_PAUSE_MS; // a flag nobody clears
+    int64_t start = w.now;
+    EXPECT_TRUE(rounds(1));
+    EXPECT_EQ(w.now, start + CHECK_CALL_PAUSE_MS);
+    EXPECT_EQ(state().call_active.load(), 0);
+    env.sleep_until = [](int64_t) { state().call_active.store(1); }; // a call during the sleep
+    EXPECT_TRUE(rounds(1));
+    EXPECT_EQ(w.log, "");
+}
+
+TEST(CheckThreadTest, WaitsEndOnNewsAndCancellationGivesThePortBack) {
+    fresh_state fresh;
+    check_env env = check_env_real(nullptr);
+    call_active_set(1);
+    std::thread call([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        call_active_set(0);
+    });
+    int64_t start = monotonic_ms();
+    env.wait_call_end(start + 10000);
+    EXPECT_LT(monotonic_ms() - start, 5000);
+    call.join();
+
+    emulated_port port(modem_family::ec200t);
+    daemon_state &s = state();
+    s.module_type.store(MODULE_EC200T);
+    module_paths paths;
+    pthread_t tid;
+    for (uint32_t period : {UINT32_MAX, 0u}) { // cancelled in its sleep, then mid-exchange
+        s.check_timeS.store(period);
+        port.module().set_reply("AT+QNETDEVCTL=1,1", modem_reply::ok().until_released());
+        ASSERT_EQ(pthread_create(&tid, nullptr, check_thread, &paths), 0);
+        if (period == 0) {
+            ASSERT_TRUE(port.module().wait_for_command("AT+QNETDEVCTL=1,1", 5000).has_value());
+        }
+        pthread_cancel(tid);
+        pthread_join(tid, nullptr);
+        ASSERT_TRUE(s.at_mutex.try_lock());
+        s.at_mutex.unlock();
+    }
+    port.module().release();
+    EXPECT_EQ(s.module_reset_request.load(), 0);
+}
+
+} // namespace
