@@ -164,9 +164,7 @@ TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACall
         EXPECT_EQ((sum & 0xffff) + (sum >> 16), 0xffffu);
     }
     EXPECT_GE(probes[1].ms - probes[0].ms, 2900);
-    EXPECT_LT(probes[1].ms - probes[0].ms, 3900);
-    EXPECT_GE(probes[2].ms - probes[1].ms, 950);
-    EXPECT_LT(probes[2].ms - probes[1].ms, 2500);
+    EXPECT_LT(probes[2].ms - probes[1].ms, 2500); // check_timeS after a success, not 10 s
     // The link answered: the module was left alone (the one QNETDEVCTL is the dial's).
     std::vector<std::string> sent = commands_since(emu);
     EXPECT_EQ(std::count(sent.begin(), sent.end(), QNETDEVCTL), 1);
