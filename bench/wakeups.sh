@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # How often the idle daemon wakes up: runs it on the simulated board (EC200T,
-# auto_dial=1), waits for the data call, then counts every thread's context
+# auto_dial=1, the link check on with its default 600 s period and the board's
+# far end as its target), waits for the data call, then counts every thread's context
 # switches over a window with the link up and nothing happening, and again with
 # the module unplugged. Run by hand as root, not in CI.
 #
@@ -27,12 +28,13 @@ cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_
 work="$(mktemp -d /tmp/zolvin_wakeups.XXXXXX)"
 board_pid=""
 cleanup() {
-  [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && wait "$board_pid" 2>/dev/null
+  # The board ends by the signal: its status is not this script's.
+  [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && { wait "$board_pid" 2>/dev/null || true; }
   rm -rf "$work"
 }
 trap cleanup EXIT
 
-printf 'apn_name=cmnet\nauto_dial=1\nauto_check=0\n' >"$work/zolvin_4g.conf"
+printf 'apn_name=cmnet\nauto_dial=1\nauto_check=1\ncheck_timeS=600\nping_address1=10.64.0.1\n' >"$work/zolvin_4g.conf"
 "$build/tools/simboard/zolvin_simboard" --work "$work" --family ec200t \
   --conf "$work/zolvin_4g.conf" -- "$build/zolvin_4g" >/dev/null 2>&1 &
 board_pid=$!

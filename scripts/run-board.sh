@@ -68,8 +68,9 @@ cat >"$work/zolvin_4g.conf" <<'CONF'
 apn_name=cmnet
 apn_auth=1
 auto_dial=1
-auto_check=0
-check_timeS=600
+auto_check=1
+check_timeS=3
+ping_address1=10.64.0.1
 CONF
 
 echo "== board: $family, configuration:"
@@ -131,6 +132,9 @@ while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
     ctl signal
     ctl operator
     ctl at "AT+CSQ"
+    ctl check
+    ctl check period
+    ctl ping get 1
     events_session
     echo "== daemon output (continued)"
   fi
@@ -157,4 +161,14 @@ show "daemon's standard error" stderr
 show "control lines (ms line value)" lines.log
 show "commands run (ms argv)" calls.log
 show "board events (ms event)" board.log
+# The link check's echo requests as the far end of the module's link saw them;
+# identifier and sequence are in the daemon's byte order (little-endian here).
+echo "== link check probes at the far end (ms destination sequence)"
+if [ -s "$work/pings.log" ]; then
+  while read -r ms _src dst icmp; do
+    echo "   $ms $dst seq $((16#${icmp:14:2}${icmp:12:2})) ($(( ${#icmp} / 2 )) bytes)"
+  done <"$work/pings.log"
+else
+  echo "   (none)"
+fi
 echo "== board exit status: $status"

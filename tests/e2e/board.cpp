@@ -122,8 +122,6 @@ bool sim_board::start(const std::vector<std::string> &command) {
         std::ofstream(path("board.conf"), std::ios::binary) << *config_.conf;
         a.insert(a.end(), {"--conf", path("board.conf")});
     }
-    if (config_.power_replug_ms >= 0)
-        a.insert(a.end(), {"--power-replug", std::to_string(config_.power_replug_ms)});
     for (const std::vector<std::string> &words : config_.spawn) {
         a.emplace_back("--spawn");
         a.insert(a.end(), words.begin(), words.end());
@@ -179,6 +177,20 @@ std::string sim_board::stderr_text() const { return slurp(path("stderr")); }
 std::string sim_board::exit_file() const { return slurp(path("exit")); }
 std::vector<record> sim_board::calls() const { return records(path("calls.log")); }
 std::vector<record> sim_board::events() const { return records(path("board.log")); }
+
+std::vector<echo_record> sim_board::pings() const {
+    std::vector<echo_record> out;
+    for (const record &r : records(path("pings.log"))) {
+        std::istringstream words(r.text);
+        echo_record e{r.ms, {}, {}, {}};
+        std::string hex;
+        words >> e.source >> e.destination >> hex;
+        for (size_t i = 0; i + 1 < hex.size(); i += 2)
+            e.icmp.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+        out.push_back(e);
+    }
+    return out;
+}
 
 std::vector<record> sim_board::lines() const {
     std::vector<record> out = records(path("lines.log"));

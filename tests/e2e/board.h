@@ -27,7 +27,6 @@ struct board_config {
     bool power_line = true;
     bool reset_line = true;
     bool unplugged = false;          // the module comes on the bus only with plug()
-    int power_replug_ms = -1;        // >= 0: power "0" unplugs, power "1" re-plugs after this
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
 };
 
@@ -39,6 +38,16 @@ struct record {
     std::string text;
 };
 std::vector<std::string> texts(const std::vector<record> &records);
+
+// The far end of the module's link (see the simulated board's README).
+const std::string MODULE_ADDRESS = "10.64.0.2", FAR_ADDRESS = "10.64.0.1", SILENT_ADDRESS = "10.64.0.3";
+
+// An echo request as the far end saw it.
+struct echo_record {
+    long long ms;
+    std::string source, destination;
+    std::vector<uint8_t> icmp; // the ICMP message, header included
+};
 
 class sim_board {
 public:
@@ -58,7 +67,6 @@ public:
     // The board's exit status (128 + signal when killed), or none if it still
     // runs after `timeout`.
     std::optional<int> wait_exit(milliseconds timeout);
-    bool running() { return pid_ > 0 && !wait_exit(milliseconds(0)); }
     // SIGTERM, then SIGKILL if the board has not gone after a while.
     void stop();
 
@@ -70,6 +78,8 @@ public:
     std::vector<record> lines() const; // "pwr1", "rst0"
     std::vector<record> calls() const; // argv joined by spaces, program by its base name
     std::vector<record> events() const;
+    // Echo requests that reached the far end of the module's link.
+    std::vector<echo_record> pings() const;
     bool called(const std::string &text) const;
     // The first event that begins with `prefix`, or "".
     std::string event(const std::string &prefix) const;

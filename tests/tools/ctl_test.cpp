@@ -29,7 +29,7 @@ reply_frame reply(uint16_t code, uint16_t status, const std::string &text = "") 
 TEST(CtlTest, WordsBecomeTheRequestFrames) {
     std::string error;
     // Reading the check period: the 10-byte request of the protocol's own example.
-    std::vector<uint8_t> period = ctl::encode(parsed({"period"}).steps.at(0), &error);
+    std::vector<uint8_t> period = ctl::encode(parsed({"check", "period"}).steps.at(0), &error);
     EXPECT_EQ(std::string(period.begin(), period.end()), std::string("ZVS\x02\x0C\x00\x01" "0\x00\x00", 10));
     const struct {
         std::vector<std::string> words;
@@ -40,6 +40,9 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
         {{"dial", "off"}, 501, {"0"}},
         {{"apn", "set", "1", "internet"}, 521, {"1", "1", "internet"}},
         {{"apn", "set", "2", ""}, 521, {"1", "2"}}, // no third field clears the setting
+        {{"ping", "set", "2", "10.64.0.1"}, 523, {"1", "2", "10.64.0.1"}},
+        {{"check", "off"}, 522, {"1", "0"}},
+        {{"check", "period", "60"}, 524, {"1", "60"}},
         {{"call", "123"}, 304, {"123"}},
         {{"raw", "561", "1", "http://x/fw.bin"}, 561, {"1", "http://x/fw.bin"}},
         {{"sms", "send", "10086", "hi"}, 251, {"0", "DEFAULT", "10086", "hi", "167", "0"}},
@@ -59,8 +62,13 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
         EXPECT_EQ(f.code, c.code) << c.words[0];
         EXPECT_EQ(fields, c.fields) << c.words[0];
     }
+    // The daemon reads one target per request: the list is six reads in slot order.
+    std::vector<ctl::request> list = parsed({"ping", "list"}).steps;
+    ASSERT_EQ(list.size(), 6u);
+    EXPECT_EQ(list[5].code, 523);
+    EXPECT_EQ(list[0].fields[1] + list[5].fields[0] + list[5].fields[1], "106");
     for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
-             {}, {"frobnicate"}, {"dial", "maybe"}, {"raw", "65536"}, {"raw", "102", ""}, {"at", std::string(999, 'A')},
+             {}, {"frobnicate"}, {"dial", "maybe"}, {"period"}, {"ping", "set", "1"}, {"check", "on", "off"}, {"raw", "65536"}, {"raw", "102", ""}, {"at", std::string(999, 'A')},
              {"sms", "1", "x"}, {"sms", "send", "--validity", "256", "1", "x"},
              {"sms", "send", "--text-mode", "--report", "1", "x"}, {"sms", "send", "--rush", "1", "x"}}) {
         ctl::command c;

@@ -86,23 +86,34 @@ bool build_slots(uint16_t code, const args &a, command *out, std::string *error)
 }
 
 bool build_apn(const args &a, command *out, std::string *error) { return build_slots(521, a, out, error); }
-bool build_ping(const args &a, command *out, std::string *error) { return build_slots(523, a, out, error); }
+
+// The six link check targets are read one request each: 523 reads one slot.
+bool build_ping(const args &a, command *out, std::string *error) {
+    if (a[0] == "list" && a.size() == 1) {
+        for (char slot = '1'; slot <= '6'; ++slot)
+            out->steps.push_back(make(523, {"0", std::string(1, slot)}));
+        return true;
+    }
+    if (a[0] == "set" && a.size() != 3) {
+        *error = "expected ping set SLOT ADDRESS (\"\" clears it)";
+        return false;
+    }
+    return build_slots(523, a, out, error);
+}
 
 bool build_check(const args &a, command *out, std::string *error) {
     if (a.empty())
         return single(out, make(522, {"0"}));
+    if (a[0] == "period" && a.size() == 1)
+        return single(out, make(524, {"0"}));
+    if (a[0] == "period")
+        return single(out, make(524, {"1", a[1]}));
     std::string v;
-    if (!switch_value(a[0], &v)) {
-        *error = "check takes on or off, or nothing to read it";
+    if (a.size() != 1 || !switch_value(a[0], &v)) {
+        *error = "expected check [on|off] or check period [SECONDS]";
         return false;
     }
     return single(out, make(522, {"1", v}));
-}
-
-bool build_period(const args &a, command *out, std::string *) {
-    if (a.empty())
-        return single(out, make(524, {"0"}));
-    return single(out, make(524, {"1", a[0]}));
 }
 
 bool build_down_script(const args &a, command *out, std::string *) {
@@ -223,10 +234,11 @@ const command_spec COMMANDS[] = {
     {"dial", "dial on|off              keep the data link up or take it down (501)", 1, 1, build_dial},
     {"apn", "apn get N | apn set N [VALUE]   1 name, 2 user, 3 password, 4 auth (521)", 2, 3,
      build_apn},
-    {"check", "check [on|off]           periodic link check switch (522)", 0, 1, build_check},
-    {"ping", "ping get N | ping set N [ADDRESS]   link check targets 1 to 6 (523)", 2, 3,
+    {"check", "check [on|off]           periodic link check switch (522)\n"
+              "  check period [SECONDS]   link check period, 1 to 30000 s (524)",
+     0, 2, build_check},
+    {"ping", "ping list | ping get N | ping set N ADDRESS   link check targets 1 to 6 (523)", 1, 3,
      build_ping},
-    {"period", "period [SECONDS]         link check period (524)", 0, 1, build_period},
     {"down-script", "down-script [COMMAND]    command run after a disconnect; \"\" clears (525)",
      0, 1, build_down_script},
     {"passthrough", "passthrough on|off       raw AT mode of this connection (401)", 1, 1,

@@ -3,7 +3,7 @@
 // The board lives in private mount, network and pid namespaces: a USB tree in
 // sysfs, the module's AT port as a pty, the power and reset lines as FIFOs, a
 // configuration file in an overlay on /etc and fake system commands first on
-// PATH. This process stays outside the pid namespace and serves the board; its
+// PATH, and the module's network interface with its far end. This process stays outside the pid namespace and serves the board; its
 // child is process 1 inside and runs the command. Everything the board sees is
 // recorded in the work directory (see README.md).
 
@@ -11,6 +11,7 @@
 #include "board_options.h"
 #include "board_util.h"
 #include "control_lines.h"
+#include "far_end.h"
 #include "modem_side.h"
 #include "usb_board.h"
 
@@ -216,6 +217,7 @@ public:
 
 private:
     bool build(const std::string &fakecmd, const std::string &conf, std::string *error);
+    bool build_far_end(std::string *error);
     bool launch(const std::string &fakecmd, std::string *error);
     void serve();
     void read_stdout();
@@ -230,6 +232,7 @@ private:
     control_lines lines_;
     std::unique_ptr<modem_side> modem_;
     std::unique_ptr<usb_board> usb_;
+    std::unique_ptr<far_end> far_;
     int signals_ = -1;
     int stdout_master_ = -1;
     int stdout_file_ = -1;
@@ -269,7 +272,14 @@ bool board::build(const std::string &fakecmd, const std::string &conf, std::stri
         return set_error(error, "making the mounts private");
     return build_run(fakecmd, error) && build_etc(options_, conf, error) && build_sys(error) &&
            build_dev(error) && lines_.create(options_.power_line, options_.reset_line, error) &&
-           bring_up_loopback(error);
+           bring_up_loopback(error) && build_far_end(error);
+}
+
+bool board::build_far_end(std::string *error) {
+    if (find_family(options_.family) == nullptr)
+        return true; // no module, no link
+    far_ = std::make_unique<far_end>(files_.path("pings.log"));
+    return far_->build(options_.ifname, error);
 }
 
 bool board::launch(const std::string &fakecmd, std::string *error) {
@@ -406,6 +416,10 @@ std::string board::control_command(const std::string &text) {
         replug_at_ = -1;
         return usb_->plug(&error) ? "ok " + usb_->status() : "error " + error;
     }
+    if ((text == "echo on" || text == "echo off") && far_) {
+        far_->set_answering(text == "echo on");
+        return "ok " + text;
+    }
     return "error unknown command '" + text + "'";
 }
 
@@ -438,6 +452,7 @@ void board::serve() {
         fds.push_back({stdout_master_, POLLIN, 0}); // -1 is skipped by poll
         fds.push_back({lines_.watch_fd(), POLLIN, 0});
         fds.push_back({control_listen_, POLLIN, 0});
+        fds.push_back({far_ ? far_->fd() : -1, POLLIN, 0});
         for (const control_client &c : clients_)
             fds.push_back({c.fd, POLLIN, 0});
         int timeout = -1;
@@ -464,9 +479,11 @@ void board::serve() {
         }
         if (fds[4].revents & POLLIN)
             accept_control();
-        for (size_t i = fds.size(); i-- > 5;) {
+        if (fds[5].revents != 0)
+            far_->serve();
+        for (size_t i = fds.size(); i-- > 6;) {
             if (fds[i].revents != 0)
-                serve_control(i - 5);
+                serve_control(i - 6);
         }
         if (fds[1].revents != 0) {
             int st = 0;
@@ -572,7 +589,8 @@ int main(int argc, char **argv) {
         fprintf(stderr, "zolvin_simboard: --conf %s: %s\n", options.conf_path.c_str(), errno_text().c_str());
         return BOARD_FAILURE;
     }
-    for (const char *name : {"stdout", "stdout.times", "stderr", "lines.log", "calls.log", "board.log", "exit"})
+    for (const char *name :
+         {"stdout", "stdout.times", "stderr", "lines.log", "calls.log", "board.log", "pings.log", "exit"})
         unlink(files.path(name).c_str());
 
     // Signals are taken through a descriptor; the command gets them back unblocked.
