@@ -23,7 +23,7 @@ tests() { # name, ctest args...
     ctest --test-dir "build/$name" -j "$jobs" --output-on-failure "$@"
 }
 
-echo "=== gcc"
+echo "=== gcc (at ${SECONDS} s)"
 configure gcc g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build "build/gcc" -j "$jobs"
 if [ "${1:-}" = quick ]; then
@@ -39,28 +39,28 @@ gcc_slow=$!
 tests gcc -E 'SlowTest' >build/gcc-tests.log 2>&1 &
 gcc_tests=$!
 
-echo "=== asan (building while the gcc tests run)"
+echo "=== asan (building while the gcc tests run) (at ${SECONDS} s)"
 configure asan clang++ -DCMAKE_BUILD_TYPE=Debug -DSANITIZE=address,undefined
 cmake --build "build/asan" -j "$jobs"
 gcc_status=0
 wait "$gcc_tests" || gcc_status=$?
-echo "=== gcc tests"
+echo "=== gcc tests (at ${SECONDS} s)"
 cat build/gcc-tests.log
 [ "$gcc_status" -eq 0 ] || exit "$gcc_status"
 
-echo "=== asan tests"
+echo "=== asan tests (at ${SECONDS} s)"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 tests asan -E 'SlowTest'
 
-echo "=== tsan"
+echo "=== tsan (at ${SECONDS} s)"
 configure tsan clang++ -DCMAKE_BUILD_TYPE=Debug -DSANITIZE=thread
 cmake --build "build/tsan" -j "$jobs" --target unit_tests
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" tests tsan -L unit
 
-echo "=== fuzz"
+echo "=== fuzz (at ${SECONDS} s)"
 scripts/fuzz.sh
 
 slow_status=0
 wait "$gcc_slow" || slow_status=$?
-echo "=== gcc slow tests"
+echo "=== gcc slow tests (at ${SECONDS} s)"
 cat build/gcc-slow.log
 exit "$slow_status"
