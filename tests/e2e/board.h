@@ -87,7 +87,6 @@ public:
     // One command on the board's control socket; its reply line.
     std::string control(const std::string &command);
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
-    bool unplug() { return control("unplug").rfind("ok", 0) == 0; }
     // Connects `control` to the modem emulator; false when it could not in time.
     bool modem(modem_control *control);
     // A socket connected to "@phone_server" in the board's network namespace,
