@@ -21,7 +21,7 @@ const std::string VERSION = "911/0/ZOLVIN 4G SERVER V1.23";
 
 TEST(ClientSettingsTest, ReachTheSupervisorsDialWhichKeepsWorkersOut) {
     SKIP_WITHOUT_BOARD();
-    ready_board b(board_for("ec200t", "apn_name=cmnet\nping_address1=10.9.8.7\n"));
+    ready_board b(board_config("ec200t", "apn_name=cmnet\nping_address1=10.9.8.7\n"));
     ASSERT_TRUE(b.start());
     client_conn &c = *b.client;
     EXPECT_EQ(c.ask(521, {"0", "1"}), "521/0/1:cmnet");
@@ -47,7 +47,7 @@ TEST(ClientSettingsTest, ReachTheSupervisorsDialWhichKeepsWorkersOut) {
 
 TEST(ClientRestartTest, AskedBeforeTheModuleIsOnTheBusItIsReportedOnceTheModuleIsUp) {
     SKIP_WITHOUT_BOARD();
-    board_config config = board_for("ec200t", "auto_dial=1\napn_name=cmnet\n");
+    board_config config("ec200t", "auto_dial=1\napn_name=cmnet\n");
     config.unplugged = true;
     sim_board board(config);
     ASSERT_TRUE(board.start_daemon());
@@ -122,7 +122,7 @@ TEST(ClientInterfaceTest, OneClientAtATimeAndAWorkerOutlivesItsClient) {
 
 TEST(ClientWorkerTest, CodesRunTheirCommandsAndPassThroughBelongsToItsClient) {
     SKIP_WITHOUT_BOARD();
-    ready_board b(board_for("ec20"));
+    ready_board b(board_config("ec20"));
     ASSERT_TRUE(b.start());
     client_conn &c = *b.client;
     ASSERT_TRUE(b.emu.set_reply("AT+CSMS=0", modem_reply::error().one_shot()));

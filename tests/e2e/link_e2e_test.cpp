@@ -69,7 +69,7 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
     } boards[3];
     for (int i = 0; i < 3; ++i) {
         boards[i].board = std::make_unique<sim_board>(
-            board_for(cases[i].family, CHECK_CONF + "ping_address1=" + FAR_ADDRESS + "\ndown_script=" + DOWN_SCRIPT +
+            board_config(cases[i].family, CHECK_CONF + "ping_address1=" + FAR_ADDRESS + "\ndown_script=" + DOWN_SCRIPT +
                                            "\napp_name=" + cases[i].app_name + "\n"));
         ASSERT_TRUE(boards[i].board->start_daemon({"debug"}));
         ASSERT_EQ(boards[i].board->control("echo off"), "ok echo off");
@@ -133,7 +133,7 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
 
 TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACallAndAfterAHangUp) {
     SKIP_WITHOUT_BOARD();
-    sim_board board(board_for("ec200t", CHECK_CONF + "ping_address1=" + SILENT_ADDRESS + "\nping_address2=" +
+    sim_board board(board_config("ec200t", CHECK_CONF + "ping_address1=" + SILENT_ADDRESS + "\nping_address2=" +
                                             FAR_ADDRESS + "\n"));
     modem_control emu;
     ASSERT_TRUE(board.start_daemon());
@@ -199,7 +199,7 @@ TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACall
 // for again only after 20 s, then a whole dial and the DHCP client, once.
 TEST(LinkRecoverySlowTest, TenFailedProbesPowerCycleTheModuleOnceAndTheLinkComesUpAgain) {
     SKIP_WITHOUT_BOARD();
-    sim_board board(board_for("ec200t", CHECK_CONF + "ping_address1=" + FAR_ADDRESS + "\n"));
+    sim_board board(board_config("ec200t", CHECK_CONF + "ping_address1=" + FAR_ADDRESS + "\n"));
     modem_control emu;
     ASSERT_TRUE(board.start_daemon({"debug"}));
     ASSERT_EQ(board.control("echo off"), "ok echo off");

@@ -14,7 +14,7 @@ const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_e
 
 TEST(DaemonStartUpTest, DriversBannerModuleOnConfigurationThenTheExternalProgramStopped) {
     SKIP_WITHOUT_BOARD();
-    board_config config = board_for("ec200t", "app_name=dialer\napn_name=cmnet\nbad line\n");
+    board_config config("ec200t", "app_name=dialer\napn_name=cmnet\nbad line\n");
     config.spawn = {{"/usr/bin/dialer", "-s", "apn"}};
     sim_board board(config);
     ASSERT_TRUE(board.start_daemon({"debug"}));
@@ -44,7 +44,7 @@ TEST(DaemonStartUpTest, DriversBannerModuleOnConfigurationThenTheExternalProgram
 TEST(DaemonStartUpTest, WithoutEitherControlLineEndsSilentlyAfterTheBanner) {
     SKIP_WITHOUT_BOARD();
     for (bool power : {false, true}) {
-        board_config config = board_for("ec200t", "app_name=dialer\n");
+        board_config config("ec200t", "app_name=dialer\n");
         config.power_line = power;
         config.reset_line = !power;
         config.spawn = {{"/usr/bin/dialer"}};
