@@ -8,7 +8,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
-#include <poll.h>
 #include <sched.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -297,27 +296,10 @@ bool client_conn::send(uint16_t code, const std::vector<std::string> &fields) {
 }
 
 std::optional<reply_frame> client_conn::next(milliseconds timeout) {
-    auto deadline = clock_type::now() + timeout;
-    for (;;) {
-        reply_frame f;
-        long used = pending_.empty() ? 0 : reply_parse(pending_.data(), pending_.size(), &f);
-        if (used < 0) {
-            ADD_FAILURE() << "the daemon's stream is not a sequence of reply frames";
-            pending_.clear();
-            return std::nullopt;
-        }
-        if (used > 0) {
-            pending_.erase(pending_.begin(), pending_.begin() + used);
-            return f;
-        }
-        auto left = std::chrono::duration_cast<milliseconds>(deadline - clock_type::now()).count();
-        pollfd p{fd_, POLLIN, 0};
-        uint8_t buf[4096];
-        ssize_t n = 0;
-        if (left < 0 || poll(&p, 1, static_cast<int>(left)) <= 0 || (n = recv(fd_, buf, sizeof buf, 0)) <= 0)
-            return std::nullopt;
-        pending_.insert(pending_.end(), buf, buf + n);
-    }
+    reply_frame f;
+    if (fd_ >= 0 && next_frame(fd_, pending_, &f, static_cast<long>(timeout.count())))
+        return f;
+    return std::nullopt;
 }
 
 std::optional<reply_frame> client_conn::reply(uint16_t code, milliseconds timeout) {
