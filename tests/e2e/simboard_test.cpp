@@ -9,9 +9,7 @@
 
 #include <csignal>
 #include <dirent.h>
-#include <fstream>
 #include <net/if.h>
-#include <sstream>
 #include <unistd.h>
 
 namespace {
@@ -35,22 +33,11 @@ modprobe option; killall dialer; exit 3
 int host_processes_with(const std::string &start) {
     int found = 0;
     DIR *proc = opendir("/proc");
-    while (dirent *e = proc != nullptr ? readdir(proc) : nullptr) {
-        std::ifstream in(std::string("/proc/") + e->d_name + "/cmdline", std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        found += s.str().rfind(start, 0) == 0;
-    }
+    while (dirent *e = proc != nullptr ? readdir(proc) : nullptr)
+        found += read_file(std::string("/proc/") + e->d_name + "/cmdline").rfind(start, 0) == 0;
     if (proc != nullptr)
         closedir(proc);
     return found;
-}
-
-std::string host_mounts() {
-    std::ifstream in("/proc/self/mountinfo");
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 TEST(SimBoardTest, StoppingTheBoardLeavesNothingOnTheHost) {
@@ -63,7 +50,7 @@ TEST(SimBoardTest, StoppingTheBoardLeavesNothingOnTheHost) {
         ASSERT_TRUE(board.start({"/bin/sh", "-c", "echo up; exec sleep 3599"}));
         ASSERT_TRUE(sim_board::wait_until([&] { return board.stdout_text() == "up\n"; }));
         // The board's mounts never show on the host.
-        EXPECT_EQ(host_mounts().find(" /sys/bus "), std::string::npos);
+        EXPECT_EQ(read_file("/proc/self/mountinfo").find(" /sys/bus "), std::string::npos);
         EXPECT_EQ(host_processes_with(marker), 1);
         // Neither end of the module's link is on the host.
         EXPECT_EQ(if_nametoindex("usb0"), 0u);
