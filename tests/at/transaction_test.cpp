@@ -67,12 +67,6 @@ TEST_F(TransactionTest, SendFailureReportsAndDrainsNothing) {
     EXPECT_STREQ(r.text, "at send error!");
     EXPECT_EQ(state().at_state, AT_IDLE);
     EXPECT_EQ(urc_next(100), "<none>");
-
-    // A member may insist on telling the client about it.
-    at_member loud = QUERY;
-    loud.send_error_always_reported = true;
-    EXPECT_EQ(at_transaction(loud, "AT+CSQ\r\n", 0), -1);
-    EXPECT_STREQ(report().text, "at send error!");
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include "e2e/board.h"
 
-#include "core/frames.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +8,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
-#include <poll.h>
 #include <sched.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -24,17 +21,10 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 // Lines of "<ms> <text>".
 std::vector<record> records(const std::string &path) {
     std::vector<record> out;
-    std::istringstream in(slurp(path));
+    std::istringstream in(read_file(path));
     std::string line;
     while (std::getline(in, line)) {
         size_t space = line.find(' ');
@@ -51,13 +41,6 @@ std::string link_target(const std::string &path) {
 }
 
 } // namespace
-
-board_config board_for(const std::string &family, std::optional<std::string> conf) {
-    board_config c;
-    c.family = family;
-    c.conf = std::move(conf);
-    return c;
-}
 
 std::vector<std::string> texts(const std::vector<record> &records) {
     std::vector<std::string> out;
@@ -80,7 +63,7 @@ sim_board::~sim_board() {
         ADD_FAILURE() << "the daemon's standard error holds a sanitizer report:\n" << err;
     // A board that could not be built says why only in its own log.
     if (exit_status_ == 125)
-        fprintf(stderr, "zolvin_simboard failed:\n%s", slurp(path("simboard.log")).c_str());
+        fprintf(stderr, "zolvin_simboard failed:\n%s", read_file(path("simboard.log")).c_str());
     if (!dir_.empty() && getenv("ZOLVIN_E2E_KEEP") == nullptr) {
         int ignored = system(("rm -rf '" + dir_ + "'").c_str());
         (void)ignored;
@@ -91,13 +74,13 @@ std::string sim_board::skip_reason() {
     return geteuid() == 0 ? "" : "the simulated board needs root (mount, network and pid namespaces)";
 }
 
-bool sim_board::wait_until(const std::function<bool()> &ready, milliseconds timeout) {
+bool sim_board::wait_until(const std::function<bool()> &ready, milliseconds timeout, milliseconds poll) {
     // The board's records are files: there is no event to block on.
     auto deadline = clock_type::now() + timeout;
     while (!ready()) {
         if (clock_type::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(milliseconds(2));
+        std::this_thread::sleep_for(poll);
     }
     return true;
 }
@@ -172,9 +155,9 @@ void sim_board::stop() {
     }
 }
 
-std::string sim_board::stdout_text() const { return slurp(path("stdout")); }
-std::string sim_board::stderr_text() const { return slurp(path("stderr")); }
-std::string sim_board::exit_file() const { return slurp(path("exit")); }
+std::string sim_board::stdout_text() const { return read_file(path("stdout")); }
+std::string sim_board::stderr_text() const { return read_file(path("stderr")); }
+std::string sim_board::exit_file() const { return read_file(path("exit")); }
 std::vector<record> sim_board::calls() const { return records(path("calls.log")); }
 std::vector<record> sim_board::events() const { return records(path("board.log")); }
 
@@ -313,27 +296,10 @@ bool client_conn::send(uint16_t code, const std::vector<std::string> &fields) {
 }
 
 std::optional<reply_frame> client_conn::next(milliseconds timeout) {
-    auto deadline = clock_type::now() + timeout;
-    for (;;) {
-        reply_frame f;
-        long used = pending_.empty() ? 0 : reply_parse(pending_.data(), pending_.size(), &f);
-        if (used < 0) {
-            ADD_FAILURE() << "the daemon's stream is not a sequence of reply frames";
-            pending_.clear();
-            return std::nullopt;
-        }
-        if (used > 0) {
-            pending_.erase(pending_.begin(), pending_.begin() + used);
-            return f;
-        }
-        auto left = std::chrono::duration_cast<milliseconds>(deadline - clock_type::now()).count();
-        pollfd p{fd_, POLLIN, 0};
-        uint8_t buf[4096];
-        ssize_t n = 0;
-        if (left < 0 || poll(&p, 1, static_cast<int>(left)) <= 0 || (n = recv(fd_, buf, sizeof buf, 0)) <= 0)
-            return std::nullopt;
-        pending_.insert(pending_.end(), buf, buf + n);
-    }
+    reply_frame f;
+    if (fd_ >= 0 && next_frame(fd_, pending_, &f, static_cast<long>(timeout.count())))
+        return f;
+    return std::nullopt;
 }
 
 std::optional<reply_frame> client_conn::reply(uint16_t code, milliseconds timeout) {
@@ -361,18 +327,6 @@ bool client_conn::state_becomes(const std::string &state) {
     return eventually([&] { return ask(912) == "912/0/" + state; });
 }
 
-std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
-    std::vector<const char *> ptrs;
-    std::vector<size_t> lens;
-    for (const std::string &f : fields) {
-        ptrs.push_back(f.data());
-        lens.push_back(f.size());
-    }
-    uint8_t buf[REQUEST_MAX];
-    size_t n = request_build(buf, sizeof buf, code, ptrs.data(), lens.data(), static_cast<int>(fields.size()));
-    return std::string(reinterpret_cast<char *>(buf), n);
-}
-
 bool ready_board::start() {
     if (!board.start_daemon() || !board.modem(&emu))
         return false;
@@ -384,16 +338,6 @@ std::string show(const std::optional<reply_frame> &f) {
     if (!f)
         return "<none>";
     return std::to_string(f->code) + "/" + std::to_string(f->status) + "/" + std::string(f->text, f->text_len);
-}
-
-bool eventually(const std::function<bool()> &ready, milliseconds timeout) {
-    auto deadline = clock_type::now() + timeout;
-    while (!ready()) {
-        if (clock_type::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(milliseconds(50));
-    }
-    return true;
 }
 
 std::vector<std::string> commands_since(modem_control &emu, size_t from) {

@@ -9,6 +9,7 @@
 
 #include "core/frames.h"
 #include "modem_emu/modem_emu.h"
+#include "support/at_port.h"
 
 #include <chrono>
 #include <functional>
@@ -22,15 +23,15 @@ using std::chrono::milliseconds;
 const milliseconds WAIT(15000);
 
 struct board_config {
-    std::string family = "ec200t"; // ec20, ec200t, ec200s or none
+    explicit board_config(std::string family_ = "ec200t", std::optional<std::string> conf_ = std::nullopt)
+        : family(std::move(family_)), conf(std::move(conf_)) {}
+    std::string family;              // ec20, ec200t, ec200s or none
     std::optional<std::string> conf; // content of /etc/zolvin_4g.conf; none: no file
     bool power_line = true;
     bool reset_line = true;
     bool unplugged = false;          // the module comes on the bus only with plug()
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
 };
-
-board_config board_for(const std::string &family, std::optional<std::string> conf = std::nullopt);
 
 // One line of a board record: "modprobe option", "rst0", "plugged ec200t ...".
 struct record {
@@ -51,7 +52,7 @@ struct echo_record {
 
 class sim_board {
 public:
-    explicit sim_board(board_config config = {});
+    explicit sim_board(board_config config = board_config());
     ~sim_board(); // stops the board and removes the work directory
     sim_board(const sim_board &) = delete;
     sim_board &operator=(const sim_board &) = delete;
@@ -59,7 +60,8 @@ public:
     // Why the board cannot run here (not root), or empty.
     static std::string skip_reason();
     // Polls `ready` (over the records, say) until it holds or the time is up.
-    static bool wait_until(const std::function<bool()> &ready, milliseconds timeout = WAIT);
+    static bool wait_until(const std::function<bool()> &ready, milliseconds timeout = WAIT,
+                           milliseconds poll = milliseconds(2));
 
     // Runs the daemon binary with `args` on the board, or any command.
     bool start_daemon(const std::vector<std::string> &args = {});
@@ -87,7 +89,6 @@ public:
     // One command on the board's control socket; its reply line.
     std::string control(const std::string &command);
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
-    bool unplug() { return control("unplug").rfind("ok", 0) == 0; }
     // Connects `control` to the modem emulator; false when it could not in time.
     bool modem(modem_control *control);
     // A socket connected to "@phone_server" in the board's network namespace,
@@ -137,10 +138,11 @@ private:
     std::vector<uint8_t> pending_;
 };
 
-std::string request_bytes(uint16_t code, const std::vector<std::string> &fields);
 std::string show(const std::optional<reply_frame> &f);
 // Polls `ready` every 50 ms, as each poll may be a request to the daemon.
-bool eventually(const std::function<bool()> &ready, milliseconds timeout = WAIT);
+inline bool eventually(const std::function<bool()> &ready, milliseconds timeout = WAIT) {
+    return sim_board::wait_until(ready, timeout, milliseconds(50));
+}
 
 // The emulator's record from index `from` on, and the index of the next command.
 std::vector<std::string> commands_since(modem_control &emu, size_t from = 0);
@@ -149,7 +151,7 @@ size_t next_index(modem_control &emu);
 // The daemon with the emulator as its module and a client connected once the
 // module is open.
 struct ready_board {
-    explicit ready_board(board_config config = {}) : board(std::move(config)) {}
+    explicit ready_board(board_config config = board_config()) : board(std::move(config)) {}
     bool start();
     sim_board board;
     modem_control emu;

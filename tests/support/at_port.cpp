@@ -54,23 +54,25 @@ client_end::~client_end() {
     close(fds_[1]);
 }
 
-bool client_end::next(reply_frame *out, long timeout_ms) {
+bool next_frame(int fd, std::vector<uint8_t> &pending, reply_frame *out, long timeout_ms) {
     long deadline = monotonic_ms() + timeout_ms;
     for (;;) {
-        long used = pending_.empty() ? 0 : reply_parse(pending_.data(), pending_.size(), out);
+        long used = pending.empty() ? 0 : reply_parse(pending.data(), pending.size(), out);
         if (used < 0)
             throw std::runtime_error("malformed reply frame");
         if (used > 0) {
-            pending_.erase(pending_.begin(), pending_.begin() + used);
+            pending.erase(pending.begin(), pending.begin() + used);
             return true;
         }
-        uint8_t buf[1024];
-        ssize_t n = readable(fds_[1], deadline) ? read(fds_[1], buf, sizeof buf) : 0;
+        uint8_t buf[4096];
+        ssize_t n = readable(fd, deadline) ? read(fd, buf, sizeof buf) : 0;
         if (n <= 0)
             return false;
-        pending_.insert(pending_.end(), buf, buf + n);
+        pending.insert(pending.end(), buf, buf + n);
     }
 }
+
+bool client_end::next(reply_frame *out, long timeout_ms) { return next_frame(fds_[1], pending_, out, timeout_ms); }
 
 bool client_end::silent(long quiet_ms) {
     reply_frame f;

@@ -29,6 +29,10 @@ template <typename F> bool wait_until(F cond, long timeout_ms) {
 // What arrives on `fd` until `until` (a substring) is in it or `timeout_ms` passes.
 std::string read_until(int fd, const std::string &until, long timeout_ms);
 
+// The next reply frame from `fd`, whose bytes read before wait in `pending`;
+// false when none is whole by the time-out. Throws on a stream that is not frames.
+bool next_frame(int fd, std::vector<uint8_t> &pending, reply_frame *out, long timeout_ms);
+
 // The bytes of a request frame with these fields.
 std::string request_bytes(uint16_t code, const std::vector<std::string> &fields = {});
 
