@@ -3,22 +3,13 @@
 // AddressSanitizer is the guard against a read past a short datagram.
 #include "check/check.h"
 
+#include "fuzz_support.h"
+
 #include <cstring>
 #include <memory>
 
-namespace {
-
-void check(bool ok) {
-    if (!ok)
-        __builtin_trap();
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::unique_ptr<unsigned char[]> datagram(new unsigned char[size]);
-    if (size > 0)
-        memcpy(datagram.get(), data, size);
+    auto datagram = exact_copy<unsigned char>(data, size);
     // The identifier looked for comes from the input too, so matches happen.
     uint16_t ident = size >= 2 ? static_cast<uint16_t>(data[size - 2] | data[size - 1] << 8) : 0;
     if (icmp_check_reply(datagram.get(), size, ident) == 0) {

@@ -5,24 +5,10 @@
 #include "core/convert.h"
 #include "sms/pdu.h"
 
+#include "fuzz_support.h"
+
 #include <cstring>
 #include <memory>
-
-namespace {
-
-std::unique_ptr<uint8_t[]> exact_copy(const uint8_t *data, size_t size) {
-    std::unique_ptr<uint8_t[]> block(new uint8_t[size]);
-    if (size > 0)
-        memcpy(block.get(), data, size);
-    return block;
-}
-
-void check(bool ok) {
-    if (!ok)
-        __builtin_trap();
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     auto line = exact_copy(data, size);

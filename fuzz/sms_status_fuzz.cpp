@@ -4,23 +4,14 @@
 #include "core/convert.h"
 #include "sms/pdu.h"
 
+#include "fuzz_support.h"
+
 #include <cstring>
 #include <memory>
 #include <string>
 
-namespace {
-
-void check(bool ok) {
-    if (!ok)
-        __builtin_trap();
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::unique_ptr<uint8_t[]> line(new uint8_t[size]);
-    if (size > 0)
-        memcpy(line.get(), data, size);
+    auto line = exact_copy(data, size);
     const char *pdu = reinterpret_cast<const char *>(line.get());
     size_t room = size > 0 ? data[0] % 64 : 0;
 
