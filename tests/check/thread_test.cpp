@@ -31,7 +31,9 @@ check_env fake_env() {
     e.reassert_ec200 = [] { return w.log += "ec200 ", w.reassert; };
     e.reassert_ec20 = [] { return w.log += "ec20 ", w.reassert; };
     e.app_running = [] { return w.app; };
+    static const module_paths board;
     e.probe_type = [](const module_paths &) { return w.type; };
+    e.paths = &board;
     e.start_app = [] { w.log += "app "; };
     return e;
 }
