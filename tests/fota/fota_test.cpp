@@ -125,12 +125,10 @@ TEST_F(FotaTest, RefusalsAndFailures) {
         std::string frames, flags, urc = "";
     } cases[] = {
         {mf::ec200t, {}, "a", 0, 0, "561 10 |", "0000 checking"},
-        {mf::ec200t, {}, "http://x/y", -5, 0, "561 10 |", "0000 checking"},
         {mf::ec200t, {}, "a", 320, -1000, "561 10 |", "0000 checking"},
         {mf::ec20, {}, "a", 320, 0, "561 10 |", "0000 checking"},
         {mf::ec200t, {}, "missing", 320, 0, "561 1 file not found!|", "0000 checking"},
         {mf::ec200t, {}, "sub", 320, 0, "561 1 not a regular file!|", "0000 checking"},
-        {mf::ec200t, {}, "empty", 320, 0, "561 1 file is too small!|", "0000 checking"},
         {mf::ec200t, {}, "one", 320, 0, "561 1 file is too small!|", "0000 checking"},
         {mf::ec200t, {FOTA + "\"FILEEND\",504"}, "a", 320, 0, downloading({100}) + "561 1 file_err = 504|", "0001"},
         {mf::ec20, {"ERROR"}, "http://x", 320, 0, "561 1 |", "0001"},
@@ -147,8 +145,8 @@ TEST_F(FotaTest, RefusalsAndFailures) {
         {mf::ec200t, {"OK", STARTED, ENDED, FOTA + "\"UPDATING\",7"}, "http://x", 320, 0,
          "561 5 Http download end|561 5 Fota updating 7%|561 1 time out!|", "0001"},
     };
-    for (auto [name, content] : {std::pair{"a", "ab"}, {"empty", ""}, {"one", "x"}})
-        dir.write(name, content);
+    dir.write("a", "ab");
+    dir.write("one", "x");
     dir.mkdir("sub");
     for (const auto &c : cases) {
         SCOPED_TRACE(c.frames);

@@ -486,6 +486,9 @@ session::wait_result session::next_frame(reply_frame *f, const clock_type::time_
 }
 
 int session::failed_wait(wait_result w, const request *r) {
+    if (bar_open_)
+        out_ << "\n" << std::flush; // the message starts on a line of its own
+    bar_open_ = false;
     switch (w) {
     case wait_result::stopped:
         stopped_ = true;
