@@ -417,9 +417,11 @@ void board::leave_bus() {
     while (read(leave_rd_, drain, sizeof drain) > 0) {
     }
     std::string ignored;
-    if (!usb_->plugged() || !usb_->unplug(&ignored))
+    if (!usb_->plugged())
         return;
     append_record(files_.path("board.log"), "fota reboot");
+    if (!usb_->unplug(&ignored))
+        return;
     replug_at_ = options_.fota_return_ms < 0 ? -1 : monotonic_ms() + options_.fota_return_ms;
 }
 
