@@ -11,18 +11,23 @@
 
 namespace {
 
+using steady = std::chrono::steady_clock;
+const std::vector<std::string> UPDATE = {"5/Fota start", "5/Fota updating 50%", "5/Fota updating 100%", "5/Fota end"};
+
 // The 561 frames up to the final one (status 0 or 1) or up to `count`, as "status/text".
 std::vector<std::string> fota_frames(client_conn &c, milliseconds timeout, size_t count = 100) {
     std::vector<std::string> out;
-    while (out.size() < count) {
-        std::optional<reply_frame> f = c.reply(561, timeout);
-        if (!f)
-            return out;
+    for (std::optional<reply_frame> f; out.size() < count && (f = c.reply(561, timeout));) {
         out.push_back(std::to_string(f->status) + "/" + std::string(f->text, f->text_len));
         if (f->status != 5)
-            return out;
+            break;
     }
     return out;
+}
+
+std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string> &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
 size_t power_offs(sim_board &board) {
@@ -30,79 +35,60 @@ size_t power_offs(sim_board &board) {
     return static_cast<size_t>(std::count(all.begin(), all.end(), "pwr0"));
 }
 
-const std::vector<std::string> UPDATE = {"5/Fota start", "5/Fota updating 50%", "5/Fota updating 100%",
-                                         "5/Fota end"};
-
-// The board's events from the first "fota reboot" on.
-std::vector<std::string> after_reboot(sim_board &board) {
-    std::vector<std::string> all = texts(board.events()), out;
-    for (const std::string &e : all) {
-        if (!out.empty() || e == "fota reboot")
-            out.push_back(e.substr(0, e.find(' ', 8)));
-    }
-    return out;
-}
-
-TEST(FotaTest, AFileOnTheEc200tReachesTheModuleInItsChunksAndTheModuleComesBack) {
+// A file on the EC200T (one reboot, after the update) and a URL on the EC200S
+// (rebooting after the download too), each ending 20 s after "Fota end".
+TEST(FotaTest, TheModuleRebootsOffTheBusAndTheDaemonFollowsItBack) {
     SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t"));
-    ASSERT_TRUE(b.start());
     std::string image;
     for (int i = 0; i < 1000; ++i)
         image += static_cast<char>(i * 7 % 256);
-    std::ofstream(b.board.path("image.bin"), std::ios::binary) << image;
-    size_t from = next_index(b.emu);
-    ASSERT_TRUE(b.client->send(561, {"0", b.board.path("image.bin"), "320", "5"}));
-    std::vector<std::string> want = {"5/File downloading 32%", "5/File downloading 64%",
-                                     "5/File downloading 96%", "5/File downloading 100%",
-                                     "5/File download end"};
-    want.insert(want.end(), UPDATE.begin(), UPDATE.end());
-    want.push_back("0/"); // after the module's reboot and the 20 s settle
-    EXPECT_EQ(fota_frames(*b.client, milliseconds(40000)), want);
-    std::optional<std::vector<modem_command>> got = b.emu.commands(from);
-    ASSERT_TRUE(got && !got->empty());
-    EXPECT_EQ(got->front().text, "AT+QFOTADL=\"FILE:1000\"");
-    EXPECT_TRUE(got->front().body == image);
-    EXPECT_EQ(after_reboot(b.board), (std::vector<std::string>{"fota reboot", "unplugged", "plugged ec200t"}));
-    EXPECT_EQ(b.client->ask_settled(52), "52/0/861234567890123");
+    for (const char *family : {"ec200t", "ec200s"}) {
+        SCOPED_TRACE(family);
+        bool file = family == std::string("ec200t");
+        board_config config(family);
+        config.fota_return = "1500";
+        ready_board b(config);
+        ASSERT_TRUE(b.start());
+        std::ofstream(b.board.path("image.bin"), std::ios::binary) << image;
+        size_t from = next_index(b.emu);
+        ASSERT_TRUE(b.client->send(561, file ? std::vector<std::string>{"0", b.board.path("image.bin"), "320", "5"}
+                                             : std::vector<std::string>{"1", "http://fw.example.net/ec200s.bin"}));
+        std::vector<std::string> download = {"5/Http download end"};
+        if (file) // the percentages show the 320-byte chunks
+            download = {"5/File downloading 32%", "5/File downloading 64%", "5/File downloading 96%",
+                        "5/File downloading 100%", "5/File download end"};
+        EXPECT_EQ(fota_frames(*b.client, milliseconds(40000)), plus(plus(download, UPDATE), {"0/"}));
+        std::vector<std::string> reboot = {"fota reboot", "unplugged", "plugged " + std::string(family)}, seen;
+        for (const std::string &e : texts(b.board.events()))
+            if (!seen.empty() || e == "fota reboot")
+                seen.push_back(e.substr(0, e.find(' ', 8)));
+        EXPECT_EQ(seen, file ? reboot : plus(reboot, reboot));
+        EXPECT_EQ(power_offs(b.board), 0u);
+        std::optional<std::vector<modem_command>> got = b.emu.commands(from);
+        ASSERT_TRUE(got && !got->empty());
+        if (file) {
+            EXPECT_EQ(got->front().text, "AT+QFOTADL=\"FILE:1000\"");
+            EXPECT_TRUE(got->front().body == image);
+        }
+        EXPECT_EQ(b.client->ask_settled(52), "52/0/861234567890123");
+    }
 }
 
-// The EC200S reboots after the download, updates on the re-opened port, and
-// reboots again into the new firmware, which the watch sees.
-TEST(FotaTest, AUrlOnTheEc200sFollowsTheModuleThroughBothReboots) {
-    SKIP_WITHOUT_BOARD();
-    board_config config("ec200s");
-    config.fota_return = "1500";
-    ready_board b(config);
-    ASSERT_TRUE(b.start());
-    ASSERT_TRUE(b.client->send(561, {"1", "http://fw.example.net/ec200s.bin"}));
-    std::vector<std::string> want = {"5/Http download end"};
-    want.insert(want.end(), UPDATE.begin(), UPDATE.end());
-    want.push_back("0/");
-    EXPECT_EQ(fota_frames(*b.client, milliseconds(40000)), want);
-    EXPECT_EQ(after_reboot(b.board), (std::vector<std::string>{"fota reboot", "unplugged", "plugged ec200s",
-                                                                "fota reboot", "unplugged", "plugged ec200s"}));
-    EXPECT_EQ(power_offs(b.board), 0u);
-    EXPECT_EQ(b.client->ask_settled(52), "52/0/861234567890123");
-}
-
-// The EC20 takes 60 s to settle after its update.
+// The EC20 reboots after the download and takes 60 s to settle after its update.
 TEST(FotaSlowTest, AUrlOnTheEc20ReopensThePortAndEndsAfterTheLongerReboot) {
     SKIP_WITHOUT_BOARD();
     ready_board b(board_config("ec20"));
     ASSERT_TRUE(b.start());
     ASSERT_TRUE(b.client->send(561, {"1", "ftp://fw.example.net/ec20.bin"}));
-    std::vector<std::string> want = {"5/Ftp download end"};
-    want.insert(want.end(), UPDATE.begin(), UPDATE.end());
-    ASSERT_EQ(fota_frames(*b.client, milliseconds(15000), want.size()), want);
-    auto ended = std::chrono::steady_clock::now();
+    ASSERT_EQ(fota_frames(*b.client, milliseconds(15000), 5), plus({"5/Ftp download end"}, UPDATE));
+    steady::time_point ended = steady::now();
     EXPECT_EQ(fota_frames(*b.client, milliseconds(80000)), std::vector<std::string>{"0/"});
-    EXPECT_GE(std::chrono::steady_clock::now() - ended, milliseconds(59000));
+    EXPECT_GE(steady::now() - ended, milliseconds(59000));
     EXPECT_EQ(b.client->ask_settled(52), "52/0/861234567890123");
 }
 
-// The module never returns from its reboot after the download: after the
-// 60 s of tries the update fails to the client and the module is reset.
+// The EC200S never returns from its reboot after the download: after 60 s of
+// tries the update fails to the client and the module is power-cycled.
 TEST(FotaSlowTest, AModuleThatNeverComesBackFailsTheUpdateAndIsReset) {
     SKIP_WITHOUT_BOARD();
     board_config config("ec200s");
@@ -111,9 +97,9 @@ TEST(FotaSlowTest, AModuleThatNeverComesBackFailsTheUpdateAndIsReset) {
     ASSERT_TRUE(b.start());
     ASSERT_TRUE(b.client->send(561, {"1", "http://fw.example.net/ec200s.bin"}));
     EXPECT_EQ(fota_frames(*b.client, milliseconds(15000), 1), std::vector<std::string>{"5/Http download end"});
-    auto left = std::chrono::steady_clock::now();
+    steady::time_point left = steady::now();
     EXPECT_EQ(fota_frames(*b.client, milliseconds(75000)), std::vector<std::string>{"1/"});
-    EXPECT_GE(std::chrono::steady_clock::now() - left, milliseconds(59000));
+    EXPECT_GE(steady::now() - left, milliseconds(59000));
     EXPECT_TRUE(eventually([&] { return power_offs(b.board) == 1; }));
 }
 
