@@ -73,6 +73,11 @@ check_env check_env_real(const module_paths *paths);
 // the thread gives up (the caller then asks for a module reset).
 bool check_round(check_counters &c, const check_env &env);
 
+// Cancels and joins the check thread if one runs, and clears `check_tid`.
+// Whoever takes `check_tid` first joins it, so the supervisor and a firmware
+// update may both call this.
+void check_thread_stop();
+
 // Thread entry; `arg` is the supervisor's const module_paths *. Returns only
 // after giving up, with `module_reset_request` raised.
 void *check_thread(void *arg);

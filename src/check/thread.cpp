@@ -172,3 +172,11 @@ void *check_thread(void *arg) {
     supervisor_request(state().module_reset_request, 1);
     return nullptr;
 }
+
+void check_thread_stop() {
+    pthread_t tid = state().check_tid.exchange(0, std::memory_order_acq_rel);
+    if (tid == 0)
+        return;
+    pthread_cancel(tid);
+    pthread_join(tid, nullptr);
+}

@@ -4,9 +4,11 @@
 #include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/text.h"
+#include "fota/fota.h"
 #include "modem/modem.h"
 #include "sms/send.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <pthread.h>
 
@@ -85,6 +87,34 @@ void send_sms_pdu(const request_frame &f) {
                  validity_field(f.fields[4]), f.fields[5][0] != '0');
 }
 
+// A whole-number field; a text that is no number gives 0, which the update
+// refuses, and a huge one is held where it cannot overflow.
+int64_t integer_field(const char *field) {
+    long long v = strtoll(field, nullptr, 10);
+    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : v;
+}
+
+void firmware_update(const request_frame &f, uint8_t family) {
+    const int mode = digit(f);
+    if (family == FAMILY_EC20) {
+        // The EC20 family fetches its image itself; it takes no file.
+        if (mode == 0)
+            client_report(f.code, STATUS_BAD_PARAM, nullptr);
+        else
+            fota_update(mode, f.fields[1], FOTA_CHUNK_EC200T, FOTA_PAUSE_US);
+        return;
+    }
+    int chunk = state().module_type.load(std::memory_order_acquire) == MODULE_EC200S
+                    ? FOTA_CHUNK_EC200S
+                    : FOTA_CHUNK_EC200T;
+    int64_t pause_us = FOTA_PAUSE_US;
+    if (f.field_count >= 4) {
+        chunk = static_cast<int>(integer_field(f.fields[2]));
+        pause_us = integer_field(f.fields[3]) * 1000;
+    }
+    fota_update(mode, f.fields[1], chunk, pause_us);
+}
+
 struct worker_code {
     uint16_t code;
     uint8_t families;
@@ -135,6 +165,7 @@ const worker_code WORKER_CODES[] = {
     {451, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { location_config(f); }},
     {452, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_qlbs(); }},
     {551, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_usbifc(digit(f), 1); }},
+    {561, FAMILY_BOTH, 2, firmware_update},
 };
 
 #ifdef ZOLVIN_ASAN

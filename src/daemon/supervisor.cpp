@@ -12,7 +12,11 @@
 #include "modem/modem.h"
 #include "sms/common.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 namespace {
 
@@ -63,9 +67,10 @@ void reset_action(supervisor &sv) {
     if (power_cycle)
         module_power_cycle(sv.power_line, sv.reset_line);
     // The EC20 family takes longer to come back after installing new firmware.
+    int64_t settle = sv.settle_ms;
     if (s.module_type.load(std::memory_order_acquire) == MODULE_EC20 && after_fota)
-        sleep_for(40, 0);
-    sleep_for(20, 0);
+        settle += sv.ec20_fota_extra_ms;
+    sleep_for(static_cast<uint32_t>(settle / 1000), static_cast<uint32_t>(settle % 1000 * 1000));
     rings_reset();
     s.at_state.store(AT_IDLE, std::memory_order_release);
     if (module_bring_up(sv.paths, &s.at_fd, sv.power_line, sv.reset_line) == -1)
@@ -86,6 +91,123 @@ void reset_action(supervisor &sv) {
         client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
     else if (after_fota)
         client_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
+}
+
+bool port_present() { return access(state().at_port_path, F_OK) == 0; }
+
+void reopen_end(supervisor &sv) {
+    sv.reopen = reopen_step::none;
+    if (sv.port_events >= 0)
+        close(sv.port_events);
+    sv.port_events = -1;
+}
+
+// The port did not vanish or the module did not come back: the plain re-open
+// hands the module to a reset, the EC200S action leaves the verdict to the
+// update, which is still waiting for it.
+void reopen_failed(supervisor &sv) {
+    daemon_state &s = state();
+    if (sv.reopen_watch)
+        s.fota_port_status.store(-1, std::memory_order_release);
+    else
+        s.module_reset_request.store(1, std::memory_order_release);
+    reopen_end(sv);
+}
+
+void reopen_begin(supervisor &sv, bool watch) {
+    daemon_state &s = state();
+    (watch ? s.fota_reopen_watch : s.fota_reopen).store(0, std::memory_order_release);
+    supervisor_stop_threads(sv);
+    serial_close(s.at_fd.load(std::memory_order_acquire));
+    // The number may be handed out again before the port is back; nothing
+    // may write to it meanwhile.
+    s.at_fd.store(-1, std::memory_order_release);
+    if (!watch)
+        stop_external_program();
+    run_shell(s.ifdown_cmd);
+    // at_state stays: the update is still collecting the module's lines.
+    rings_reset();
+    sv.reopen_watch = watch;
+    sv.reopen = reopen_step::port_gone;
+    sv.step_due_ms = sv.clock() + sv.port_gone_ms;
+    // The node's removal and creation wake the loop at once; without the watch
+    // the tests fall back to the 1 s rhythm.
+    sv.port_events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (sv.port_events >= 0 &&
+        inotify_add_watch(sv.port_events, sv.paths.dev_dir, IN_CREATE | IN_DELETE | IN_MOVED_FROM |
+                                                                IN_MOVED_TO) < 0) {
+        close(sv.port_events);
+        sv.port_events = -1;
+    }
+}
+
+// True when the module's AT port is open again with its threads.
+bool reopen_port(supervisor &sv) {
+    daemon_state &s = state();
+    char name[MODULE_NAME_SIZE] = {};
+    if (module_find_at_port(sv.paths, name) != 0)
+        return false;
+    char path[TEXT_FIELD_SIZE];
+    text_format(path, sizeof path, "%s/%s", sv.paths.dev_dir, name);
+    sleep_for(0, 100000); // the node follows the bus entry
+    if (serial_open(&s.at_fd, path) == -1) {
+        puts("Open at port failed!");
+        daemon_exit(255);
+    }
+    text_set(s.at_port_path, path);
+    supervisor_start_threads(sv);
+    return true;
+}
+
+// One pass of a re-open under way; returns when the next test is due.
+int64_t reopen_pass(supervisor &sv) {
+    daemon_state &s = state();
+    int64_t now = sv.clock();
+    int64_t next_test = sv.port_events >= 0 ? sv.step_due_ms : std::min(sv.step_due_ms, now + 1000);
+    switch (sv.reopen) {
+    case reopen_step::port_gone:
+        if (port_present()) {
+            if (now < sv.step_due_ms)
+                return next_test;
+            reopen_failed(sv);
+            return now + PASS_MS;
+        }
+        sv.reopen = reopen_step::port_back;
+        sv.step_due_ms = now + sv.port_back_ms;
+        [[fallthrough]];
+    case reopen_step::port_back:
+        if (!reopen_port(sv)) {
+            if (now >= sv.step_due_ms) {
+                reopen_failed(sv);
+                return now + PASS_MS;
+            }
+            // The bus entries in sysfs raise no inotify events and may come
+            // after the node, so the tries keep their 1 s rhythm too.
+            return std::min(sv.step_due_ms, now + 1000);
+        }
+        if (!sv.reopen_watch) {
+            reopen_end(sv);
+            return sv.clock() + PASS_MS;
+        }
+        sv.reopen = reopen_step::watch;
+        sv.step_due_ms = sv.clock() + sv.watch_ms;
+        return sv.port_events >= 0 ? sv.step_due_ms : sv.clock() + PASS_MS;
+    case reopen_step::watch:
+        // Vanishing again means the module rebooted into its new firmware.
+        if (!port_present()) {
+            s.fota_port_status.store(1, std::memory_order_release);
+            reopen_end(sv);
+            return now + PASS_MS;
+        }
+        if (now >= sv.step_due_ms) {
+            reopen_failed(sv);
+            return now + PASS_MS;
+        }
+        return sv.port_events >= 0 ? sv.step_due_ms : now + PASS_MS;
+    case reopen_step::none:
+        break;
+    }
+    return now + PASS_MS;
 }
 
 void log_sim_state() {
@@ -190,6 +312,10 @@ void supervisor_stop_threads(supervisor &sv) {
 
 int64_t supervisor_pass(supervisor &sv) {
     daemon_state &s = state();
+    // A re-open under way holds the loop until it ends, as one action would:
+    // a reset asked meanwhile comes after it.
+    if (sv.reopen != reopen_step::none)
+        return reopen_pass(sv);
     if (s.module_restarting.load(std::memory_order_acquire) ||
         s.module_reset_request.load(std::memory_order_acquire) ||
         s.fota_done.load(std::memory_order_acquire)) {
@@ -198,9 +324,8 @@ int64_t supervisor_pass(supervisor &sv) {
     }
     if (s.fota_reopen.load(std::memory_order_acquire) ||
         s.fota_reopen_watch.load(std::memory_order_acquire)) {
-        // The firmware update's re-open actions take this place in the order;
-        // nothing raises their flags yet.
-        return NO_DEADLINE;
+        reopen_begin(sv, s.fota_reopen.load(std::memory_order_acquire) == 0);
+        return reopen_pass(sv);
     }
     if (s.auto_dial.load(std::memory_order_acquire))
         return dial_action(sv);
@@ -213,12 +338,27 @@ int64_t supervisor_pass(supervisor &sv) {
     return NO_DEADLINE;
 }
 
+void supervisor_sleep(supervisor &sv, uint64_t seen, int64_t due) {
+    if (sv.port_events < 0) {
+        state().supervisor_wake.wait(seen, due);
+        return;
+    }
+    // During a re-open only the port's comings and goings matter: no flag is
+    // served before it ends.
+    pollfd p{sv.port_events, POLLIN, 0};
+    if (poll(&p, 1, poll_timeout(due)) > 0) {
+        char drain[4096];
+        while (read(sv.port_events, drain, sizeof drain) > 0) {
+        }
+    }
+}
+
 void supervisor_run(supervisor &sv) {
     wake_signal &news = state().supervisor_wake;
     for (;;) {
         // Noted before the pass: a flag raised during it is not slept through.
         uint64_t seen = news.count();
         int64_t due = supervisor_pass(sv);
-        news.wait(seen, due);
+        supervisor_sleep(sv, seen, due);
     }
 }

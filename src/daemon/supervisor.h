@@ -18,6 +18,10 @@ constexpr int64_t DIAL_RETRY_MS = 5100;
 constexpr int64_t PASS_MS = 100;      // from one action to the next pass
 constexpr int64_t DIAL_BUSY_MS = 10;  // a dial put off by supervisor work
 
+// Where a re-open for a firmware update stands: the module reboots on its
+// own time, so the wait spans passes and each pass tests again.
+enum class reopen_step { none, port_gone, port_back, watch };
+
 struct supervisor {
     module_paths paths;
     int power_line = -1;
@@ -27,6 +31,19 @@ struct supervisor {
     int64_t (*clock)() = monotonic_ms;
     int64_t next_dial_ms = 0; // 0: the next dial is due at once
     int dial_failures = 0;
+
+    // The module's own times; tests shorten them.
+    int64_t settle_ms = 20000;          // after a power cycle or a firmware end
+    int64_t ec20_fota_extra_ms = 40000; // the EC20 installs its firmware for longer
+    int64_t port_gone_ms = 30000;       // 30 tests 1 s apart for the old port to vanish
+    int64_t port_back_ms = 60000;       // 60 tries 1 s apart for the module to come back
+    int64_t watch_ms = 1198000;         // the EC200S reboots after updating within this
+
+    reopen_step reopen = reopen_step::none;
+    bool reopen_watch = false; // the EC200S action: watch the port after the re-open
+    int64_t step_due_ms = 0;
+    // inotify on the port's directory while a re-open waits, else -1.
+    int port_events = -1;
 };
 
 // Starts the receive thread, then the common thread; ends the process when
@@ -38,5 +55,9 @@ void supervisor_stop_threads(supervisor &sv);
 // One pass: performs the first action that applies. Returns when the next
 // pass is due (sv.clock), or NO_DEADLINE when only news can change anything.
 int64_t supervisor_pass(supervisor &sv);
+
+// Sleeps until news, the deadline or, during a re-open, a change of the
+// port's directory.
+void supervisor_sleep(supervisor &sv, uint64_t seen, int64_t due);
 
 [[noreturn]] void supervisor_run(supervisor &sv);

@@ -54,6 +54,10 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
         {BOTH, request_bytes(402, {"0", line988}), "", line988 + "\r\n"}, // the longest there is
         {BOTH, request_bytes(999), "999 20 |"}, // a code nobody knows
         {BOTH, request_bytes(402, {"0", "AT"}), "402 11 |"},
+        // Firmware update: the EC20 takes no file; the client's chunk size reaches the checks.
+        {BOTH, request_bytes(561, {"1"}), "561 10 |"},
+        {EC20, request_bytes(561, {"0", "/fw"}), "561 10 |"},
+        {EC200, request_bytes(561, {"1", "http://x", "0", "8"}), "561 10 |"},
     };
     // SMS refused before any module traffic, even with no centre stored: a number
     // of 15 digits or with other characters, a 7-bit text above 127, a validity

@@ -3,10 +3,13 @@
 // that keeps a dial and a client's worker apart, and the tear-down that a
 // worker's ownership of the port skips. Every dial here fails (a refused
 // activation), so no DHCP client and no reset action run on the test host.
+// The re-opens after a firmware download run on a scratch bus and /dev, with
+// the emulator's pty as the port that leaves and comes back.
 #include "at/at.h"
 #include "core/daemon_state.h"
 #include "daemon/supervisor.h"
 #include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +17,7 @@
 #include <cstring>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -144,6 +148,139 @@ TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStops
     EXPECT_EQ(s.check_tid.load(), check);
     supervisor_stop_threads(sv);
     EXPECT_EQ(s.check_tid.load(), pthread_t{0});
+}
+
+class ReopenTest : public testing::Test {
+protected:
+    void SetUp() override {
+        daemon_state_reset();
+        state().module_restarting.store(0);
+        master = open_modem_pty(&slave);
+        emu.start(master);
+        sv.paths.usb_devices = sys.path().c_str();
+        sv.paths.dev_dir = dev.path().c_str();
+        sv.clock = test_clock;
+        g_now = 1000;
+        node = dev.path() + "/ttyUSB1";
+        plug();
+        daemon_state &s = state();
+        ASSERT_EQ(serial_open(&s.at_fd, node.c_str()), 0);
+        strcpy(s.at_port_path, node.c_str());
+        supervisor_start_threads(sv);
+        // The update keeps collecting lines across the module's reboot.
+        s.at_state.store(AT_COLLECTING);
+    }
+    void TearDown() override {
+        supervisor_stop_threads(sv);
+        serial_close(state().at_fd.load());
+        if (sv.port_events >= 0)
+            close(sv.port_events);
+        emu.stop();
+        close(master);
+        daemon_state_reset();
+    }
+    // The EC200S on the bus with its AT port's node.
+    void plug() {
+        sys.write("1-1/idVendor", "2c7c\n");
+        sys.write("1-1/idProduct", "6002\n");
+        sys.mkdir("1-1/1-1:1.3/ttyUSB1");
+        ASSERT_EQ(symlink(slave.c_str(), node.c_str()), 0);
+    }
+    void unplug() {
+        ASSERT_EQ(unlink(node.c_str()), 0);
+        ASSERT_EQ(rmdir((sys.path() + "/1-1/1-1:1.3/ttyUSB1").c_str()), 0);
+    }
+    // The module's line reaches the collecting update through the new threads.
+    void expect_port_serves() {
+        // The emulator drops what it says until it notices the port open again.
+        EXPECT_TRUE(wait_until([&] { return emu.peer_present(); }, 2000));
+        emu.inject_line("+QIND: \"FOTA\",\"START\"");
+        char line[RING_LINE_SIZE] = "";
+        EXPECT_TRUE(at_next_line(line, sizeof line, monotonic_ms() + 2000));
+        EXPECT_STREQ(line, "+QIND: \"FOTA\",\"START\"");
+    }
+
+    temp_dir sys, dev;
+    std::string slave, node;
+    int master = -1;
+    modem_emulator emu{modem_family::ec200s};
+    supervisor sv;
+};
+
+TEST_F(ReopenTest, TheModuleLeavesAndComesBackAndThePortIsOpenedAgain) {
+    daemon_state &s = state();
+    for (bool watch : {false, true}) {
+        SCOPED_TRACE(watch ? "watch" : "re-open");
+        (watch ? s.fota_reopen_watch : s.fota_reopen).store(1);
+        EXPECT_EQ(supervisor_pass(sv), g_now + sv.port_gone_ms); // the node's removal wakes it
+        EXPECT_EQ(sv.rx_tid, pthread_t{0});
+        EXPECT_EQ(s.fota_reopen.load() + s.fota_reopen_watch.load(), 0);
+        s.module_reset_request.store(1); // served only once the re-open is over
+        unplug();
+        g_now += 700;
+        EXPECT_EQ(supervisor_pass(sv), g_now + 1000); // sysfs has no events: 1 s tries
+        plug();
+        g_now += 1000;
+        int64_t due = supervisor_pass(sv);
+        EXPECT_NE(sv.rx_tid, pthread_t{0});
+        EXPECT_STREQ(s.at_port_path, node.c_str());
+        EXPECT_EQ(s.at_state.load(), AT_COLLECTING);
+        expect_port_serves();
+        if (watch) {
+            EXPECT_EQ(due, g_now + 1198000);
+            g_now += 1197999;
+            EXPECT_EQ(supervisor_pass(sv), due);
+            EXPECT_EQ(s.fota_port_status.load(), 0);
+            // The module reboots into its new firmware: the sleep ends at once.
+            uint64_t seen = s.supervisor_wake.count();
+            unplug();
+            int64_t before = monotonic_ms();
+            supervisor_sleep(sv, seen, before + 5000);
+            EXPECT_LT(monotonic_ms() - before, 1000);
+            supervisor_pass(sv);
+            EXPECT_EQ(s.fota_port_status.load(), 1);
+            plug();
+        }
+        EXPECT_EQ(sv.reopen, reopen_step::none);
+        EXPECT_EQ(sv.port_events, -1);
+        EXPECT_EQ(s.module_reset_request.load(), 1);
+        s.module_reset_request.store(0);
+    }
+}
+
+// The old port stays, the module stays away, or (EC200S) it does not reboot
+// after updating: the plain re-open asks for a reset, the EC200S action tells
+// the update through fota_port_status instead.
+TEST_F(ReopenTest, APortThatStaysOrAModuleThatStaysAwayEndsTheWait) {
+    daemon_state &s = state();
+    for (int stuck : {0, 1, 2}) {
+        for (bool watch : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "stuck " << stuck << (watch ? " watch" : ""));
+            s.fota_port_status.store(0);
+            (watch ? s.fota_reopen_watch : s.fota_reopen).store(1);
+            supervisor_pass(sv);
+            if (stuck >= 1) {
+                unplug();
+                supervisor_pass(sv);
+            }
+            if (stuck == 2) {
+                plug();
+                supervisor_pass(sv);
+                if (!watch)
+                    continue; // re-opened; the plain action watches nothing
+            }
+            g_now += (stuck == 0 ? sv.port_gone_ms : stuck == 1 ? sv.port_back_ms : sv.watch_ms) - 1;
+            supervisor_pass(sv);
+            EXPECT_NE(sv.reopen, reopen_step::none);
+            g_now += 1;
+            supervisor_pass(sv);
+            EXPECT_EQ(sv.reopen, reopen_step::none);
+            EXPECT_EQ(s.module_reset_request.exchange(0), watch ? 0 : 1);
+            EXPECT_EQ(s.fota_port_status.load(), watch ? -1 : 0);
+            if (stuck == 1)
+                plug();
+        }
+    }
 }
 
 } // namespace

@@ -101,6 +101,8 @@ bool sim_board::start(const std::vector<std::string> &command) {
         a.emplace_back("--no-reset-line");
     if (config_.unplugged)
         a.emplace_back("--unplugged");
+    if (!config_.fota_return.empty())
+        a.insert(a.end(), {"--fota-return", config_.fota_return});
     if (config_.conf) {
         std::ofstream(path("board.conf"), std::ios::binary) << *config_.conf;
         a.insert(a.end(), {"--conf", path("board.conf")});

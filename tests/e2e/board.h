@@ -30,6 +30,7 @@ struct board_config {
     bool power_line = true;
     bool reset_line = true;
     bool unplugged = false;          // the module comes on the bus only with plug()
+    std::string fota_return;         // --fota-return: milliseconds or "never"; "": the board's
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
 };
 

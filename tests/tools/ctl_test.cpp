@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
@@ -15,6 +16,11 @@ ctl::command parsed(const std::vector<std::string> &words) {
     std::string error;
     EXPECT_TRUE(ctl::parse_command(words, &c, &error)) << error;
     return c;
+}
+
+std::string cwd() {
+    char buf[4096];
+    return getcwd(buf, sizeof buf) != nullptr ? buf : "";
 }
 
 reply_frame reply(uint16_t code, uint16_t status, const std::string &text = "") {
@@ -47,6 +53,9 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
         {{"sms", "send", "--report", "--validity", "0", "+86", "\xE4\xBD\xA0"}, 251,
          {"1", "DEFAULT", "+86", "\xE4\xBD\xA0", "0", "1"}},
         {{"sms", "send", "--text-mode", "10086", "--hi"}, 252, {"10086", "--hi"}},
+        {{"fota", "/fw/a.bin"}, 561, {"0", "/fw/a.bin"}},
+        {{"fota", "a.bin", "--pause", "20", "--chunk", "500"}, 561, {"0", cwd() + "/a.bin", "500", "20"}},
+        {{"fota", "ftp://h/a.bin", "--chunk", "1000"}, 561, {"1", "ftp://h/a.bin", "1000", "8"}},
     };
     for (const auto &c : cases) {
         ctl::command cmd = parsed(c.words);
@@ -68,7 +77,9 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
     for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
              {}, {"frobnicate"}, {"dial", "maybe"}, {"period"}, {"ping", "set", "1"}, {"check", "on", "off"}, {"raw", "65536"}, {"raw", "102", ""}, {"at", std::string(999, 'A')},
              {"sms", "1", "x"}, {"sms", "send", "--validity", "256", "1", "x"},
-             {"sms", "send", "--text-mode", "--report", "1", "x"}, {"sms", "send", "--rush", "1", "x"}}) {
+             {"sms", "send", "--text-mode", "--report", "1", "x"}, {"sms", "send", "--rush", "1", "x"},
+             {"fota"}, {"fota", "/f", "--pause", "5"}, {"fota", "/f", "--chunk", "0"}, {"fota", "/f", "--chunk"},
+             {"fota", "/f", "--chunk", "-1"}}) {
         ctl::command c;
         EXPECT_FALSE(ctl::parse_command(bad, &c, &error)) << (bad.empty() ? "" : bad[0]);
     }
@@ -94,6 +105,19 @@ TEST(CtlTest, RepliesEndTheRequestAndArePrintedOnOneLine) {
     EXPECT_EQ(ctl::format_frame(reply(402, 0, "a\r\nb\\c\x01"), plain, false), "402 ok(0) a\\r\\nb\\\\c\\x01");
     EXPECT_EQ(ctl::format_frame(reply(1031, 0, "say \"hi\"\xFF"), json, false),
               "{\"code\":1031,\"status\":0,\"status_name\":\"ok\",\"text\":\"say \\\"hi\\\"\\ufffd\"}");
+}
+
+// A terminal shows the update's percentages as one bar redrawn in place.
+TEST(CtlTest, FirmwareProgressBecomesABar) {
+    std::string label;
+    int percent = -1;
+    ASSERT_TRUE(ctl::progress_percent(reply(561, 5, "Fota updating 50%"), &label, &percent));
+    EXPECT_EQ(label + " " + std::to_string(percent), "Fota updating 50");
+    EXPECT_EQ(ctl::progress_bar("File downloading", 32),
+              "File downloading     [#########.....................]  32%");
+    for (const char *text : {"Fota start", "Http download end", "Fota updating %", "Fota updating 101%",
+                             "Fota updating x%"})
+        EXPECT_FALSE(ctl::progress_percent(reply(561, 5, text), &label, &percent)) << text;
 }
 
 TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {

@@ -208,6 +208,52 @@ bool build_raw(const args &a, command *out, std::string *error) {
     return single(out, make(static_cast<uint16_t>(code), args(a.begin() + 1, a.end())));
 }
 
+// A whole number from 0 to `max`; false for anything else.
+bool count_word(const std::string &w, unsigned long max, std::string *out) {
+    char *end = nullptr;
+    errno = 0;
+    unsigned long v = strtoul(w.c_str(), &end, 10);
+    if (w.empty() || !isdigit(static_cast<unsigned char>(w[0])) || *end != '\0' || errno != 0 || v > max)
+        return false;
+    *out = std::to_string(v);
+    return true;
+}
+
+// SOURCE, then options. The daemon opens a file by its own path, so a relative
+// one is made absolute here.
+bool build_fota(const args &a, command *out, std::string *error) {
+    *error = "usage: fota FILE|URL [--chunk BYTES] [--pause MS]";
+    std::string chunk, pause;
+    for (size_t i = 1; i + 1 < a.size(); i += 2) {
+        std::string *v = a[i] == "--chunk" ? &chunk : a[i] == "--pause" ? &pause : nullptr;
+        if (v == nullptr || !count_word(a[i + 1], 60000, v))
+            return false;
+    }
+    if (a.size() % 2 == 0 || a[0].empty() || chunk == "0")
+        return false;
+    // The module's default chunk size differs between families: a pause alone cannot be sent.
+    if (chunk.empty() && !pause.empty()) {
+        *error = "fota: --pause needs --chunk as well";
+        return false;
+    }
+    const bool url = a[0].find("://") != std::string::npos;
+    std::string source = a[0];
+    if (!url && source[0] != '/') {
+        char cwd[4096];
+        if (getcwd(cwd, sizeof cwd) == nullptr) {
+            *error = "fota: the current directory is unknown; give an absolute path";
+            return false;
+        }
+        source = std::string(cwd) + "/" + source;
+    }
+    request r = make(561, {url ? "1" : "0", source});
+    if (!chunk.empty()) {
+        r.fields.push_back(chunk);
+        r.fields.push_back(pause.empty() ? "8" : pause);
+    }
+    return single(out, r);
+}
+
 constexpr size_t MANY = REQUEST_FIELDS_MAX;
 
 const command_spec COMMANDS[] = {
@@ -252,6 +298,9 @@ const command_spec COMMANDS[] = {
     {"sms", "sms send [--report] [--validity N] [--text-mode] NUMBER TEXT\n"
             "                           send an SMS, 7-bit or UCS-2 (251), in text mode (252)",
      3, 8, build_sms},
+    {"fota", "fota FILE|URL [--chunk BYTES] [--pause MS]\n"
+             "                           update the module firmware from a file or URL (561)",
+     1, 5, build_fota},
     {"raw", "raw CODE [FIELD...]      any code with up to 6 fields", 1, 1 + MANY, build_raw},
 };
 
@@ -376,6 +425,18 @@ private:
     wait_result next_frame(reply_frame *f, const clock_type::time_point *deadline);
     void print(const reply_frame &f, bool event) {
         print_style style{opts_.json};
+        int percent = 0;
+        std::string label;
+        // On a terminal the update's percentages redraw one bar in place.
+        if (opts_.tty && !opts_.json && !event && f.code == 561 && f.status == STATUS_PROGRESS &&
+            progress_percent(f, &label, &percent)) {
+            out_ << "\r" << progress_bar(label, percent) << std::flush;
+            bar_open_ = true;
+            return;
+        }
+        if (bar_open_)
+            out_ << "\n";
+        bar_open_ = false;
         std::string decoded = opts_.listen ? format_event(f, style) : "";
         out_ << (decoded.empty() ? format_frame(f, style, event) : decoded) << std::endl;
     }
@@ -387,6 +448,7 @@ private:
     std::ostream &err_;
     int stop_fd_;
     bool stopped_ = false;
+    bool bar_open_ = false; // the cursor stands at the end of a progress bar
     frame_reader reader_;
 };
 
@@ -424,6 +486,9 @@ session::wait_result session::next_frame(reply_frame *f, const clock_type::time_
 }
 
 int session::failed_wait(wait_result w, const request *r) {
+    if (bar_open_)
+        out_ << "\n" << std::flush; // the message starts on a line of its own
+    bar_open_ = false;
     switch (w) {
     case wait_result::stopped:
         stopped_ = true;
@@ -584,6 +649,30 @@ std::string status_name(uint16_t code, uint16_t status) {
     case STATUS_UNKNOWN_CODE: return "unknown-code";
     default: return "status-" + std::to_string(status);
     }
+}
+
+bool progress_percent(const reply_frame &f, std::string *label, int *percent) {
+    std::string text(f.text, f.text_len);
+    size_t space = text.rfind(' ');
+    if (space == std::string::npos || text.size() < space + 3 || text.back() != '%')
+        return false;
+    std::string digits = text.substr(space + 1, text.size() - space - 2), value;
+    if (!count_word(digits, 100, &value))
+        return false;
+    *label = text.substr(0, space);
+    *percent = atoi(value.c_str());
+    return true;
+}
+
+std::string progress_bar(const std::string &label, int percent) {
+    constexpr int WIDTH = 30;
+    int filled = percent * WIDTH / 100;
+    char tail[8];
+    snprintf(tail, sizeof tail, "] %3d%%", percent);
+    // Padded so that a shorter label overwrites a longer one.
+    std::string padded = label.size() < 20 ? label + std::string(20 - label.size(), ' ') : label;
+    return padded + " [" + std::string(static_cast<size_t>(filled), '#') +
+           std::string(static_cast<size_t>(WIDTH - filled), '.') + tail;
 }
 
 bool is_failure_status(uint16_t status) { return status == STATUS_FAIL || (status >= 10 && status <= 20); }

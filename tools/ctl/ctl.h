@@ -60,6 +60,11 @@ int default_timeout_ms(uint16_t code);
 // "ok", "busy", ...; the event 1032 carries a message status octet instead.
 std::string status_name(uint16_t code, uint16_t status);
 bool is_failure_status(uint16_t status);
+// A firmware update progress text that ends in a percentage ("File downloading
+// 32%", "Fota updating 50%"): its words before the number, and the number.
+bool progress_percent(const reply_frame &f, std::string *label, int *percent);
+// The line a terminal shows for it: "File downloading     [#########.....]  32%".
+std::string progress_bar(const std::string &label, int percent);
 // A module line that ends the module's answer to a raw AT command.
 bool is_final_at_line(const std::string &line);
 
@@ -117,6 +122,7 @@ struct options {
     int timeout_ms = -1;     // -1: the command's own default
     std::string socket_name; // "@name" abstract, else a path; empty: the daemon's
     bool listen = false;
+    bool tty = false;        // standard output is a terminal: progress as a bar
     bool help = false;
     std::vector<std::string> words; // the command (after "listen": optional)
 };

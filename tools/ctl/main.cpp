@@ -15,6 +15,7 @@ int main(int argc, char **argv) {
         std::cerr << "zolvin_4g_ctl: " << error << "\n" << ctl::usage();
         return ctl::EXIT_USAGE;
     }
+    opts.tty = isatty(STDOUT_FILENO) == 1;
     // Listening ends cleanly on SIGINT or SIGTERM: they are taken through a
     // descriptor that the wait for frames watches.
     int stop_fd = -1;

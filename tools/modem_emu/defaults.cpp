@@ -156,11 +156,16 @@ void net_device_status(const std::string &, modem_family, module_session &s, ans
 
 std::string fota_line(const std::string &what) { return "+QIND: \"FOTA\"," + what; }
 
-void fota_update_lines(answer_plan &out) {
+// The EC20 and EC200S reboot after the download and write the firmware from
+// the new boot; every family reboots into the new firmware after END.
+void fota_update_lines(modem_family family, answer_plan &out) {
+    if (family != modem_family::ec200t)
+        out.later.push_back({FOTA_STEP_MS, FOTA_REBOOT});
     out.later.push_back({FOTA_STEP_MS, fota_line("\"START\"")});
     out.later.push_back({FOTA_STEP_MS, fota_line("\"UPDATING\",50")});
     out.later.push_back({FOTA_STEP_MS, fota_line("\"UPDATING\",100")});
     out.later.push_back({FOTA_STEP_MS, fota_line("\"END\",0")});
+    out.later.push_back({FOTA_STEP_MS, FOTA_REBOOT});
 }
 
 // "FILE:<size>" (the EC200S adds ",1") takes an upload of that many bytes;
@@ -198,7 +203,7 @@ void fota_download(const std::string &arg, modem_family family, module_session &
     out.lines = {"OK"};
     out.later.push_back({FOTA_STEP_MS, fota_line("\"" + std::string(kind) + "START\"")});
     out.later.push_back({FOTA_STEP_MS, fota_line("\"" + std::string(kind) + "END\",0")});
-    fota_update_lines(out);
+    fota_update_lines(family, out);
 }
 
 const std::vector<answer_row> &answer_table() {
@@ -290,12 +295,12 @@ answer_plan standard_answer(modem_family family, const std::string &command,
     return out;
 }
 
-answer_plan standard_body_answer(modem_family, const std::string &command, bool aborted,
+answer_plan standard_body_answer(modem_family family, const std::string &command, bool aborted,
                                  module_session &session) {
     answer_plan out;
     if (command.compare(0, 11, "AT+QFOTADL=") == 0) {
         out.later.push_back({0, fota_line("\"FILEEND\",0")});
-        fota_update_lines(out);
+        fota_update_lines(family, out);
         return out;
     }
     if (aborted) {

@@ -24,6 +24,11 @@ struct module_session {
 
 // Pause between the firmware download and update progress lines.
 constexpr int FOTA_STEP_MS = 20;
+// In a plan's `later` lines: here the module reboots and leaves the bus; the
+// lines after it come once it is back. Ignored where nothing plays the bus.
+constexpr const char *FOTA_REBOOT = "\x01reboot";
+// From a module's return on the bus to its first line.
+constexpr int FOTA_BOOT_MS = 2000;
 // Playback of a spoken text takes this long before "+QWTTS: 0".
 constexpr int TTS_PLAY_MS = 100;
 

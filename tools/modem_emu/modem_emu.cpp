@@ -146,6 +146,12 @@ bool modem_emulator::start(int fd) {
         wake_rd_ = p[0];
         wake_wr_ = p[1];
         peer_present_ = true;
+        if (!after_return_.empty()) {
+            std::vector<std::pair<int, std::string>> rest;
+            rest.swap(after_return_);
+            last_reply_due_ = monotonic_ms() + FOTA_BOOT_MS;
+            schedule_later(rest);
+        }
     }
     stopping_ = false;
     running_ = true;
@@ -355,6 +361,7 @@ void modem_emulator::run_once() {
     int timeout = -1;
     bool present = false;
     bool want_out = false;
+    std::function<void()> leave;
     {
         std::lock_guard<std::mutex> lock(mu_);
         release_due(now);
@@ -363,7 +370,13 @@ void modem_emulator::run_once() {
         want_out = !out_.empty();
         if (!timed_.empty())
             timeout = static_cast<int>(std::clamp<int64_t>(timed_.begin()->first - now, 0, INT_MAX));
+        if (leave_due_) {
+            leave_due_ = false;
+            leave = bus_leave_;
+        }
     }
+    if (leave)
+        leave();
 
     if (!present) {
         pollfd w = {wake_rd_, POLLIN, 0};
@@ -412,9 +425,14 @@ void modem_emulator::wake() {
 
 void modem_emulator::release_due(int64_t now) {
     auto end = timed_.upper_bound(now);
-    for (auto it = timed_.begin(); it != end; ++it)
-        out_ += it->second;
-    timed_.erase(timed_.begin(), end);
+    auto it = timed_.begin();
+    for (; it != end && !leave_due_; ++it) {
+        if (it->second == FOTA_REBOOT)
+            leave_due_ = true; // nothing after it leaves on this port
+        else
+            out_ += it->second;
+    }
+    timed_.erase(timed_.begin(), it);
 }
 
 void modem_emulator::flush_output() {
@@ -638,16 +656,33 @@ void modem_emulator::schedule_reply(const std::vector<std::string> &lines,
 }
 
 void modem_emulator::schedule_later(const std::vector<std::pair<int, std::string>> &later) {
-    if (holding_) {
-        for (const auto &item : later)
-            held_.push_back(frame(item.second));
-        return;
-    }
     int64_t t = last_reply_due_;
-    for (const auto &item : later) {
-        t += item.first;
-        timed_.emplace(t, frame(item.second));
+    for (size_t i = 0; i < later.size(); ++i) {
+        const auto &item = later[i];
+        if (item.second == FOTA_REBOOT) {
+            if (!bus_leave_ || holding_)
+                continue;
+            after_return_.assign(later.begin() + static_cast<std::ptrdiff_t>(i) + 1, later.end());
+            timed_.emplace(t + item.first, FOTA_REBOOT);
+            return;
+        }
+        if (holding_) {
+            held_.push_back(frame(item.second));
+        } else {
+            t += item.first;
+            timed_.emplace(t, frame(item.second));
+        }
     }
+}
+
+void modem_emulator::forget_update() {
+    std::lock_guard<std::mutex> lock(mu_);
+    after_return_.clear();
+}
+
+void modem_emulator::set_bus_leave(std::function<void()> leave) {
+    std::lock_guard<std::mutex> lock(mu_);
+    bus_leave_ = std::move(leave);
 }
 
 int open_modem_pty(std::string *slave_path) {

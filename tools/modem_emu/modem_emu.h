@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -140,6 +141,14 @@ public:
     // defaults, pending output and half-received input dropped.
     void reboot();
 
+    // Called on the emulator's thread where the module reboots during a
+    // firmware update, to take it off the bus; the rest of the update follows
+    // FOTA_BOOT_MS after the next start(). It must not call the emulator back
+    // (stop_port() would wait for itself). Unset, the update plays on one port.
+    void set_bus_leave(std::function<void()> leave);
+    // A power cut: the rest of an update waiting for the module's return is gone.
+    void forget_update();
+
     // False while the daemon's side of the pty is closed (the emulator then
     // drops what it would send and waits for the port to be opened again).
     bool peer_present() const;
@@ -227,6 +236,9 @@ private:
     std::vector<std::string> held_; // answers kept back until release()
     std::string out_;
     bool peer_present_ = true;
+    std::function<void()> bus_leave_;
+    bool leave_due_ = false;
+    std::vector<std::pair<int, std::string>> after_return_; // the update after a reboot
 
     std::vector<modem_command> records_;
     size_t next_index_ = 0;

@@ -117,6 +117,16 @@ bool parse_board_options(int argc, char **argv, board_options *out, std::string 
                 *error = "--power-replug needs milliseconds";
                 return false;
             }
+        } else if (a == "--fota-return") {
+            const char *v = value("--fota-return");
+            if (v == nullptr)
+                return false;
+            if (strcmp(v, "never") == 0) {
+                o.fota_return_ms = -1;
+            } else if (!parse_ms(v, &o.fota_return_ms)) {
+                *error = "--fota-return needs milliseconds or never";
+                return false;
+            }
         } else if (a == "--unplugged") {
             o.start_unplugged = true;
         } else if (a == "--spawn") {

@@ -36,6 +36,9 @@ struct board_options {
     std::string conf_path; // empty: no configuration file on the board
     bool relay_modem = false; // the AT port relayed to a socket instead of the emulator
     int power_replug_ms = -1; // >= 0: power "0" unplugs, power "1" plugs back after this delay
+    // After a firmware update's reboot the module is back on the bus this
+    // much later; -1: it never comes back by itself.
+    int fota_return_ms = 3000;
     bool start_unplugged = false; // the module comes on the bus only with "plug"
     std::vector<std::vector<std::string>> spawns;
     std::vector<std::string> command;

@@ -261,7 +261,11 @@ public:
     }
     void detach() override { emulator_.stop_port(); }
     void stop() override { emulator_.stop(); }
-    void power_on() override { emulator_.reboot(); }
+    void power_on() override {
+        emulator_.forget_update();
+        emulator_.reboot();
+    }
+    void on_bus_leave(std::function<void()> leave) override { emulator_.set_bus_leave(std::move(leave)); }
 
 private:
     modem_emulator emulator_;

@@ -5,6 +5,7 @@
 // to be closed). Both calls return once the side has taken or released it.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -17,6 +18,9 @@ public:
     virtual void stop() = 0;
     // The power line switched the module on: it starts afresh.
     virtual void power_on() {}
+    // `leave` runs, on the side's own thread, when the module reboots during a
+    // firmware update and leaves the bus; the board unplugs it meanwhile.
+    virtual void on_bus_leave(std::function<void()> leave) { (void)leave; }
 };
 
 // Relays the master to one connection on the Unix stream socket `socket_path`,

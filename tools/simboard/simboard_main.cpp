@@ -223,6 +223,7 @@ private:
     void read_stdout();
     void on_line(const char *line, char value);
     void accept_control();
+    void leave_bus();
     void serve_control(size_t index);
     std::string control_command(const std::string &text);
     int finish();
@@ -248,6 +249,7 @@ private:
     int status_ = -1;
     long long stdout_bytes_ = 0;
     long long replug_at_ = -1;
+    int leave_rd_ = -1, leave_wr_ = -1; // the module leaving the bus for a firmware reboot
     int stop_signal_ = 0;
     bool have_status_ = false;
     int command_status_ = 0;
@@ -256,7 +258,8 @@ private:
 board::~board() {
     for (control_client &c : clients_)
         close(c.fd);
-    for (int fd : {signals_, stdout_master_, stdout_file_, control_listen_, go_, status_, own_pid_ns_}) {
+    for (int fd : {signals_, stdout_master_, stdout_file_, control_listen_, go_, status_, own_pid_ns_,
+                   leave_rd_, leave_wr_}) {
         if (fd >= 0)
             close(fd);
     }
@@ -341,6 +344,17 @@ bool board::launch(const std::string &fakecmd, std::string *error) {
                  : make_emulator_modem_side(options_.family, files_.path("modem.ctl"),
                                             files_.path("at.log"));
     usb_ = std::make_unique<usb_board>(options_, *modem_, files_.path("board.log"));
+    int leave[2];
+    if (pipe2(leave, O_CLOEXEC | O_NONBLOCK) != 0)
+        return set_error(error, "pipe");
+    leave_rd_ = leave[0];
+    leave_wr_ = leave[1];
+    // The modem side's thread may not unplug the module itself: the unplug
+    // stops that thread.
+    modem_->on_bus_leave([fd = leave_wr_] {
+        char one = 1;
+        write_all(fd, &one, 1);
+    });
     if (!modem_->start())
         return set_error(error, "modem side in " + files_.dir);
     control_listen_ = listen_unix(files_.path("control.sock"));
@@ -398,6 +412,19 @@ void board::on_line(const char *line, char value) {
     }
 }
 
+void board::leave_bus() {
+    char drain[16];
+    while (read(leave_rd_, drain, sizeof drain) > 0) {
+    }
+    std::string ignored;
+    if (!usb_->plugged())
+        return;
+    append_record(files_.path("board.log"), "fota reboot");
+    if (!usb_->unplug(&ignored))
+        return;
+    replug_at_ = options_.fota_return_ms < 0 ? -1 : monotonic_ms() + options_.fota_return_ms;
+}
+
 void board::accept_control() {
     int fd = accept4(control_listen_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0)
@@ -453,6 +480,7 @@ void board::serve() {
         fds.push_back({lines_.watch_fd(), POLLIN, 0});
         fds.push_back({control_listen_, POLLIN, 0});
         fds.push_back({far_ ? far_->fd() : -1, POLLIN, 0});
+        fds.push_back({leave_rd_, POLLIN, 0});
         for (const control_client &c : clients_)
             fds.push_back({c.fd, POLLIN, 0});
         int timeout = -1;
@@ -481,9 +509,11 @@ void board::serve() {
             accept_control();
         if (fds[5].revents != 0)
             far_->serve();
-        for (size_t i = fds.size(); i-- > 6;) {
+        if (fds[6].revents != 0)
+            leave_bus();
+        for (size_t i = fds.size(); i-- > 7;) {
             if (fds[i].revents != 0)
-                serve_control(i - 6);
+                serve_control(i - 7);
         }
         if (fds[1].revents != 0) {
             int st = 0;

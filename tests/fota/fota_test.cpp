@@ -1,0 +1,209 @@
+// The firmware update against the emulated module of each family, with short
+// phase limits; the emulator's record shows the exact command and image bytes.
+#include "at/at.h"
+#include "check/check.h"
+#include "client/client.h"
+#include "fota/fota.h"
+#include "support/at_port.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using mf = modem_family;
+const std::string FOTA = "+QIND: \"FOTA\",", STARTED = FOTA + "\"HTTPSTART\"", ENDED = FOTA + "\"HTTPEND\",0";
+const std::string UPDATED = "561 5 Fota start|561 5 Fota updating 50%|561 5 Fota updating 100%|561 5 Fota end|";
+
+std::string downloading(std::vector<int> percents) {
+    std::string s;
+    for (int p : percents)
+        s += "561 5 File downloading " + std::to_string(p) + "%|";
+    return s;
+}
+
+// Bytes a line-based path would mangle: line ends, Ctrl-Z, Esc, NUL.
+std::string image_of(size_t n) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i)
+        s[i] = "\r\n\x1A\x1B\0AT+x"[i % 9];
+    return s;
+}
+
+class FotaTest : public testing::Test {
+protected:
+    // A new module of this family, the supervisor's flags cleared, a link check running.
+    void use(mf f) {
+        port.reset();
+        check_thread_stop();
+        daemon_state &s = state();
+        for (auto *flag : {&s.fota_done, &s.fota_reopen, &s.fota_reopen_watch, &s.module_reset_request})
+            flag->store(0);
+        s.fota_port_status = 0;
+        s.module_type = f == mf::ec20 ? MODULE_EC20 : f == mf::ec200t ? MODULE_EC200T : MODULE_EC200S;
+        port = std::make_unique<emulated_port>(f);
+        pthread_t check;
+        ASSERT_EQ(pthread_create(&check, nullptr, [](void *) -> void * { for (;;) pause(); }, nullptr), 0);
+        s.check_tid = check;
+    }
+    // done, reopen, reopen_watch, reset; and whether the check thread still runs.
+    std::string flags() {
+        daemon_state &s = state();
+        std::string out;
+        for (auto *flag : {&s.fota_done, &s.fota_reopen, &s.fota_reopen_watch, &s.module_reset_request})
+            out += static_cast<char>('0' + flag->load());
+        EXPECT_EQ(s.at_state.load(), AT_IDLE);
+        return out + (s.check_tid != 0 ? " checking" : "");
+    }
+    static std::string urc() {
+        std::string got;
+        for (std::string l = urc_next(0); l != "<none>"; l = urc_next(0))
+            got += l + "|";
+        return got;
+    }
+    // As the server starts a worker: the AT gate taken.
+    void request(const std::vector<std::string> &fields) {
+        std::string raw = request_bytes(FOTA_CODE, fields);
+        worker_request req{raw.size(), {}};
+        memcpy(req.bytes, raw.data(), raw.size());
+        state().at_mutex.lock();
+        state().worker_busy = 1;
+        (state().module_type == MODULE_EC20 ? request_worker_ec20 : request_worker_ec200)(&req);
+    }
+
+    fresh_state fresh;
+    temp_dir dir;
+    std::unique_ptr<emulated_port> port;
+    client_end client;
+    fota_limits quick{300, 300, 300, 300, 5};
+};
+
+// Files go unchanged in chunks of the given size (the family's own through the
+// dispatcher), URLs in every family; the flags tell the supervisor what comes.
+TEST_F(FotaTest, UpdatesThatSucceed) {
+    const struct {
+        mf family;
+        std::vector<std::string> fields; // a file's field 2 is its size
+        std::string command, frames, flags;
+    } cases[] = {
+        {mf::ec200t, {"0", "1000", "320", "0"}, "AT+QFOTADL=\"FILE:1000\"", downloading({32, 64, 96, 100}) + "561 5 File", "1000"},
+        {mf::ec200s, {"0", "3000", "5000", "0"}, "AT+QFOTADL=\"FILE:3000\",1", downloading({50, 100}) + "561 5 File", "1010"},
+        {mf::ec200t, {"0", "960"}, "AT+QFOTADL=\"FILE:960\"", downloading({33, 66, 100}) + "561 5 File", "1000"},
+        {mf::ec200s, {"0", "960"}, "AT+QFOTADL=\"FILE:960\",1", downloading({25, 50, 75, 100}) + "561 5 File", "1010"},
+        {mf::ec20, {"1", "http://fw.example/a.bin"}, "AT+QFOTADL=\"http://fw.example/a.bin\"", "561 5 Http", "1100"},
+        {mf::ec200t, {"2", "ftp://fw.example/t.bin"}, "AT+QFOTADL=\"ftp://fw.example/t.bin\"", "561 5 Ftp", "1000"},
+        {mf::ec200s, {"1", "https://s.example/s"}, "AT+QFOTADL=\"https://s.example/s\"", "561 5 Http", "1010"},
+    };
+    for (auto c : cases) {
+        SCOPED_TRACE(c.command);
+        use(c.family);
+        std::string img = c.fields[0] == "0" ? image_of(std::stoul(c.fields[1])) : "";
+        if (c.fields[0] == "0")
+            c.fields[1] = dir.write("fw.bin", img);
+        request(c.fields);
+        EXPECT_EQ(client.frames(), c.frames + " download end|" + UPDATED);
+        auto record = port->module().wait_for_command(c.command, 1000);
+        EXPECT_EQ(record ? record->body : "<none>", img);
+        EXPECT_EQ(flags(), c.flags);
+    }
+}
+
+// Refusals leave the module and the link check alone; every failure after the
+// command went out ends the transaction and asks for a reset.
+TEST_F(FotaTest, RefusalsAndFailures) {
+    const struct {
+        mf family;
+        std::vector<std::string> lines; // the module's answer, to the image when a file is sent
+        std::string source;
+        int chunk;
+        int64_t pause_us;
+        std::string frames, flags, urc = "";
+    } cases[] = {
+        {mf::ec200t, {}, "a", 0, 0, "561 10 |", "0000 checking"},
+        {mf::ec200t, {}, "a", 320, -1000, "561 10 |", "0000 checking"},
+        {mf::ec20, {}, "a", 320, 0, "561 10 |", "0000 checking"},
+        {mf::ec200t, {}, "missing", 320, 0, "561 1 file not found!|", "0000 checking"},
+        {mf::ec200t, {}, "sub", 320, 0, "561 1 not a regular file!|", "0000 checking"},
+        {mf::ec200t, {}, "one", 320, 0, "561 1 file is too small!|", "0000 checking"},
+        {mf::ec200t, {FOTA + "\"FILEEND\",504"}, "a", 320, 0, downloading({100}) + "561 1 file_err = 504|", "0001"},
+        {mf::ec20, {"ERROR"}, "http://x", 320, 0, "561 1 |", "0001"},
+        {mf::ec20, {"OK"}, "http://x", 320, 0, "561 1 time out!|", "0001"},
+        // The EC20 takes no file upload, so FILESTART starts nothing.
+        {mf::ec20, {"OK", FOTA + "\"FILESTART\""}, "http://x", 320, 0, "561 1 time out!|", "0001", FOTA + "\"FILESTART\"|"},
+        {mf::ec20, {"OK", STARTED, "+CSQ: 9,99", FOTA + "\"HTTPEND\",701"}, "http://x", 320, 0,
+         "561 1 http_err = 701|", "0001", "+CSQ: 9,99|"},
+        {mf::ec200t, {"OK", FOTA + "\"FTPSTART\"", FOTA + "\"FTPEND\",601"}, "ftp://x", 320, 0, "561 1 ftp_err = 601|", "0001"},
+        {mf::ec200s, {"OK", FOTA + "\"FTPSTART\""}, "ftp://x", 320, 0, "561 1 time out!|", "0001"},
+        {mf::ec200t, {"OK", STARTED, ENDED, FOTA + "\"START\"", "ERROR"}, "http://x", 320, 0,
+         "561 5 Http download end|561 5 Fota start|561 1 |", "0001"},
+        // No progress line within the update limit.
+        {mf::ec200t, {"OK", STARTED, ENDED, FOTA + "\"UPDATING\",7"}, "http://x", 320, 0,
+         "561 5 Http download end|561 5 Fota updating 7%|561 1 time out!|", "0001"},
+    };
+    dir.write("a", "ab");
+    dir.write("one", "x");
+    dir.mkdir("sub");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.frames);
+        use(c.family);
+        const bool file = c.source.find("://") == std::string::npos;
+        if (!c.lines.empty())
+            port->module().set_reply("AT+QFOTADL=", file ? modem_reply::with_lines(c.lines).for_body()
+                                                         : modem_reply::with_lines(c.lines), modem_match::prefix);
+        std::string source = file ? dir.path() + "/" + c.source : c.source;
+        EXPECT_EQ(fota_update(file ? 0 : 1, source.c_str(), c.chunk, c.pause_us, quick), -1);
+        EXPECT_EQ(client.frames(), c.frames);
+        EXPECT_EQ(flags(), c.flags);
+        EXPECT_EQ(urc(), c.urc);
+        EXPECT_EQ(port->module().command_count() == 0, c.flags == "0000 checking");
+    }
+}
+
+// Told while the update runs: the EC200S's watch by the supervisor ends it,
+// a shrinking file or a vanished module breaks the push.
+TEST_F(FotaTest, EndsOnNewsFromOutside) {
+    const std::string path = dir.path() + "/fw.bin";
+    const struct {
+        std::string source, first, then, frames, flags;
+        std::function<void()> news;
+    } cases[] = {
+        {"http://x", "561 5 Http download end|", "561 5 Fota start|", "561 5 Fota end|", "1010",
+         [] { state().fota_port_status = 1; }},
+        {"http://x", "561 5 Http download end|", "561 5 Fota start|", "561 1 |", "0011",
+         [] { state().fota_port_status = -1; }},
+        {path, downloading({10}), "", "561 1 file shorter than its size!|", "0001",
+         [&] { EXPECT_EQ(truncate(path.c_str(), 100), 0); }},
+        {path, downloading({10}), "", "561 1 at send error!|", "0001", [&] {
+             port->stop_rx();
+             port->close_port();
+         }},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.frames);
+        use(mf::ec200s);
+        if (c.source != path)
+            port->module().set_reply("AT+QFOTADL=", modem_reply::with_lines({"OK", STARTED, ENDED}),
+                                     modem_match::prefix);
+        dir.write("fw.bin", image_of(1000));
+        int result = 0;
+        // The pause after each 100-byte chunk leaves time to break the push after the first.
+        std::thread update([&] { result = fota_update(c.source == path ? 0 : 1, c.source.c_str(), 100, 300000, quick); });
+        EXPECT_EQ(client.frames(1, 2000), c.first);
+        if (!c.then.empty()) {
+            port->module().inject_line(FOTA + "\"START\"");
+            EXPECT_EQ(client.frames(1, 2000), c.then); // sent after the port status was cleared
+        }
+        c.news();
+        update.join();
+        EXPECT_EQ(result, c.flags[0] == '1' ? 0 : -1);
+        EXPECT_EQ(client.frames(), c.frames);
+        EXPECT_EQ(flags(), c.flags);
+    }
+}
+
+} // namespace
