@@ -191,8 +191,9 @@ TEST_F(FotaTest, EndsOnNewsFromOutside) {
                                      modem_match::prefix);
         dir.write("fw.bin", image_of(1000));
         int result = 0;
-        // The pause after each 100-byte chunk leaves time to break the push after the first.
-        std::thread update([&] { result = fota_update(c.source == path ? 0 : 1, c.source.c_str(), 100, 300000, quick); });
+        // The 2 s pause after each 100-byte chunk leaves time, even on a loaded
+        // machine, to break the push after the first.
+        std::thread update([&] { result = fota_update(c.source == path ? 0 : 1, c.source.c_str(), 100, 2000000, quick); });
         EXPECT_EQ(client.frames(1, 2000), c.first);
         if (!c.then.empty()) {
             port->module().inject_line(FOTA + "\"START\"");
