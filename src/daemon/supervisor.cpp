@@ -28,13 +28,6 @@ void cancel_join(pthread_t &tid) {
     tid = 0;
 }
 
-void stop_check_thread() {
-    daemon_state &s = state();
-    pthread_t check = s.check_tid.load(std::memory_order_acquire);
-    cancel_join(check);
-    s.check_tid.store(0, std::memory_order_release);
-}
-
 // Only a dial that takes `connected` from 0 to 1 comes here, and every path
 // that takes it back to 0 stops the thread first, so one runs at a time.
 void start_check_thread(supervisor &sv) {
@@ -274,7 +267,7 @@ template <typename F> void as_supervisor_work(F command) {
 void disconnect_action() {
     daemon_state &s = state();
     log_printf("Disconnect 4G network.\n");
-    stop_check_thread();
+    check_thread_stop();
     run_shell(s.ifdown_cmd);
     if (s.module_type.load(std::memory_order_acquire) != MODULE_EC20) {
         as_supervisor_work([] { set_qnetdevctl(0, 1, 0); });
@@ -307,7 +300,7 @@ void supervisor_start_threads(supervisor &sv) {
 void supervisor_stop_threads(supervisor &sv) {
     cancel_join(sv.common_tid);
     cancel_join(sv.rx_tid);
-    stop_check_thread();
+    check_thread_stop();
 }
 
 int64_t supervisor_pass(supervisor &sv) {
