@@ -48,12 +48,22 @@ void stop_external_program() {
     }
 }
 
-void reset_action(supervisor &sv) {
+// How every re-open of the module begins: its threads stopped, the port
+// closed, the interface down. The port's number may be handed out again
+// before the module is back, so nothing may write to it meanwhile.
+void take_module_down(supervisor &sv, bool stop_program) {
     daemon_state &s = state();
     supervisor_stop_threads(sv);
     serial_close(s.at_fd.load(std::memory_order_acquire));
-    stop_external_program();
+    s.at_fd.store(-1, std::memory_order_release);
+    if (stop_program)
+        stop_external_program();
     run_shell(s.ifdown_cmd);
+}
+
+void reset_action(supervisor &sv) {
+    daemon_state &s = state();
+    take_module_down(sv, true);
     bool power_cycle = s.module_restarting.load(std::memory_order_acquire) ||
                        s.module_reset_request.load(std::memory_order_acquire);
     bool after_fota = s.fota_done.load(std::memory_order_acquire) != 0;
@@ -110,14 +120,7 @@ void reopen_failed(supervisor &sv) {
 void reopen_begin(supervisor &sv, bool watch) {
     daemon_state &s = state();
     (watch ? s.fota_reopen_watch : s.fota_reopen).store(0, std::memory_order_release);
-    supervisor_stop_threads(sv);
-    serial_close(s.at_fd.load(std::memory_order_acquire));
-    // The number may be handed out again before the port is back; nothing
-    // may write to it meanwhile.
-    s.at_fd.store(-1, std::memory_order_release);
-    if (!watch)
-        stop_external_program();
-    run_shell(s.ifdown_cmd);
+    take_module_down(sv, !watch);
     // at_state stays: the update is still collecting the module's lines.
     rings_reset();
     sv.reopen_watch = watch;
