@@ -71,6 +71,7 @@ auto_dial=1
 auto_check=1
 check_timeS=3
 ping_address1=10.64.0.1
+client_group=users
 CONF
 
 echo "== board: $family, configuration:"
@@ -88,6 +89,13 @@ deadline=$(( $(date +%s) + seconds ))
 ctl() {
   echo "\$ zolvin_4g_ctl $*"
   nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" "$@" 2>&1 | sed 's/^/  /' || true
+}
+# The tool as another user: only root and members of client_group are served.
+ctl_as() { # user, group, tool arguments...
+  local user=$1 group=$2; shift 2
+  echo "\$ setpriv --reuid=$user --regid=$group --clear-groups zolvin_4g_ctl $*"
+  nsenter --net="/proc/$board_pid/ns/net" setpriv --reuid="$user" --regid="$group" --clear-groups \
+    "$build/tools/ctl/zolvin_4g_ctl" "$@" 2>&1 | sed 's/^/  /' || true
 }
 boardctl() { "$build/tools/simboard/zolvin_boardctl" "$@" >/dev/null; }
 until_seen() { # pattern, file, seconds: waits for the pattern, with a deadline
@@ -135,6 +143,8 @@ while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
     ctl check
     ctl check period
     ctl ping get 1
+    ctl_as nobody nogroup version
+    ctl_as nobody users version
     events_session
     echo "== daemon output (continued)"
   fi

@@ -6,6 +6,9 @@
 #include "core/frames.h"
 #include "core/report.h"
 
+#include <cstddef>
+#include <sys/types.h>
+
 // Thread entry of the server; returns only after a socket error.
 void *interface_thread(void *arg);
 
@@ -26,3 +29,21 @@ void *request_worker_ec20(void *request_copy);
 // The two operations that exist only for the client.
 int set_sms_call_defaults();
 int voice_dial(const char *number);
+
+// Who may be a client: root, the daemon's own user, and, when the configuration
+// names a client_group, its members by primary or supplementary group. Any
+// other client could set commands that the daemon runs as root.
+constexpr size_t CLIENT_GROUPS_MAX = 256; // supplementary groups looked at
+struct client_identity {
+    uid_t uid;
+    gid_t gid;
+    const gid_t *groups; // supplementary groups
+    size_t group_count;
+};
+// `group`: the resolved client_group, or null when none is set.
+bool client_allowed(const client_identity &peer, uid_t self, const gid_t *group);
+// A group name or number; false when empty or not a group.
+bool client_group_resolve(const char *text, gid_t *gid);
+// Reads the peer's credentials from a connected socket and decides; a refusal
+// is logged with debug.
+bool client_admit(int fd);

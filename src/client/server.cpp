@@ -260,6 +260,10 @@ void *interface_thread(void *) {
         }
         // No listening socket while a client is connected: a second one is refused at once.
         close_quietly(listener);
+        if (!client_admit(client)) {
+            close(client); // no reply: a stranger learns nothing
+            continue;
+        }
         s.client_fd.store(client, std::memory_order_release);
         s.client_connected.store(1, std::memory_order_release);
         for (;;) {

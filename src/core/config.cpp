@@ -26,6 +26,7 @@ char *field_ping4(daemon_state &s) { return s.ping_address[3]; }
 char *field_ping5(daemon_state &s) { return s.ping_address[4]; }
 char *field_ping6(daemon_state &s) { return s.ping_address[5]; }
 char *field_down_script(daemon_state &s) { return s.down_script; }
+char *field_client_group(daemon_state &s) { return s.client_group; }
 
 const text_key TEXT_KEYS[] = {
     {"app_name", field_app_name},           {"apn_name", field_apn_name},
@@ -33,7 +34,7 @@ const text_key TEXT_KEYS[] = {
     {"ping_address1", field_ping1},         {"ping_address2", field_ping2},
     {"ping_address3", field_ping3},         {"ping_address4", field_ping4},
     {"ping_address5", field_ping5},         {"ping_address6", field_ping6},
-    {"down_script", field_down_script},
+    {"down_script", field_down_script},     {"client_group", field_client_group},
 };
 
 // Debug lines of the configuration are spaced by 1 ms, as the log has always been.

@@ -74,6 +74,9 @@ struct daemon_state {
     char ping_address[PING_ADDRESS_COUNT][TEXT_FIELD_SIZE]; // ping_address1 .. ping_address6
     std::atomic<uint32_t> check_timeS{600};
     char down_script[TEXT_FIELD_SIZE];
+    // Group (name or number) whose members may be clients besides root and the
+    // daemon's own user; empty: none. Only the file sets it, before any thread.
+    char client_group[TEXT_FIELD_SIZE];
 
     // Prepared commands
     char killall_cmd[CMD_FIELD_SIZE];

@@ -51,6 +51,12 @@ struct echo_record {
     std::vector<uint8_t> icmp; // the ICMP message, header included
 };
 
+struct client_user {
+    uid_t uid;
+    gid_t gid;
+    std::vector<gid_t> groups; // supplementary
+};
+
 class sim_board {
 public:
     explicit sim_board(board_config config = board_config());
@@ -93,8 +99,9 @@ public:
     // Connects `control` to the modem emulator; false when it could not in time.
     bool modem(modem_control *control);
     // A socket connected to "@phone_server" in the board's network namespace,
-    // or -1 when none could connect in time.
-    int connect_client(milliseconds timeout = WAIT);
+    // or -1 when none could connect in time. With `as`, a process of that
+    // user and groups makes the connection, so the daemon sees those credentials.
+    int connect_client(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
     // The daemon's pid on the host, or -1.
     pid_t daemon_pid() const;
 
@@ -117,6 +124,7 @@ public:
     client_conn &operator=(const client_conn &) = delete;
 
     bool valid() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
     void close();
     bool send_bytes(const std::string &bytes);
     bool send(uint16_t code, const std::vector<std::string> &fields = {});

@@ -10,8 +10,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <poll.h>
 #include <random>
 #include <sched.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -93,6 +95,42 @@ TEST(ClientRestartTest, CancelsTheRunningWorkerPowerCyclesTheModuleAndFreesThePo
     EXPECT_EQ(c.ask_settled(102), "102/0/20");
     EXPECT_EQ(c.ask(501, {"1"}), "501/0/");
     EXPECT_TRUE(c.state_becomes("Connected"));
+}
+
+// True when the daemon closes the connection without a frame.
+bool closed_without_reply(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    char byte;
+    return poll(&p, 1, static_cast<int>(WAIT.count())) == 1 && recv(fd, &byte, 1, 0) == 0;
+}
+
+TEST(ClientInterfaceTest, ServesRootAndClientGroupMembersOnlyAndStrangersChangeNothing) {
+    SKIP_WITHOUT_BOARD();
+    const gid_t users = 100, nogroup = 65534;
+    const uid_t nobody = 65534;
+    sim_board board(board_config("none", "client_group=users\n"));
+    ASSERT_TRUE(board.start_daemon({"debug"}));
+    {
+        client_conn root(board.connect_client());
+        EXPECT_EQ(root.ask(525, {"1", "echo set by root"}), "525/0/echo set by root");
+    }
+    {
+        client_user stranger{nobody, nogroup, {}};
+        client_conn conn(board.connect_client(WAIT, &stranger));
+        ASSERT_TRUE(conn.valid());
+        conn.send(525, {"1", "echo set by a stranger"});
+        conn.send(522, {"1", "1"});
+        EXPECT_TRUE(closed_without_reply(conn.fd()));
+    }
+    EXPECT_TRUE(sim_board::wait_until(
+        [&] { return board.stdout_text().find("Client refused: uid 65534\n") != std::string::npos; }));
+    // Members by a supplementary group and by their primary group.
+    for (const client_user &member : {client_user{nobody, nogroup, {users}}, client_user{nobody, users, {}}}) {
+        client_conn conn(board.connect_client(WAIT, &member));
+        EXPECT_EQ(conn.ask(911), VERSION);
+        EXPECT_EQ(conn.ask(525, {"0"}), "525/0/echo set by root");
+        EXPECT_EQ(conn.ask(522, {"0"}), "522/0/0");
+    }
 }
 
 TEST(ClientInterfaceTest, OneClientAtATimeAndAWorkerOutlivesItsClient) {
