@@ -42,18 +42,14 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
         uint16_t code;
         std::vector<std::string> fields;
     } cases[] = {
-        {{"dial", "off"}, 501, {"0"}},
         {{"apn", "set", "1", "internet"}, 521, {"1", "1", "internet"}},
         {{"apn", "set", "2", ""}, 521, {"1", "2"}}, // no third field clears the setting
         {{"ping", "set", "2", "10.64.0.1"}, 523, {"1", "2", "10.64.0.1"}},
-        {{"check", "off"}, 522, {"1", "0"}},
         {{"check", "period", "60"}, 524, {"1", "60"}},
-        {{"call", "123"}, 304, {"123"}},
         {{"sms", "send", "10086", "hi"}, 251, {"0", "DEFAULT", "10086", "hi", "167", "0"}},
         {{"sms", "send", "--report", "--validity", "0", "+86", "\xE4\xBD\xA0"}, 251,
          {"1", "DEFAULT", "+86", "\xE4\xBD\xA0", "0", "1"}},
         {{"sms", "send", "--text-mode", "10086", "--hi"}, 252, {"10086", "--hi"}},
-        {{"fota", "/fw/a.bin"}, 561, {"0", "/fw/a.bin"}},
         {{"fota", "a.bin", "--pause", "20", "--chunk", "500"}, 561, {"0", cwd() + "/a.bin", "500", "20"}},
         {{"fota", "ftp://h/a.bin", "--chunk", "1000"}, 561, {"1", "ftp://h/a.bin", "1000", "8"}},
     };
@@ -75,11 +71,9 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
     EXPECT_EQ(list[5].code, 523);
     EXPECT_EQ(list[0].fields[1] + list[5].fields[0] + list[5].fields[1], "106");
     for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
-             {}, {"frobnicate"}, {"dial", "maybe"}, {"period"}, {"ping", "set", "1"}, {"check", "on", "off"}, {"raw", "65536"}, {"raw", "102", ""}, {"at", std::string(999, 'A')},
-             {"sms", "1", "x"}, {"sms", "send", "--validity", "256", "1", "x"},
-             {"sms", "send", "--text-mode", "--report", "1", "x"}, {"sms", "send", "--rush", "1", "x"},
-             {"fota"}, {"fota", "/f", "--pause", "5"}, {"fota", "/f", "--chunk", "0"}, {"fota", "/f", "--chunk"},
-             {"fota", "/f", "--chunk", "-1"}}) {
+             {}, {"frobnicate"}, {"dial", "maybe"}, {"ping", "set", "1"}, {"raw", "65536"}, {"at", std::string(999, 'A')},
+             {"sms", "send", "--validity", "256", "1", "x"}, {"sms", "send", "--text-mode", "--report", "1", "x"},
+             {"fota", "/f", "--pause", "5"}, {"fota", "/f", "--chunk", "0"}, {"fota", "/f", "--chunk"}}) {
         ctl::command c;
         EXPECT_FALSE(ctl::parse_command(bad, &c, &error)) << (bad.empty() ? "" : bad[0]);
     }
@@ -130,19 +124,13 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
     } cases[] = {
         {reply(1001, 1, "13912345678"), "call incoming 13912345678",
          R"({"event":"call","state":"incoming","number":"13912345678"})"},
-        {reply(1001, 0), "call incoming (no number)", R"({"event":"call","state":"incoming"})"},
-        {reply(1001, 2, "0"), "call answered", R"({"event":"call","state":"answered"})"},
         {reply(1001, 2, "1"), "call ended (no carrier)", R"({"event":"call","state":"ended","reason":"no carrier"})"},
-        {reply(1001, 2, "3"), "call ended (no dial tone)", R"({"event":"call","state":"ended","reason":"no dial tone"})"},
-        {reply(1011, 0), "tts done", R"({"event":"tts_done"})"},
         {reply(1021, 1, "49"), "tone 49", R"({"event":"tone","tone":"49"})"},
         {reply(1031, 0, sms), "sms from +8613912345678 at 2026-11-23 10:15:42: Hello",
          R"({"event":"sms","from":"+8613912345678","time":"2026-11-23T10:15:42","text":"Hello"})"},
         // A 7-bit text of 7 characters ends in a 0 that the frame's end cuts off.
         {reply(1031, 0, "0212142026112310154200812\"\n\x01" "56"), "sms from 12 at 2026-11-23 10:15:42: 12\"\\n\\x0156",
          R"({"event":"sms","from":"12","time":"2026-11-23T10:15:42","text":"12\"\n\u000156"})"},
-        {reply(1032, 0, "5"), "sms report ref 5 status 0 (delivered)",
-         R"({"event":"sms_report","reference":5,"status":0,"outcome":"delivered"})"},
         {reply(1032, 0x41, "255"), "sms report ref 255 status 65 (failed)",
          R"({"event":"sms_report","reference":255,"status":65,"outcome":"failed"})"},
         {reply(1201, 1, "+CMS ERROR: 500"), "module error +CMS ERROR: 500",
@@ -154,8 +142,7 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
     }
     // Lengths that run past the end, a text longer than announced, no "14",
     // unknown call states and references: printed as frames.
-    for (const reply_frame &f : {reply(1031, 0, "99+86"), reply(1031, 0, sms + "!"), reply(1031, 0, "0212"),
-                                 reply(1031, 0, "0212152026112310154200"), reply(1031, 0, "02121420261123101542"),
+    for (const reply_frame &f : {reply(1031, 0, "99+86"), reply(1031, 0, sms + "!"), reply(1031, 0, "0212152026112310154200"),
                                  reply(1001, 2, "9"), reply(1032, 0, "x"), reply(102, 0, "20")})
         EXPECT_EQ(ctl::format_event(f, plain), "") << std::string(f.text, f.text_len);
 }
