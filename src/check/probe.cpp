@@ -128,8 +128,12 @@ int icmp_ping(const char *ifname, const char *address) {
     if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, device, BIND_OPTION_SIZE) != 0)
         return -1;
     // The raw socket is open: the rights that opened it are not needed further.
-    int dropped = setuid(getuid());
-    (void)dropped;
+    // Only a daemon started set-user-ID has any to give up; asking anyway would
+    // make the C library stop every thread to change nothing, at every probe.
+    if (geteuid() != getuid()) {
+        int dropped = setuid(getuid());
+        (void)dropped;
+    }
     int rcvbuf = ICMP_RCVBUF_BYTES;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
     sockaddr_in dest;
