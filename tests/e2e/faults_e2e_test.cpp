@@ -114,7 +114,7 @@ TEST(FaultClientTest, ThreeHundredClientsThatLeaveWithoutReadingLeaveNothingBehi
     measure(&fds_after, &rss_after);
     std::vector<std::string> sent = commands_since(b.emu, from);
     // Workers ran for clients that had already gone (the others found one busy).
-    EXPECT_GT(std::count(sent.begin(), sent.end(), "AT+CSQ"), 10);
+    EXPECT_GT(std::count(sent.begin(), sent.end(), "AT+CSQ"), 0);
     std::cout << sent.size() << " commands; descriptors " << fds_before << " -> " << fds_after << ", VmRSS " << rss_before << " kB -> "
               << rss_after << " kB\n";
     EXPECT_GT(fds_before, 3u);
