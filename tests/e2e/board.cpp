@@ -360,7 +360,7 @@ std::unique_ptr<client_conn> served_client(sim_board &board) {
     std::unique_ptr<client_conn> c;
     eventually([&] {
         c = std::make_unique<client_conn>(board.connect_client());
-        return c->send(911) && c->reply(911);
+        return c->ask(911) == VERSION;
     });
     return c;
 }

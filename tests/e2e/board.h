@@ -21,6 +21,8 @@
 
 using std::chrono::milliseconds;
 const milliseconds WAIT(15000);
+// The daemon's answer to 911, as show() writes it.
+const std::string VERSION = "911/0/ZOLVIN 4G SERVER V1.23";
 
 struct board_config {
     explicit board_config(std::string family_ = "ec200t", std::optional<std::string> conf_ = std::nullopt)

@@ -15,7 +15,6 @@
 
 namespace {
 
-const std::string VERSION = "911/0/ZOLVIN 4G SERVER V1.23";
 const std::string CALLER = "13912345678";
 const std::string CLIP = "+CLIP: \"" + CALLER + "\",129";
 const std::string DHCP_USB0 = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i usb0";
