@@ -348,6 +348,26 @@ pid_t sim_board::daemon_pid() const {
     return found;
 }
 
+size_t open_descriptors(pid_t pid) {
+    size_t n = 0;
+    DIR *d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+    while (dirent *e = d != nullptr ? readdir(d) : nullptr)
+        n += e->d_name[0] != '.';
+    if (d != nullptr)
+        closedir(d);
+    return n;
+}
+
+long resident_kb(pid_t pid) {
+    std::istringstream in(read_file("/proc/" + std::to_string(pid) + "/status"));
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::atol(line.c_str() + 6);
+    }
+    return -1;
+}
+
 // ---- client_conn
 
 void client_conn::close() {
@@ -401,6 +421,15 @@ bool ready_board::start() {
         return false;
     client = std::make_unique<client_conn>(board.connect_client());
     return client->valid() && eventually([&] { return client->ask(912).rfind("912/0/", 0) == 0; });
+}
+
+std::unique_ptr<client_conn> served_client(sim_board &board) {
+    std::unique_ptr<client_conn> c;
+    eventually([&] {
+        c = std::make_unique<client_conn>(board.connect_client());
+        return c->ask(911) == VERSION;
+    });
+    return c;
 }
 
 std::string show(const std::optional<reply_frame> &f) {

@@ -21,6 +21,8 @@
 
 using std::chrono::milliseconds;
 const milliseconds WAIT(15000);
+// The daemon's answer to 911, as show() writes it.
+const std::string VERSION = "911/0/ZOLVIN 4G SERVER V1.23";
 
 struct board_config {
     explicit board_config(std::string family_ = "ec200t", std::optional<std::string> conf_ = std::nullopt)
@@ -115,6 +117,11 @@ private:
     std::optional<int> exit_status_;
 };
 
+// What a process holds: its open descriptors, and its resident memory
+// (VmRSS) in kB or -1.
+size_t open_descriptors(pid_t pid);
+long resident_kb(pid_t pid);
+
 // One connection to the daemon's socket.
 class client_conn {
 public:
@@ -147,6 +154,11 @@ private:
     std::vector<uint8_t> pending_;
 };
 
+// A client that has been answered (911). One that connects while the one
+// ahead of it still waits to be taken sits in the backlog and goes with the
+// listening socket the daemon closes on taking that one: it connects again,
+// as a real client does.
+std::unique_ptr<client_conn> served_client(sim_board &board);
 std::string show(const std::optional<reply_frame> &f);
 // Polls `ready` every 50 ms, as each poll may be a request to the daemon.
 inline bool eventually(const std::function<bool()> &ready, milliseconds timeout = WAIT) {
