@@ -3,7 +3,10 @@
 # auto_dial=1, the link check on with its default 600 s period and the board's
 # far end as its target), waits for the data call, then counts every thread's context
 # switches over a window with the link up and nothing happening, and again with
-# the module unplugged. Run by hand as root, not in CI.
+# the module unplugged; in between, the daemon's resident memory (VmRSS, its
+# anonymous and file-backed parts, the proportional set size that shares the
+# libraries' pages among their users) and its largest mappings. Run by hand as
+# root, not in CI.
 #
 #   bench/wakeups.sh [--seconds N] [--build DIR] [--daemon PATH]
 # PATH (default DIR's daemon) is the daemon measured, e.g. a MinSizeRel build's.
@@ -82,6 +85,11 @@ measure() { # label
 }
 
 measure "link up, idle"
+echo "== memory, link up"
+grep -E '^(VmRSS|VmHWM|RssAnon|RssFile|Threads):' "/proc/$daemon/status" | sed 's/^/   /'
+grep -E '^Pss:' "/proc/$daemon/smaps_rollup" | sed 's/^/   /'
+echo "   largest resident mappings (KiB):"
+pmap -x "$daemon" | awk 'NR > 2 && $3 ~ /^[0-9]+$/ && $3 > 0' | sort -k3 -n -r | sed -n '2,9p;' | sed 's/^/   /'
 echo "== board: $("$build/tools/simboard/zolvin_boardctl" "$work/control.sock" unplug)"
 sleep 1
 measure "module unplugged"
