@@ -3,18 +3,24 @@
 # auto_dial=1, the link check on with its default 600 s period and the board's
 # far end as its target), waits for the data call, then counts every thread's context
 # switches over a window with the link up and nothing happening, and again with
-# the module unplugged. Run by hand as root, not in CI.
+# the module unplugged; in between, the daemon's resident memory (VmRSS, its
+# anonymous and file-backed parts, the proportional set size that shares the
+# libraries' pages among their users) and its largest mappings. Run by hand as
+# root, not in CI.
 #
-#   bench/wakeups.sh [--seconds N] [--build DIR]
+#   bench/wakeups.sh [--seconds N] [--build DIR] [--daemon PATH]
+# PATH (default DIR's daemon) is the daemon measured, e.g. a MinSizeRel build's.
 set -euo pipefail
 
 seconds=10
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="$root/build-run"
+daemon_bin=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --seconds) seconds="${2:?}"; shift 2 ;;
     --build) build="${2:?}"; shift 2 ;;
+    --daemon) daemon_bin="$(realpath "${2:?}")"; shift 2 ;;
     *) echo "wakeups.sh: unknown argument '$1'" >&2; exit 2 ;;
   esac
 done
@@ -24,6 +30,7 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
 cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl -j 2 >/dev/null
+daemon_bin="${daemon_bin:-$build/zolvin_4g}"
 
 work="$(mktemp -d /tmp/zolvin_wakeups.XXXXXX)"
 board_pid=""
@@ -36,7 +43,7 @@ trap cleanup EXIT
 
 printf 'apn_name=cmnet\nauto_dial=1\nauto_check=1\ncheck_timeS=600\nping_address1=10.64.0.1\n' >"$work/zolvin_4g.conf"
 "$build/tools/simboard/zolvin_simboard" --work "$work" --family ec200t \
-  --conf "$work/zolvin_4g.conf" -- "$build/zolvin_4g" >/dev/null 2>&1 &
+  --conf "$work/zolvin_4g.conf" -- "$daemon_bin" >/dev/null 2>&1 &
 board_pid=$!
 
 wait_for() { # pattern, file, seconds
@@ -78,6 +85,11 @@ measure() { # label
 }
 
 measure "link up, idle"
+echo "== memory, link up"
+grep -E '^(VmRSS|VmHWM|RssAnon|RssFile|Threads):' "/proc/$daemon/status" | sed 's/^/   /'
+grep -E '^Pss:' "/proc/$daemon/smaps_rollup" | sed 's/^/   /'
+echo "   largest resident mappings (KiB):"
+pmap -x "$daemon" | awk 'NR > 2 && $3 ~ /^[0-9]+$/ && $3 > 0' | sort -k3 -n -r | sed -n '2,9p;' | sed 's/^/   /'
 echo "== board: $("$build/tools/simboard/zolvin_boardctl" "$work/control.sock" unplug)"
 sleep 1
 measure "module unplugged"

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building and testing need on a Debian machine, only what is missing.
 set -euo pipefail
-want=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-      iproute2 util-linux procps)
+want=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev busybox
+      iproute2 util-linux procps dpkg-dev file groff-base)
 missing=()
 for p in "${want[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

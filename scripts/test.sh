@@ -4,7 +4,8 @@
 # UndefinedBehaviorSanitizer running the same tests but the one slow recovery
 # test, a Clang build with ThreadSanitizer running the unit tests (the threaded
 # transport and server), then a short run of every fuzz target
-# (scripts/fuzz.sh). The sanitizer build compiles while the GCC tests run, and
+# (scripts/fuzz.sh), and the Debian package built and checked
+# (scripts/package.sh). The sanitizer build compiles while the GCC tests run, and
 # the slow test runs beside all of it: the end-to-end tests spend most of their
 # time waiting on the daemon's prescribed pauses.
 # Usage: scripts/test.sh [quick]   (quick: the GCC build only)
@@ -58,6 +59,9 @@ TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" tests tsan -L unit
 
 echo "=== fuzz (at ${SECONDS} s)"
 scripts/fuzz.sh
+
+echo "=== package (at ${SECONDS} s)"
+scripts/package.sh native
 
 slow_status=0
 wait "$gcc_slow" || slow_status=$?
