@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,24 +74,6 @@ TEST(LineSplitterTest, UnfinishedLineIsHandedOverOneSecondAfterItsLastByte) {
     EXPECT_EQ(splitter_flush_due(&sp), NO_DEADLINE);
 }
 
-TEST(LineSplitterTest, RandomBytesNeverOverrunTheLine) {
-    std::mt19937 rng(7);
-    line_splitter sp;
-    splitter_reset(&sp);
-    collected c;
-    char buf[256];
-    for (int round = 0; round < 20000; ++round) {
-        size_t n = rng() % sizeof buf;
-        for (size_t i = 0; i < n; ++i)
-            buf[i] = static_cast<char>(rng() % 64 == 0 ? '\r' : rng());
-        splitter_feed(&sp, buf, n, 0, collect_sink, &c);
-        ASSERT_LE(sp.len, LINE_KEEP);
-        for (const std::string &l : c.text)
-            ASSERT_TRUE(l.size() <= LINE_KEEP && l.find('\0') == std::string::npos);
-        c.text.clear();
-    }
-}
-
 class RingTest : public testing::Test {
 protected:
     fresh_state fresh;
@@ -104,12 +85,6 @@ protected:
         return out;
     }
 };
-
-TEST_F(RingTest, ALongLineIsCutToTheSlot) {
-    std::string huge(700, 'h');
-    urc_push(huge.c_str());
-    EXPECT_EQ(urc_next(0), huge.substr(0, RING_LINE_SIZE - 1));
-}
 
 TEST_F(RingTest, ALineArrivingDuringTheClosingDrainGoesBehindTheLeftovers) {
     daemon_state &s = state();
