@@ -97,6 +97,11 @@ void config_read(const char *path) {
         printf("Could not open configuration file '%s' for reading.\n", path);
         return;
     }
+    config_parse(f);
+    fclose(f);
+}
+
+void config_parse(FILE *f) {
     char line[1024];
     int number = 0;
     while (fgets(line, sizeof line, f) != nullptr) {
@@ -114,7 +119,6 @@ void config_read(const char *path) {
         *eq = '\0';
         config_apply(line, eq + 1);
     }
-    fclose(f);
 }
 
 void app_cmd_build() {

@@ -4,11 +4,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 constexpr const char *CONFIG_PATH = "/etc/zolvin_4g.conf";
 constexpr int CONFIG_VALUE_MAX = 50; // characters kept of a text value
 
 void config_read(const char *path);
+// The lines of an open configuration file, as config_read takes them.
+void config_parse(FILE *f);
 int config_apply(const char *key, const char *value);
 
 // Fills `app_cmd` from app_name, apn_name, apn_user, apn_passwd and apn_auth.
