@@ -56,7 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     const daemon_state &s = state();
     check(s.debug.load() == 0);
-    for (const char *field : {s.app_name, s.apn_name, s.apn_user, s.apn_passwd, s.down_script})
+    for (const char *field :
+         {s.app_name, s.apn_name, s.apn_user, s.apn_passwd, s.down_script, s.client_group})
         check(within(field, TEXT_FIELD_SIZE, CONFIG_VALUE_MAX));
     for (const char *ping : s.ping_address)
         check(within(ping, TEXT_FIELD_SIZE, CONFIG_VALUE_MAX));
