@@ -8,12 +8,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
-#include <grp.h>
-#include <poll.h>
 #include <sched.h>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -238,97 +237,39 @@ bool sim_board::modem(modem_control *control) {
     return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
 }
 
-namespace {
-
-// Retries until the daemon listens (it has no listening socket while serving
-// another client) or `deadline` passes. Plain system calls only: it also runs
-// in a child forked from the threaded test.
-int connect_until(long long deadline) {
-    sockaddr_un addr;
-    socklen_t len = server_address(&addr);
-    for (;;) {
-        int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (s >= 0 && ::connect(s, reinterpret_cast<sockaddr *>(&addr), len) == 0)
-            return s;
-        if (s >= 0)
-            ::close(s);
-        if (monotonic_ms() >= deadline)
-            return -1;
-        poll(nullptr, 0, 2);
-    }
-}
-
-// A child process enters the namespace, becomes `as` and connects; the socket
-// comes back over `channel`.
-int connect_as(int ns_fd, const client_user &as, long long deadline) {
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
-        return -1;
-    pid_t child = fork();
-    if (child == 0) {
-        int fd = -1;
-        if (setns(ns_fd, CLONE_NEWNET) == 0 && setgroups(as.groups.size(), as.groups.data()) == 0 &&
-            setresgid(as.gid, as.gid, as.gid) == 0 && setresuid(as.uid, as.uid, as.uid) == 0)
-            fd = connect_until(deadline);
-        char byte = 0;
-        iovec iov{&byte, 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        if (fd >= 0) {
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof control;
-            cmsghdr *c = CMSG_FIRSTHDR(&msg);
-            c->cmsg_level = SOL_SOCKET;
-            c->cmsg_type = SCM_RIGHTS;
-            c->cmsg_len = CMSG_LEN(sizeof(int));
-            memcpy(CMSG_DATA(c), &fd, sizeof fd);
-        }
-        _exit(sendmsg(pair[1], &msg, MSG_NOSIGNAL) == 1 ? 0 : 1);
-    }
-    ::close(pair[1]);
-    int fd = -1;
-    if (child > 0) {
-        char byte;
-        iovec iov{&byte, 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        if (recvmsg(pair[0], &msg, MSG_CMSG_CLOEXEC) == 1) {
-            cmsghdr *c = CMSG_FIRSTHDR(&msg);
-            if (c != nullptr && c->cmsg_type == SCM_RIGHTS)
-                memcpy(&fd, CMSG_DATA(c), sizeof fd);
-        }
-        waitpid(child, nullptr, 0);
-    }
-    ::close(pair[0]);
-    return fd;
-}
-
-} // namespace
-
 int sim_board::connect_client(milliseconds timeout, const client_user *as) {
     // The board has its network namespace once it serves its control socket.
     wait_until([&] { return access(path("control.sock").c_str(), F_OK) == 0; }, timeout);
     int ns_fd = open(("/proc/" + std::to_string(pid_) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
     if (ns_fd < 0)
         return -1;
-    long long deadline = monotonic_ms() + timeout.count();
     int fd = -1;
-    if (as != nullptr) {
-        fd = connect_as(ns_fd, *as, deadline);
-    } else {
-        // The namespace is entered by a thread of its own: sockets keep the
-        // namespace they were made in, the test's threads keep theirs.
-        std::thread([&] {
-            if (setns(ns_fd, CLONE_NEWNET) == 0)
-                fd = connect_until(deadline);
-        }).join();
-    }
+    // A thread of its own enters the namespace and, for `as`, takes that
+    // user's credentials: sockets keep the namespace they were made in and the
+    // daemon sees the credentials of the connecting thread. The raw calls
+    // change this thread alone (the C library's wrappers would change every
+    // thread), and the thread ends with them.
+    std::thread([&] {
+        if (setns(ns_fd, CLONE_NEWNET) != 0)
+            return;
+        if (as != nullptr && (syscall(SYS_setgroups, as->groups.size(), as->groups.data()) != 0 ||
+                              syscall(SYS_setresgid, as->gid, as->gid, as->gid) != 0 ||
+                              syscall(SYS_setresuid, as->uid, as->uid, as->uid) != 0))
+            return;
+        sockaddr_un addr;
+        socklen_t len = server_address(&addr);
+        wait_until(
+            [&] {
+                int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+                if (::connect(s, reinterpret_cast<sockaddr *>(&addr), len) == 0) {
+                    fd = s;
+                    return true;
+                }
+                ::close(s);
+                return false;
+            },
+            timeout);
+    }).join();
     ::close(ns_fd);
     return fd;
 }
