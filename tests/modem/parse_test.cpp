@@ -31,8 +31,6 @@ TEST(AnswerParseTest, CapturedAnswerLines) {
         {csca_number, "+CSCA: \"+" + std::string(20, '2') + "\"", 20, false, "kept"}, // no room
         {creg_location, "+CREG: 2,1,\"1A2B\",\"01C3D4E\",7", 100, true, "1A2B,01C3D4E"},
         {creg_location, "+CREG: 2,0", 100, false, "kept"},
-        // The cell search starts two past the area's closing quote: past the end here.
-        {creg_location, "+CREG: 2,1,\"1A2B\"", 100, false, "kept"},
         {creg_location, "+CREG: 2,1,\"1A2B\",\"" + c20 + "\"", 100, true, "1A2B," + c20},
         {creg_location, "+CREG: 2,1,\"1A2B\",\"" + c20 + "C\"", 100, false, "kept"}, // closes at 40
         {qlbscfg_answer, "+QLBSCFG: \"server\",\"example.org\"", 100, true, "server: example.org"},
