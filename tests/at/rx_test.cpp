@@ -1,10 +1,13 @@
-// The receive path: cutting bytes into lines, the rings with their waits, and
-// the receive thread on a pty.
+// The module's port: its line settings, cutting its bytes into lines, the
+// rings with their waits, and the receive thread on a pty.
 #include "at/at.h"
+#include "at/serial.h"
+#include "core/daemon_state.h"
 #include "support/at_port.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -119,6 +122,23 @@ TEST(ReceiveThreadTest, EchoesTrafficAndDeliversALineWithoutEndASecondLater) {
               "send at data:AT+CSQ\r\n\nreceive at data:+CSQ: 5,99\n");
     state().at_fd = -1;
     EXPECT_EQ(at_send("AT\r\n", 4), -1);
+}
+
+// The pty's slave stands for the module's ttyUSB node, opened by serial_open
+// while its line settings are still the cooked defaults.
+TEST(SerialTest, OpensRawAt115200WithNoFlowControl) {
+    at_port port;
+    int fd = state().at_fd.load();
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    termios t;
+    ASSERT_EQ(tcgetattr(fd, &t), 0);
+    EXPECT_EQ(cfgetispeed(&t), B115200);
+    EXPECT_EQ(cfgetospeed(&t), B115200);
+    EXPECT_EQ(t.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS), static_cast<tcflag_t>(CS8));
+    EXPECT_EQ(t.c_iflag & (IXON | IXOFF | ICRNL | INLCR), 0u);
+    EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG), 0u);
+    EXPECT_EQ(t.c_oflag & OPOST, 0u);
 }
 
 } // namespace
