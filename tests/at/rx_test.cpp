@@ -1,10 +1,13 @@
-// The receive path: cutting bytes into lines, the rings with their waits, and
-// the receive thread on a pty.
+// The module's port: its line settings, cutting its bytes into lines, the
+// rings with their waits, and the receive thread on a pty.
 #include "at/at.h"
+#include "at/serial.h"
+#include "core/daemon_state.h"
 #include "support/at_port.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,25 +16,19 @@ namespace {
 
 using lines = std::vector<std::string>;
 
-struct collected {
-    lines text;
-    std::vector<bool> complete;
-};
-
-void collect_sink(const char *line, bool complete, void *ctx) {
-    auto *c = static_cast<collected *>(ctx);
-    c->text.emplace_back(line);
-    c->complete.push_back(complete);
+// Whether a line was complete decides only its echo, seen in ReceiveThreadTest.
+void collect_sink(const char *line, bool, void *ctx) {
+    static_cast<lines *>(ctx)->emplace_back(line);
 }
 
 lines split(const std::string &input, size_t piece) {
     line_splitter sp;
     splitter_reset(&sp);
-    collected c;
+    lines c;
     for (size_t i = 0; i < input.size(); i += piece)
         splitter_feed(&sp, input.data() + i, std::min(piece, input.size() - i), 0, collect_sink,
                       &c);
-    return c.text;
+    return c;
 }
 
 TEST(LineSplitterTest, FramesLinesLikeTheModuleSendsThemInAnyPieces) {
@@ -61,35 +58,26 @@ TEST(LineSplitterTest, FramesLinesLikeTheModuleSendsThemInAnyPieces) {
 TEST(LineSplitterTest, UnfinishedLineIsHandedOverOneSecondAfterItsLastByte) {
     line_splitter sp;
     splitter_reset(&sp);
-    collected c;
+    lines c;
     EXPECT_EQ(splitter_flush_due(&sp), NO_DEADLINE);
     splitter_feed(&sp, "part", 4, 5000, collect_sink, &c);
     splitter_feed(&sp, "ial", 3, 5400, collect_sink, &c);
     EXPECT_EQ(splitter_flush_due(&sp), 6400);
     splitter_idle(&sp, 6399, collect_sink, &c);
-    EXPECT_TRUE(c.text.empty());
+    EXPECT_TRUE(c.empty());
     splitter_idle(&sp, 6400, collect_sink, &c);
-    EXPECT_EQ(c.text, lines{"partial"});
-    EXPECT_FALSE(c.complete[0]); // flushed lines are not echoed
+    EXPECT_EQ(c, lines{"partial"});
     EXPECT_EQ(splitter_flush_due(&sp), NO_DEADLINE);
 }
 
-class RingTest : public testing::Test {
-protected:
+TEST(RingTest, ALineArrivingDuringTheClosingDrainGoesBehindTheLeftovers) {
     fresh_state fresh;
-
-    static lines numbered(const char *stem, int from, int to) {
-        lines out;
-        for (int i = from; i < to; ++i)
-            out.push_back(stem + std::to_string(i));
-        return out;
-    }
-};
-
-TEST_F(RingTest, ALineArrivingDuringTheClosingDrainGoesBehindTheLeftovers) {
     daemon_state &s = state();
-    for (const std::string &l : numbered("old ", 0, RING_SLOTS))
-        urc_push(l.c_str());
+    lines want;
+    for (int i = 0; i < RING_SLOTS; ++i) {
+        want.push_back("old " + std::to_string(i));
+        urc_push(want.back().c_str());
+    }
     at_begin();
     line_deliver("+CSQ: 1,2");
     line_deliver("OK");
@@ -98,10 +86,8 @@ TEST_F(RingTest, ALineArrivingDuringTheClosingDrainGoesBehindTheLeftovers) {
     std::thread closing([] { at_finish(); });
     ASSERT_TRUE(wait_until([&] { return s.at_state.load() == AT_CLOSING; }, 5000));
     std::thread rx([] { line_deliver("RING"); });
-    lines got = numbered("old ", 0, RING_SLOTS);
-    lines want = got;
     want.insert(want.end(), {"+CSQ: 1,2", "OK", "RING"});
-    got.clear();
+    lines got;
     while (got.size() < want.size()) {
         std::string l = urc_next(5000);
         ASSERT_NE(l, "<none>");
@@ -113,21 +99,10 @@ TEST_F(RingTest, ALineArrivingDuringTheClosingDrainGoesBehindTheLeftovers) {
     EXPECT_EQ(s.at_state.load(), AT_IDLE);
 }
 
-class ReceiveThreadTest : public testing::Test {
-protected:
+// With atprint, sent and complete received lines are echoed; an unfinished
+// line is handed over about a second after its last byte, without an echo.
+TEST(ReceiveThreadTest, EchoesTrafficAndDeliversALineWithoutEndASecondLater) {
     fresh_state fresh;
-};
-
-TEST_F(ReceiveThreadTest, LineWithoutEndIsDeliveredAboutASecondLater) {
-    at_port port;
-    port.start_rx();
-    int64_t start = monotonic_ms();
-    port.module_says("NO END");
-    EXPECT_EQ(urc_next(5000), "NO END");
-    EXPECT_GE(monotonic_ms() - start, 950);
-}
-
-TEST_F(ReceiveThreadTest, AtPrintEchoesTraffic) {
     state().atprint = 1;
     at_port port;
     testing::internal::CaptureStdout();
@@ -137,12 +112,33 @@ TEST_F(ReceiveThreadTest, AtPrintEchoesTraffic) {
     port.module_says("\r\n+CSQ: 5,99\r\n> ");
     EXPECT_EQ(urc_next(2000), "+CSQ: 5,99");
     EXPECT_EQ(urc_next(2000), ">");
+    int64_t start = monotonic_ms();
+    port.module_says("NO END");
+    EXPECT_EQ(urc_next(5000), "NO END");
+    EXPECT_GE(monotonic_ms() - start, 950);
     port.stop_rx();
     fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "send at data:AT+CSQ\r\n\nreceive at data:+CSQ: 5,99\n");
     state().at_fd = -1;
     EXPECT_EQ(at_send("AT\r\n", 4), -1);
+}
+
+// The pty's slave stands for the module's ttyUSB node, opened by serial_open
+// while its line settings are still the cooked defaults.
+TEST(SerialTest, OpensRawAt115200WithNoFlowControl) {
+    at_port port;
+    int fd = state().at_fd.load();
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    termios t;
+    ASSERT_EQ(tcgetattr(fd, &t), 0);
+    EXPECT_EQ(cfgetispeed(&t), B115200);
+    EXPECT_EQ(cfgetospeed(&t), B115200);
+    EXPECT_EQ(t.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS), static_cast<tcflag_t>(CS8));
+    EXPECT_EQ(t.c_iflag & (IXON | IXOFF | ICRNL | INLCR), 0u);
+    EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG), 0u);
+    EXPECT_EQ(t.c_oflag & OPOST, 0u);
 }
 
 } // namespace

@@ -65,13 +65,10 @@ TEST_F(ConfigTest, EachKeyTakesItsValue) {
 
 TEST_F(ConfigTest, BadAndOverlongLinesAreNamedAndSkipped) {
     // A line is read in pieces of 1023 bytes, each a line of its own.
-    std::string out = read_config("#x\n\nno equals\r\napn_name=" + std::string(3000, 'n') + "\n" +
-                                  std::string(1500, 'x') + "\n");
+    std::string out = read_config("#x\n\nno equals\r\napn_name=" + std::string(3000, 'n') + "\n");
     EXPECT_EQ(out, "Line 3: invalid line 'no equals'\n"
                    "Line 5: invalid line '" + std::string(1023, 'n') + "'\n"
-                   "Line 6: invalid line '" + std::string(3000 - 1014 - 1023, 'n') + "'\n"
-                   "Line 7: invalid line '" + std::string(1023, 'x') + "'\n"
-                   "Line 8: invalid line '" + std::string(1500 - 1023, 'x') + "'\n");
+                   "Line 6: invalid line '" + std::string(3000 - 1014 - 1023, 'n') + "'\n");
     EXPECT_EQ(std::string(state().apn_name), std::string(50, 'n'));
 }
 

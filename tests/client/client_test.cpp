@@ -1,0 +1,228 @@
+// The client interface: the request workers, run on the test thread as the
+// server would start them (the AT gate taken and worker_busy set), with the
+// module's side of the port a pty read by the test, so the bytes it receives
+// are seen exactly; then the server's own codes and who may be a client.
+#include "at/at.h"
+#include "client/client.h"
+#include "core/config.h"
+#include "core/daemon_state.h"
+#include "modem/modem.h"
+#include "sms/send.h"
+#include "support/at_port.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+enum family : unsigned { EC200 = 1, EC20 = 2, BOTH = 3 };
+
+class WorkerTest : public port_test {
+protected:
+    // Runs one request as the server would: with the AT gate taken and worker_busy set.
+    void run(family f, const std::string &raw) {
+        worker_request req{raw.size(), {}};
+        memcpy(req.bytes, raw.data(), raw.size());
+        state().at_mutex.lock();
+        state().worker_busy = 1;
+        (f == EC20 ? request_worker_ec20 : request_worker_ec200)(&req);
+        EXPECT_EQ(state().worker_busy.load(), 0); // the gate is free again on every path
+        EXPECT_TRUE(state().at_mutex.try_lock());
+        state().at_mutex.unlock();
+    }
+};
+
+// Every row is answered by the worker itself, before or without any AT exchange.
+TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
+    struct row {
+        unsigned families;
+        std::string request;
+        std::string reports;
+        std::string module = ""; // all the module receives
+    };
+    const std::string n43(43, '5'), line988 = "AT+" + std::string(985, 'Q');
+    std::vector<row> rows = {
+        {BOTH, request_bytes(451, {"0"}), "451 10 |"}, // two fields needed
+        // A field length of 1000 or more ends the request without a reply.
+        {BOTH, "ZVS\x01\x30\x03\xE8" + std::string(100, '1'), ""},
+        // A dial command fills the 50-byte line exactly at 43 characters.
+        {BOTH, request_bytes(304, {n43 + "5"}), "304 10 |"},
+        {BOTH, request_bytes(304, {n43}), "304 0 |", "ATD" + n43 + ";\r\n"},
+        // Raw lines only in pass-through mode, which any other code ends.
+        {BOTH, request_bytes(401, {"1"}), "401 0 |"},
+        {BOTH, request_bytes(402, {"0", line988}), "", line988 + "\r\n"}, // the longest there is
+        {BOTH, request_bytes(999), "999 20 |"}, // a code nobody knows
+        {BOTH, request_bytes(402, {"0", "AT"}), "402 11 |"},
+        // Firmware update: the EC20 takes no file; the client's chunk size reaches the checks.
+        {BOTH, request_bytes(561, {"1"}), "561 10 |"},
+        {EC20, request_bytes(561, {"0", "/fw"}), "561 10 |"},
+        {EC200, request_bytes(561, {"1", "http://x", "0", "8"}), "561 10 |"},
+    };
+    // SMS refused before any module traffic, even with no centre stored: a number
+    // of 15 digits or with other characters, a 7-bit text above 127, a validity
+    // that is no octet.
+    const std::vector<std::string> sms = {"0", "DEFAULT", "10086", "hi", "167", "0"};
+    const std::pair<size_t, const char *> bad_sms[] = {
+        {2, "+861391234567890"}, {1, "123456789012345"}, {2, "1008#"}, {2, "+"}, {1, "+86 138"},
+        {3, "caf\xC3\xA9"},     {4, "256"},             {4, "1x"}};
+    for (const auto &[field, value] : bad_sms) {
+        std::vector<std::string> f = sms;
+        f[field] = value;
+        rows.push_back({BOTH, request_bytes(251, f), "251 10 |"});
+    }
+    rows.push_back({BOTH, request_bytes(251, {sms.begin(), sms.end() - 1}), "251 10 |"});
+    rows.push_back({BOTH, request_bytes(252, {std::string(50, '1'), "hi"}), "252 10 |"});
+    // Field 1 missing where it is used, and the other family's codes.
+    const std::pair<unsigned, std::vector<uint16_t>> need_field[] = {
+        {BOTH, {110, 231, 232, 233, 234, 236, 237, 238, 304, 401}},
+        {EC20, {190, 235, 310, 362}}, {EC200, {360, 551}}};
+    for (const auto &[families, codes] : need_field) {
+        for (uint16_t code : codes) {
+            rows.push_back({families, request_bytes(code), std::to_string(code) + " 10 |"});
+            if (families != BOTH)
+                rows.push_back({BOTH & ~families, request_bytes(code, {"1"}),
+                                std::to_string(code) + " 20 |"});
+        }
+    }
+    for (const row &c : rows) {
+        for (family f : {EC200, EC20}) {
+            if ((c.families & f) == 0)
+                continue;
+            SCOPED_TRACE(c.request.substr(0, 12) + (f == EC20 ? " on EC20" : " on EC200"));
+            run(f, c.request);
+            EXPECT_EQ(frames(), c.reports);
+            EXPECT_EQ(module_got(), c.module);
+        }
+    }
+}
+
+TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
+    run(EC20, request_bytes(304, {"123"}));
+    EXPECT_EQ(frames(), "304 0 |");
+    EXPECT_EQ(state().call_active.load(), 1);
+    port.stop_rx();
+    port.close_port(); // the device went away
+    run(EC200, request_bytes(304, {"123"}));
+    EXPECT_EQ(frames(), "304 1 at send error!|");
+    EXPECT_EQ(state().call_active.load(), 0);
+    state().at_passthrough = 1;
+    run(EC200, request_bytes(402, {"0", "AT"}));
+    EXPECT_EQ(frames(), "402 1 at send error!|");
+    // Silent operations stay silent, but the link state query always tells,
+    // and the registration query reports after its silent first step.
+    EXPECT_EQ(set_cmgf(0, 0), -1);
+    EXPECT_EQ(get_qnetdevstatus(0), -1);
+    EXPECT_EQ(get_creg(), -1);
+    EXPECT_EQ(sms_send_pdu(0, "1", "2", "x", 0, 0), -1);
+    sms_send_text("2", "x");
+    EXPECT_EQ(frames(), "191 1 at send error!|111 1 |251 1 at send error!|252 1 set_cmgf|");
+    EXPECT_EQ(state().at_state.load(), AT_IDLE);
+}
+
+// Local codes are answered by handle_request itself, before it returns.
+class LocalCodeTest : public port_test {
+protected:
+    LocalCodeTest() { state().module_restarting = 0; }
+    void send(const std::string &raw) {
+        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size());
+    }
+    // Every frame the request brought, as "code status text|".
+    std::string ask(uint16_t code, const std::vector<std::string> &fields = {}) {
+        send(request_bytes(code, fields));
+        return frames();
+    }
+};
+
+TEST_F(LocalCodeTest, NotReadyComesBeforeBusy) {
+    daemon_state &s = state();
+    s.worker_busy = 1;
+    s.fota_done = 1; // only 912 looks at it
+    EXPECT_EQ(ask(912), "912 13 |");
+    EXPECT_EQ(ask(102), "102 12 |");
+    s.fota_done = 0;
+    for (auto *flag : {&s.module_restarting, &s.module_reset_request}) {
+        *flag = 1;
+        EXPECT_EQ(ask(912), "912 13 |");
+        EXPECT_EQ(ask(102), "102 13 |");
+        EXPECT_EQ(ask(911), "911 0 ZOLVIN 4G SERVER V1.23|"); // answered whatever the state
+        *flag = 0;
+    }
+}
+
+// What a write leaves is read back through the protocol; 912 shows the dial switch.
+TEST_F(LocalCodeTest, SettingsReadAndWritten) {
+    const std::string sixty(60, 'p'), fifty(50, 'p'), limit = "10 Value between 1-30000";
+    const struct {
+        uint16_t code;
+        std::vector<std::string> fields;
+        std::string reply;             // "status text"
+        const char *app_cmd = nullptr; // the external program's command afterwards
+    } rows[] = {
+        {501, {"1"}, "0 "}, {912, {}, "0 Connecting"}, {501, {"0x"}, "0 "}, {501, {"2"}, "10 "},
+        {501, {}, "10 "}, {912, {}, "0 Disconnected"},
+        // APN slots: 1 name, 2 user, 3 password, 4 authentication.
+        {521, {"1", "1", "internet"}, "0 1:internet", "dialer -s internet &"},
+        {521, {"1", "2", "user"}, "0 2:user"},
+        {521, {"1", "3", "pw"}, "0 3:pw", "dialer -s internet user pw 1 &"},
+        {521, {"1", "4", "7"}, "0 "}, {521, {"1", "4"}, "0 "}, {521, {"0", "4"}, "0 4:1"},
+        {521, {"1", "4", "2"}, "0 4:2", "dialer -s internet user pw 2 &"},
+        {521, {"1", "1"}, "0 1:", "dialer"}, {521, {"0", "1"}, "0 1:"}, // no value clears it
+        {521, {"0", "0"}, "10 "}, {521, {"0", "5"}, "10 "}, {521, {"0", "x"}, "10 "},
+        {521, {"2", "1"}, "10 "}, {521, {"1"}, "10 "},
+        // Ping addresses: six slots of 50 characters.
+        {523, {"1", "6", sixty}, "0 6:" + fifty}, {523, {"0", "6"}, "0 6:" + fifty},
+        {523, {"1", "1", "10.0.0.1"}, "0 1:10.0.0.1"}, {523, {"0", "7"}, "10 "},
+        {522, {"0"}, "0 0"}, {522, {"1", "1"}, "0 1"}, {522, {"1", "x"}, "0 1"},
+        {522, {"1"}, "10 "}, {522, {}, "10 "},
+        {524, {"0"}, "0 600"}, {524, {"1", "0"}, limit}, {524, {"1", "30001"}, limit},
+        {524, {"1", "30000"}, "0 30000"}, {524, {"1", " 45s"}, "0 45"}, {524, {"0"}, "0 45"},
+        {524, {"1"}, "10 "}, {524, {}, "10 "},
+        {525, {"1", "/bin/down.sh now"}, "0 /bin/down.sh now"}, {525, {"0"}, "0 /bin/down.sh now"},
+        {525, {"1"}, "0 "}, {525, {"0"}, "0 "}, {525, {"3"}, "10 "}, {525, {}, "10 "},
+    };
+    config_apply("app_name", "dialer");
+    for (const auto &r : rows) {
+        SCOPED_TRACE(testing::Message() << "row " << (&r - rows));
+        EXPECT_EQ(ask(r.code, r.fields), std::to_string(r.code) + " " + r.reply + "|");
+        EXPECT_TRUE(r.app_cmd == nullptr || std::string(r.app_cmd) == state().app_cmd)
+            << state().app_cmd;
+    }
+}
+
+TEST_F(LocalCodeTest, OneReadIsOneFrame) {
+    // A frame split over two reads is not joined: neither half is a request.
+    send(std::string("ZVS\x03", 4));
+    send(std::string("\x8F\0\0", 3));
+    send(std::string("ZVR\x03\x8F\0\0", 7));
+    EXPECT_EQ(frames(), "");
+    // Two frames in one read: the bytes after the first are not a request.
+    send(std::string("ZVS\x03\x8F\0\0ZVS\x03\x90\0\0", 14));
+    EXPECT_EQ(frames(), "911 0 ZOLVIN 4G SERVER V1.23|");
+}
+
+TEST(ClientCredentialsTest, RootTheDaemonsUserAndMembersOfTheGroupOnly) {
+    const uid_t self = 1000;
+    const gid_t group = 100, extra[] = {20, 100};
+    const struct {
+        client_identity peer;
+        bool with_group, allowed;
+    } rows[] = {
+        {{0, 5, nullptr, 0}, false, true},          {{self, 5, nullptr, 0}, false, true},
+        {{2000, 100, nullptr, 0}, false, false},    {{2000, 100, nullptr, 0}, true, true},
+        {{2000, 5, extra, 2}, true, true},          {{2000, 5, extra, 1}, true, false},
+        {{2000, 5, nullptr, 0}, true, false},
+    };
+    for (const auto &r : rows)
+        EXPECT_EQ(client_allowed(r.peer, self, r.with_group ? &group : nullptr), r.allowed)
+            << "uid " << r.peer.uid << " gid " << r.peer.gid << " groups " << r.peer.group_count;
+    gid_t gid = 7;
+    EXPECT_TRUE(client_group_resolve("root", &gid) && gid == 0);
+    EXPECT_TRUE(client_group_resolve("4242", &gid) && gid == 4242);
+    for (const char *bad : {"", "no such group here", "4294967295", "99999999999", "12x"})
+        EXPECT_FALSE(client_group_resolve(bad, &gid)) << bad;
+}
+
+} // namespace
