@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -166,6 +168,15 @@ bool usb_board::plug(std::string *error) {
                                   family_->product_id + " " + tty_path + " " + slave_path_ + " " +
                                   (options_.net_dir ? options_.ifname : "-"));
     return true;
+}
+
+void usb_board::wait_port_read(long long timeout_ms) const {
+    // The board holds the slave too, so its input queue is what the reader
+    // has not taken yet. The tty layer gives no event when it empties.
+    long long deadline = monotonic_ms() + timeout_ms;
+    int unread = 0;
+    while (slave_ >= 0 && ioctl(slave_, TIOCINQ, &unread) == 0 && unread > 0 && monotonic_ms() < deadline)
+        poll(nullptr, 0, 1);
 }
 
 bool usb_board::unplug(std::string *error) {

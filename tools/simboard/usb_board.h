@@ -22,6 +22,11 @@ public:
     // whoever holds the port sees a hang-up.
     bool unplug(std::string *error);
 
+    // Waits, at most `timeout_ms`, until whoever holds the port has read what
+    // the module sent: a module that reboots right after its last line must not
+    // lose that line only because a loaded machine ran the reader late.
+    void wait_port_read(long long timeout_ms) const;
+
     bool has_module() const { return family_ != nullptr; }
     bool plugged() const { return master_ >= 0; }
     std::string status() const;
