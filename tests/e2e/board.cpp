@@ -41,6 +41,25 @@ std::string link_target(const std::string &path) {
     return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
 }
 
+#ifdef ZOLVIN_DAEMON_COMMAND
+const std::vector<std::string> DAEMON_COMMAND{ZOLVIN_DAEMON_COMMAND};
+#else
+const std::vector<std::string> DAEMON_COMMAND{ZOLVIN_DAEMON_BIN};
+#endif
+
+// Whether the process at /proc/PID `dir` is the daemon.
+bool runs_daemon(const std::string &dir) {
+#ifdef ZOLVIN_DAEMON_COMMAND
+    // Under an emulator the binary is the emulator's: the command line tells.
+    std::string words;
+    for (const std::string &w : DAEMON_COMMAND)
+        words += w + '\0';
+    return read_file(dir + "/cmdline").rfind(words, 0) == 0;
+#else
+    return link_target(dir + "/exe") == ZOLVIN_DAEMON_BIN;
+#endif
+}
+
 } // namespace
 
 std::vector<std::string> texts(const std::vector<record> &records) {
@@ -87,7 +106,7 @@ bool sim_board::wait_until(const std::function<bool()> &ready, milliseconds time
 }
 
 bool sim_board::start_daemon(const std::vector<std::string> &args) {
-    std::vector<std::string> command{ZOLVIN_DAEMON_BIN};
+    std::vector<std::string> command = DAEMON_COMMAND;
     command.insert(command.end(), args.begin(), args.end());
     return start(command);
 }
@@ -275,13 +294,13 @@ int sim_board::connect_client(milliseconds timeout, const client_user *as) {
 }
 
 pid_t sim_board::daemon_pid() const {
-    // The process in the board's network namespace that runs the daemon's binary.
+    // The process in the board's network namespace that runs the daemon.
     std::string ns = link_target("/proc/" + std::to_string(pid_) + "/ns/net");
     DIR *proc = opendir("/proc");
     pid_t found = -1;
     while (dirent *e = proc != nullptr && found < 0 ? readdir(proc) : nullptr) {
         std::string dir = std::string("/proc/") + e->d_name;
-        if (link_target(dir + "/exe") == ZOLVIN_DAEMON_BIN && link_target(dir + "/ns/net") == ns)
+        if (runs_daemon(dir) && link_target(dir + "/ns/net") == ns)
             found = std::atoi(e->d_name);
     }
     if (proc != nullptr)
