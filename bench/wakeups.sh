@@ -8,19 +8,25 @@
 # libraries' pages among their users) and its largest mappings. Run by hand as
 # root, not in CI.
 #
-#   bench/wakeups.sh [--seconds N] [--build DIR] [--daemon PATH]
+#   bench/wakeups.sh [--seconds N] [--build DIR] [--daemon PATH] [--emulate ARCH]
 # PATH (default DIR's daemon) is the daemon measured, e.g. a MinSizeRel build's.
+# --emulate arm64|armhf runs PATH, that architecture's daemon, under qemu-user
+# (scripts/emulator.sh): the wake-ups are then the emulator's threads (one per
+# daemon thread, and its own), the memory the resident pages of the daemon's own
+# address range.
 set -euo pipefail
 
 seconds=10
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="$root/build-run"
 daemon_bin=""
+arch=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --seconds) seconds="${2:?}"; shift 2 ;;
     --build) build="${2:?}"; shift 2 ;;
     --daemon) daemon_bin="$(realpath "${2:?}")"; shift 2 ;;
+    --emulate) arch="${2:?}"; shift 2 ;;
     *) echo "wakeups.sh: unknown argument '$1'" >&2; exit 2 ;;
   esac
 done
@@ -31,6 +37,12 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
 fi
 cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl -j 2 >/dev/null
 daemon_bin="${daemon_bin:-$build/zolvin_4g}"
+run=("$daemon_bin")
+if [ -n "$arch" ]; then
+  . "$root/scripts/emulator.sh"
+  emulator_for "$arch" || { echo "wakeups.sh: --emulate arm64 or armhf, not '$arch'" >&2; exit 2; }
+  run=("${emulator[@]}" "$daemon_bin")
+fi
 
 work="$(mktemp -d /tmp/zolvin_wakeups.XXXXXX)"
 board_pid=""
@@ -43,7 +55,7 @@ trap cleanup EXIT
 
 printf 'apn_name=cmnet\nauto_dial=1\nauto_check=1\ncheck_timeS=600\nping_address1=10.64.0.1\n' >"$work/zolvin_4g.conf"
 "$build/tools/simboard/zolvin_simboard" --work "$work" --family ec200t \
-  --conf "$work/zolvin_4g.conf" -- "$daemon_bin" >/dev/null 2>&1 &
+  --conf "$work/zolvin_4g.conf" -- "${run[@]}" >/dev/null 2>&1 &
 board_pid=$!
 
 wait_for() { # pattern, file, seconds
@@ -55,9 +67,11 @@ wait_for() { # pattern, file, seconds
 }
 wait_for 'busybox udhcpc' calls.log 60
 daemon=""
-for p in $(pgrep -x zolvin_4g); do
-  # The one on this board: a descendant of the board process.
-  if grep -qs "^PPid:" "/proc/$p/status" && [ "$(readlink "/proc/$p/ns/net")" = "$(readlink "/proc/$board_pid/ns/net")" ]; then
+for p in $(pgrep -f -- "$daemon_bin"); do
+  # The one on this board (in its network namespace) that the command started,
+  # not the board processes naming it on their command lines.
+  if [ "$(tr '\0' '\n' <"/proc/$p/cmdline" 2>/dev/null | head -n 1)" = "${run[0]}" ] &&
+     [ "$(readlink "/proc/$p/ns/net")" = "$(readlink "/proc/$board_pid/ns/net")" ]; then
     daemon=$p
   fi
 done
@@ -86,10 +100,29 @@ measure() { # label
 
 measure "link up, idle"
 echo "== memory, link up"
-grep -E '^(VmRSS|VmHWM|RssAnon|RssFile|Threads):' "/proc/$daemon/status" | sed 's/^/   /'
-grep -E '^Pss:' "/proc/$daemon/smaps_rollup" | sed 's/^/   /'
-echo "   largest resident mappings (KiB):"
-pmap -x "$daemon" | awk 'NR > 2 && $3 ~ /^[0-9]+$/ && $3 > 0' | sort -k3 -n -r | sed -n '2,9p;' | sed 's/^/   /'
+if [ -z "$arch" ]; then
+  grep -E '^(VmRSS|VmHWM|RssAnon|RssFile|Threads):' "/proc/$daemon/status" | sed 's/^/   /'
+  grep -E '^Pss:' "/proc/$daemon/smaps_rollup" | sed 's/^/   /'
+  echo "   largest resident mappings (KiB):"
+  pmap -x "$daemon" | awk 'NR > 2 && $3 ~ /^[0-9]+$/ && $3 > 0' | sort -k3 -n -r | sed -n '2,9p;' | sed 's/^/   /'
+else
+  # The mappings inside the daemon's own range, summed (bash: hex addresses).
+  read -r low high <<<"$guest_memory"
+  rss=0 anon=0 pss=0 inside=0 name="" largest=""
+  while read -r first second _ _ _ path; do
+    case "$first" in
+    *-*) s=$((16#${first%-*})) e=$((16#${first#*-}))
+         inside=$(( s >= low && e <= high )); name="$first ${path:-[anonymous]}" ;;
+    Rss:) [ "$inside" = 1 ] && { rss=$((rss + second)); [ "$second" -gt 0 ] && largest+="$second $name"$'\n'; } ;;
+    Anonymous:) [ "$inside" = 1 ] && anon=$((anon + second)) ;;
+    Pss:) [ "$inside" = 1 ] && pss=$((pss + second)) ;;
+    esac
+  done <"/proc/$daemon/smaps"
+  echo "   daemon's own range: Rss $rss kB (anonymous $anon kB, file-backed $((rss - anon)) kB), Pss $pss kB"
+  grep -E '^(VmRSS|Threads):' "/proc/$daemon/status" | sed 's/^/   emulator process, /'
+  echo "   largest resident mappings of the daemon's range (KiB):"
+  printf '%s' "$largest" | sort -n -r | head -n 8 | sed 's/^/   /'
+fi
 echo "== board: $("$build/tools/simboard/zolvin_boardctl" "$work/control.sock" unplug)"
 sleep 1
 measure "module unplugged"

@@ -6,12 +6,9 @@
 #   builds build/ARCH (the daemon) and build/ARCH-e2e (the native side)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/emulator.sh
 arch=${1:-}
-case "$arch" in
-arm64) triple=aarch64-linux-gnu qemu=qemu-aarch64 ;;
-armhf) triple=arm-linux-gnueabihf qemu=qemu-arm ;;
-*) echo "usage: $0 arm64|armhf [ctest args...]" >&2; exit 2 ;;
-esac
+emulator_for "$arch" || { echo "usage: $0 arm64|armhf [ctest args...]" >&2; exit 2; }
 shift
 jobs=$(nproc)
 
@@ -22,20 +19,20 @@ for p in "g++-$triple" qemu-user; do
 done
 if [ ${#missing[@]} -gt 0 ]; then
     echo "installing: ${missing[*]}"
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 
-# Without a binfmt_misc handler (a container often has none) the kernel cannot
-# run the binary itself: the emulator is named, with the cross libraries as the
-# root it resolves the dynamic loader and libraries under.
+emulator_for "$arch" # again: qemu may have been installed just now
 daemon_dir=$PWD/build/$arch
 cmake -S . -B "$daemon_dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="cmake/toolchains/$arch.cmake" \
     -DCMAKE_BUILD_TYPE=MinSizeRel -DZOLVIN_TESTS=OFF -DZOLVIN_WERROR=ON >/dev/null
 cmake --build "$daemon_dir" -j "$jobs" --target zolvin_4g
-command="$(command -v "$qemu");-L;/usr/$triple;$daemon_dir/zolvin_4g"
+command=$(IFS=';'; echo "${emulator[*]};$daemon_dir/zolvin_4g")
 
 cmake -S . -B "build/$arch-e2e" -G Ninja -DZOLVIN_WERROR=ON -DZOLVIN_BENCH=OFF \
-    -DZOLVIN_E2E_DAEMON_COMMAND="$command" >/dev/null
-cmake --build "build/$arch-e2e" -j "$jobs"
+    -DZOLVIN_E2E_DAEMON_COMMAND="$command" -DZOLVIN_E2E_DAEMON_MEMORY="${guest_memory/ /;}" >/dev/null
+cmake --build "build/$arch-e2e" -j "$jobs" --target e2e_tests
 echo "=== end-to-end tests, daemon: ${command//;/ }"
 ctest --test-dir "build/$arch-e2e" -L e2e -E SlowTest -j "$jobs" --output-on-failure "$@"

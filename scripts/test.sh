@@ -4,8 +4,9 @@
 # UndefinedBehaviorSanitizer running the same tests but the one slow recovery
 # test, a Clang build with ThreadSanitizer running the unit tests (the threaded
 # transport and server), then a short run of every fuzz target
-# (scripts/fuzz.sh), and the Debian package built and checked
-# (scripts/package.sh). The sanitizer build compiles while the GCC tests run, and
+# (scripts/fuzz.sh), the Debian package built and checked
+# (scripts/package.sh), and the end-to-end tests against the arm64 daemon under
+# qemu-user (scripts/cross-test.sh). The sanitizer build compiles while the GCC tests run, and
 # the slow test runs beside all of it: the end-to-end tests spend most of their
 # time waiting on the daemon's prescribed pauses.
 # Usage: scripts/test.sh [quick]   (quick: the GCC build only)
@@ -62,6 +63,9 @@ scripts/fuzz.sh
 
 echo "=== package (at ${SECONDS} s)"
 scripts/package.sh native
+
+echo "=== arm64 daemon, end-to-end under qemu-user (at ${SECONDS} s)"
+scripts/cross-test.sh arm64
 
 slow_status=0
 wait "$gcc_slow" || slow_status=$?

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -319,6 +320,21 @@ size_t open_descriptors(pid_t pid) {
 }
 
 long resident_kb(pid_t pid) {
+#ifdef ZOLVIN_DAEMON_MEMORY
+    const unsigned long long range[] = {ZOLVIN_DAEMON_MEMORY};
+    std::istringstream in(read_file("/proc/" + std::to_string(pid) + "/smaps"));
+    std::string line;
+    long kb = -1;
+    bool inside = false;
+    while (std::getline(in, line)) {
+        unsigned long long from = 0, to = 0;
+        if (std::sscanf(line.c_str(), "%llx-%llx ", &from, &to) == 2)
+            inside = from >= range[0] && to <= range[1];
+        else if (inside && line.rfind("Rss:", 0) == 0)
+            kb = std::max(kb, 0L) + std::atol(line.c_str() + 4);
+    }
+    return kb;
+#else
     std::istringstream in(read_file("/proc/" + std::to_string(pid) + "/status"));
     std::string line;
     while (std::getline(in, line)) {
@@ -326,6 +342,7 @@ long resident_kb(pid_t pid) {
             return std::atol(line.c_str() + 6);
     }
     return -1;
+#endif
 }
 
 // ---- client_conn

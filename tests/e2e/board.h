@@ -117,8 +117,9 @@ private:
     std::optional<int> exit_status_;
 };
 
-// What a process holds: its open descriptors, and its resident memory
-// (VmRSS) in kB or -1.
+// What a process holds: its open descriptors, and its resident memory in kB or
+// -1: VmRSS, or under an emulator the resident pages of the daemon's own
+// address range.
 size_t open_descriptors(pid_t pid);
 long resident_kb(pid_t pid);
 

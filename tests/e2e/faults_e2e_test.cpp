@@ -114,7 +114,7 @@ TEST(FaultClientTest, ThreeHundredClientsThatLeaveWithoutReadingLeaveNothingBehi
     std::vector<std::string> sent = commands_since(b.emu, from);
     // Workers ran for clients that had already gone (the others found one busy).
     EXPECT_GT(std::count(sent.begin(), sent.end(), "AT+CSQ"), 0);
-    std::cout << sent.size() << " commands; descriptors " << fds_before << " -> " << fds_after << ", VmRSS " << rss_before << " kB -> "
+    std::cout << sent.size() << " commands; descriptors " << fds_before << " -> " << fds_after << ", resident " << rss_before << " kB -> "
               << rss_after << " kB\n";
     EXPECT_GT(fds_before, 3u);
     EXPECT_LE(fds_after, fds_before);
