@@ -420,7 +420,7 @@ void board::leave_bus() {
     if (!usb_->plugged())
         return;
     append_record(files_.path("board.log"), "fota reboot");
-    usb_->wait_port_read(2000);
+    usb_->wait_port_read(10000);
     if (!usb_->unplug(&ignored))
         return;
     replug_at_ = options_.fota_return_ms < 0 ? -1 : monotonic_ms() + options_.fota_return_ms;

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -171,11 +170,13 @@ bool usb_board::plug(std::string *error) {
 }
 
 void usb_board::wait_port_read(long long timeout_ms) const {
-    // The board holds the slave too, so its input queue is what the reader
-    // has not taken yet. The tty layer gives no event when it empties.
+    // The board holds the slave too, so its readiness is what the reader has
+    // not taken yet. A poll, unlike TIOCINQ, first pushes what the master
+    // wrote through the tty's buffer work, which a loaded machine runs late.
+    // The tty layer gives no event when the input empties.
     long long deadline = monotonic_ms() + timeout_ms;
-    int unread = 0;
-    while (slave_ >= 0 && ioctl(slave_, TIOCINQ, &unread) == 0 && unread > 0 && monotonic_ms() < deadline)
+    pollfd p{slave_, POLLIN, 0};
+    while (slave_ >= 0 && poll(&p, 1, 0) == 1 && (p.revents & POLLIN) != 0 && monotonic_ms() < deadline)
         poll(nullptr, 0, 1);
 }
 
