@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -24,11 +23,7 @@ class WorkerTest : public port_test {
 protected:
     // Runs one request as the server would: with the AT gate taken and worker_busy set.
     void run(family f, const std::string &raw) {
-        worker_request req{raw.size(), {}};
-        memcpy(req.bytes, raw.data(), raw.size());
-        state().at_mutex.lock();
-        state().worker_busy = 1;
-        (f == EC20 ? request_worker_ec20 : request_worker_ec200)(&req);
+        run_worker(raw, f == EC20);
         EXPECT_EQ(state().worker_busy.load(), 0); // the gate is free again on every path
         EXPECT_TRUE(state().at_mutex.try_lock());
         state().at_mutex.unlock();

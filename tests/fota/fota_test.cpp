@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -66,15 +65,6 @@ protected:
             got += l + "|";
         return got;
     }
-    // As the server starts a worker: the AT gate taken.
-    void request(const std::vector<std::string> &fields) {
-        std::string raw = request_bytes(FOTA_CODE, fields);
-        worker_request req{raw.size(), {}};
-        memcpy(req.bytes, raw.data(), raw.size());
-        state().at_mutex.lock();
-        state().worker_busy = 1;
-        (state().module_type == MODULE_EC20 ? request_worker_ec20 : request_worker_ec200)(&req);
-    }
 
     fresh_state fresh;
     temp_dir dir;
@@ -104,7 +94,7 @@ TEST_F(FotaTest, UpdatesThatSucceed) {
         std::string img = c.fields[0] == "0" ? image_of(std::stoul(c.fields[1])) : "";
         if (c.fields[0] == "0")
             c.fields[1] = dir.write("fw.bin", img);
-        request(c.fields);
+        run_worker(request_bytes(FOTA_CODE, c.fields), c.family == mf::ec20);
         EXPECT_EQ(client.frames(), c.frames + " download end|" + UPDATED);
         auto record = port->module().wait_for_command(c.command, 1000);
         EXPECT_EQ(record ? record->body : "<none>", img);

@@ -57,12 +57,6 @@ TEST(SmsSubmitTest, BuildsTheHandCheckedPdus) {
     }
 }
 
-struct sms_bench {
-    fresh_state fresh;
-    emulated_port port;
-    client_end client;
-};
-
 TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
     using emu = modem_emulator;
     const std::string pdu = "07912143658709F1" "11000D91683119325476F8" "0000A7" "05E8329BFD06";
@@ -110,7 +104,7 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.reports);
-        std::optional<sms_bench> b;
+        std::optional<emulated_bench> b;
         b.emplace();
         c.setup(b->port.module());
         int result = c.op();
@@ -289,10 +283,9 @@ TEST(CommonLineTest, LinesBecomeEventsWithinTheirWindows) {
     }
 }
 
-TEST(CommonThreadTest, ABurstOfFortyLinesInOneWriteGivesFortyEventsInOrder) {
-    fresh_state fresh;
-    emulated_port port;
-    client_end client;
+struct CommonThreadTest : testing::Test, emulated_bench {};
+
+TEST_F(CommonThreadTest, ABurstOfFortyLinesInOneWriteGivesFortyEventsInOrder) {
     pthread_t common;
     ASSERT_EQ(pthread_create(&common, nullptr, common_thread, nullptr), 0);
     // Twice the rings' room; a module error does not end the data-call

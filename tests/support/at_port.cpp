@@ -1,9 +1,11 @@
 #include "support/at_port.h"
 
 #include "at/at.h"
+#include "client/client.h"
 #include "core/daemon_state.h"
 
 #include <cstdlib> // posix_openpt
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
@@ -20,16 +22,6 @@ bool readable(int fd, long deadline) {
 }
 
 } // namespace
-
-std::string read_until(int fd, const std::string &until, long timeout_ms) {
-    std::string got;
-    long deadline = monotonic_ms() + timeout_ms;
-    char buf[512];
-    ssize_t n = 0;
-    while (got.find(until) == std::string::npos && readable(fd, deadline) && (n = read(fd, buf, sizeof buf)) > 0)
-        got.append(buf, static_cast<size_t>(n));
-    return got;
-}
 
 std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
     auto be16 = [](size_t v) {
@@ -73,11 +65,6 @@ bool next_frame(int fd, std::vector<uint8_t> &pending, reply_frame *out, long ti
 }
 
 bool client_end::next(reply_frame *out, long timeout_ms) { return next_frame(fds_[1], pending_, out, timeout_ms); }
-
-bool client_end::silent(long quiet_ms) {
-    reply_frame f;
-    return !next(&f, quiet_ms);
-}
 
 namespace {
 std::string shown(const reply_frame &r) {
@@ -137,6 +124,16 @@ void at_port::stop_rx() {
     rx_running_ = false;
 }
 
+std::string at_port::module_reads(const std::string &until, long timeout_ms) {
+    std::string got;
+    long deadline = monotonic_ms() + timeout_ms;
+    char buf[512];
+    ssize_t n = 0;
+    while (got.find(until) == std::string::npos && readable(master_, deadline) && (n = read(master_, buf, sizeof buf)) > 0)
+        got.append(buf, static_cast<size_t>(n));
+    return got;
+}
+
 void at_port::module_says(const std::string &bytes) {
     if (write(master_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         throw std::runtime_error("write to pty master");
@@ -157,6 +154,14 @@ emulated_port::emulated_port(modem_family family) : emu_(family) {
 emulated_port::~emulated_port() {
     stop_rx();
     emu_.stop();
+}
+
+void run_worker(const std::string &raw, bool ec20) {
+    worker_request req{raw.size(), {}};
+    memcpy(req.bytes, raw.data(), raw.size());
+    state().at_mutex.lock();
+    state().worker_busy = 1;
+    (ec20 ? request_worker_ec20 : request_worker_ec200)(&req);
 }
 
 std::string port_test::module_got() {

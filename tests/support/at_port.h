@@ -14,20 +14,17 @@
 #include <string>
 #include <vector>
 
-// Polls `cond` every millisecond until it holds or `timeout_ms` passes.
-template <typename F> bool wait_until(F cond, long timeout_ms) {
+// Polls `cond` every `poll_ms` until it holds or `timeout_ms` passes.
+template <typename F> bool wait_until(F cond, long timeout_ms, long poll_ms = 1) {
     long deadline = monotonic_ms() + timeout_ms;
     while (!cond()) {
         if (monotonic_ms() > deadline)
             return cond();
-        struct timespec ts = {0, 1000000};
+        struct timespec ts = {poll_ms / 1000, poll_ms % 1000 * 1000000};
         nanosleep(&ts, nullptr);
     }
     return true;
 }
-
-// What arrives on `fd` until `until` (a substring) is in it or `timeout_ms` passes.
-std::string read_until(int fd, const std::string &until, long timeout_ms);
 
 // The next reply frame from `fd`, whose bytes read before wait in `pending`;
 // false when none is whole by the time-out. Throws on a stream that is not frames.
@@ -46,8 +43,6 @@ public:
 
     // Next frame within the deadline; false on time-out.
     bool next(reply_frame *out, long timeout_ms);
-    // True when no frame arrives within `quiet_ms`.
-    bool silent(long quiet_ms);
     // The frames sent so far, as "code status text|": a marker sent now
     // arrives behind them.
     std::string frames();
@@ -73,7 +68,7 @@ public:
     // Writes bytes as the module would.
     void module_says(const std::string &bytes);
     // What the daemon wrote to the port until `until` (a substring) arrived or the time ran out.
-    std::string module_reads(const std::string &until, long timeout_ms) { return read_until(master_, until, timeout_ms); }
+    std::string module_reads(const std::string &until, long timeout_ms);
     // Closes the daemon's side of the port, as a vanished device would leave it.
     void close_port();
 
@@ -98,6 +93,17 @@ public:
 private:
     modem_emulator emu_;
 };
+
+// A fresh daemon state, the emulated module on the port and a connected client.
+struct emulated_bench {
+    fresh_state fresh;
+    emulated_port port;
+    client_end client;
+};
+
+// Runs one request as the server starts a worker: the AT gate taken and
+// worker_busy set, for the worker to give back.
+void run_worker(const std::string &raw, bool ec20);
 
 // A fresh daemon state, the AT port with its receive thread and the test
 // playing the module, and a connected client. Each look at a side returns what
