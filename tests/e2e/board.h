@@ -43,6 +43,15 @@ struct record {
 };
 std::vector<std::string> texts(const std::vector<record> &records);
 
+// What the daemon runs at start-up and to dial.
+const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_ether", "modprobe option"};
+const std::string DHCP = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i ";
+
+inline std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string> &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 // The far end of the module's link (see the simulated board's README).
 const std::string MODULE_ADDRESS = "10.64.0.2", FAR_ADDRESS = "10.64.0.1", SILENT_ADDRESS = "10.64.0.3";
 
@@ -68,9 +77,12 @@ public:
 
     // Why the board cannot run here (not root), or empty.
     static std::string skip_reason();
-    // Polls `ready` (over the records, say) until it holds or the time is up.
+    // Polls `ready` (over the records, say) until it holds or the time is up:
+    // the board's records are files, with no event to block on.
     static bool wait_until(const std::function<bool()> &ready, milliseconds timeout = WAIT,
-                           milliseconds poll = milliseconds(2));
+                           milliseconds poll = milliseconds(2)) {
+        return ::wait_until(ready, timeout.count(), poll.count());
+    }
 
     // Runs the daemon binary with `args` on the board, or any command.
     bool start_daemon(const std::vector<std::string> &args = {});
@@ -104,6 +116,8 @@ public:
     // or -1 when none could connect in time. With `as`, a process of that
     // user and groups makes the connection, so the daemon sees those credentials.
     int connect_client(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
+    // Runs `fn` on a thread of its own in the board's network namespace.
+    void in_network(const std::function<void()> &fn) const;
     // The daemon's pid on the host, or -1.
     pid_t daemon_pid() const;
 
@@ -133,7 +147,6 @@ public:
     bool valid() const { return fd_ >= 0; }
     int fd() const { return fd_; }
     void close();
-    bool send_bytes(const std::string &bytes);
     bool send(uint16_t code, const std::vector<std::string> &fields = {});
     // The next frame from the daemon; none after the time-out.
     std::optional<reply_frame> next(milliseconds timeout);

@@ -17,7 +17,6 @@ namespace {
 
 const std::string CALLER = "13912345678";
 const std::string CLIP = "+CLIP: \"" + CALLER + "\",129";
-const std::string DHCP_USB0 = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i usb0";
 
 TEST(FaultModuleTest, LeavingTheBusMidRequestFailsItAndARestartBringsTheModuleBack) {
     SKIP_WITHOUT_BOARD();
@@ -130,7 +129,7 @@ TEST(FaultClientTest, AClientThatStopsReadingUnderAThousandEventsHoldsUpNeitherT
     ASSERT_TRUE(b.emu.inject_lines(std::vector<std::string>(1000, CLIP)));
     // The supervisor dials on the stalled client's word, through the same port.
     ASSERT_TRUE(stalled.send(501, {"1"}));
-    EXPECT_TRUE(sim_board::wait_until([&] { return b.board.called(DHCP_USB0); })) << b.board.stdout_text();
+    EXPECT_TRUE(sim_board::wait_until([&] { return b.board.called(DHCP + "usb0"); })) << b.board.stdout_text();
 
     // What did reach the stalled client are whole frames; the rest was dropped.
     size_t events = 0;

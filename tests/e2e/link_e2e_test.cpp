@@ -17,24 +17,13 @@
 
 namespace {
 
-const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_ether", "modprobe option"};
-const std::string DHCP = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i ";
 // The fake ifconfig records its calls, so it shows when the down script ran.
 const std::string DOWN_SCRIPT = "ifconfig down_script_ran";
 const std::string QICSGP = "AT+QICSGP=1,1,\"cmnet\",\"\",\"\",1";
 
-std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string> &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 // With a one-second period the check runs often enough to be watched.
 const std::string CHECK_CONF = "auto_dial=1\napn_name=cmnet\nauto_check=1\ncheck_timeS=1\n";
 const std::string QNETDEVCTL = "AT+QNETDEVCTL=1,1";
-
-long long now_ms() { // CLOCK_MONOTONIC, as the board's records
-    return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 struct family_case {
     std::string family, app_name;
@@ -97,7 +86,7 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
             // client; the next check comes 10 s after the failed one.
             ASSERT_TRUE(sim_board::wait_until([&] { return !board.pings().empty(); }));
             long long failed = board.pings()[0].ms + 3000;
-            EXPECT_FALSE(sim_board::wait_until([&] { return reasserted(0); }, milliseconds(failed + 1000 - now_ms())));
+            EXPECT_FALSE(sim_board::wait_until([&] { return reasserted(0); }, milliseconds(failed + 1000 - monotonic_ms())));
             ASSERT_EQ(holder.ask(401, {"0"}), "401/0/");
             holder.close();
         }
@@ -171,18 +160,18 @@ TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACall
     }));
     ASSERT_TRUE(emu.inject_lines({"RING", "+CLIP: \"13912345678\",129"}));
     ASSERT_EQ(show(client.reply(1001)), "1001/1/13912345678");
-    long long rang = now_ms();
+    long long rang = monotonic_ms();
     EXPECT_FALSE(sim_board::wait_until([&] { return probe_after(rang + 100); }, milliseconds(3500)));
     ASSERT_TRUE(emu.inject_line("NO CARRIER"));
     ASSERT_EQ(show(client.reply(1001)), "1001/2/1");
-    long long ended = now_ms();
+    long long ended = monotonic_ms();
     ASSERT_TRUE(sim_board::wait_until([&] { return probe_after(ended); }, milliseconds(3000)));
     EXPECT_GE(board.pings().back().ms - ended, 950);
 
     // Taking the link down stops the check.
     EXPECT_EQ(client.ask(501, {"0"}), "501/0/");
     ASSERT_TRUE(sim_board::wait_until([&] { return board.called("ifconfig usb0 down"); }));
-    long long down = now_ms();
+    long long down = monotonic_ms();
     EXPECT_FALSE(sim_board::wait_until([&] { return probe_after(down + 100); }, milliseconds(2500)));
     EXPECT_EQ(board.stderr_text(), "");
 }

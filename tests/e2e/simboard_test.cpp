@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <dirent.h>
+#include <filesystem>
 #include <net/if.h>
 #include <unistd.h>
 
@@ -32,11 +32,8 @@ modprobe option; killall dialer; exit 3
 // Host processes whose command line (NUL-separated words) begins with `start`.
 int host_processes_with(const std::string &start) {
     int found = 0;
-    DIR *proc = opendir("/proc");
-    while (dirent *e = proc != nullptr ? readdir(proc) : nullptr)
-        found += read_file(std::string("/proc/") + e->d_name + "/cmdline").rfind(start, 0) == 0;
-    if (proc != nullptr)
-        closedir(proc);
+    for (const std::filesystem::directory_entry &e : std::filesystem::directory_iterator("/proc"))
+        found += read_file(e.path() / "cmdline").rfind(start, 0) == 0;
     return found;
 }
 
