@@ -45,10 +45,10 @@ TEST(FotaTest, TheModuleRebootsOffTheBusAndTheDaemonFollowsItBack) {
         ASSERT_TRUE(b.start());
         std::ofstream(b.board.path("image.bin"), std::ios::binary) << image;
         size_t from = next_index(b.emu);
-        ASSERT_TRUE(b.client->send(561, file ? std::vector<std::string>{"0", b.board.path("image.bin"), "320", "5"}
-                                             : std::vector<std::string>{"1", "http://fw.example.net/ec200s.bin"}));
+        ASSERT_TRUE(b.client->send(561, file ? std::vector<std::string>{"0", b.board.path("image.bin")}
+                                             : std::vector<std::string>{"1", "https://fw.example.net/ec200s.bin"}));
         std::vector<std::string> download = {"5/Http download end"};
-        if (file) // the percentages show the 320-byte chunks
+        if (file) // the percentages show the family's own 320-byte chunks
             download = {"5/File downloading 32%", "5/File downloading 64%", "5/File downloading 96%",
                         "5/File downloading 100%", "5/File download end"};
         EXPECT_EQ(fota_frames(*b.client, milliseconds(40000)), download + UPDATE + std::vector<std::string>{"0/"});

@@ -82,11 +82,9 @@ TEST_F(FotaTest, UpdatesThatSucceed) {
         std::string command, frames, flags;
     } cases[] = {
         {mf::ec200s, {"0", "3000", "5000", "0"}, "AT+QFOTADL=\"FILE:3000\",1", downloading({50, 100}) + "561 5 File", "1010"},
-        {mf::ec200t, {"0", "1000"}, "AT+QFOTADL=\"FILE:1000\"", downloading({32, 64, 96, 100}) + "561 5 File", "1000"},
         {mf::ec200s, {"0", "960"}, "AT+QFOTADL=\"FILE:960\",1", downloading({25, 50, 75, 100}) + "561 5 File", "1010"},
         {mf::ec20, {"1", "http://fw.example/a.bin"}, "AT+QFOTADL=\"http://fw.example/a.bin\"", "561 5 Http", "1100"},
         {mf::ec200t, {"2", "ftp://fw.example/t.bin"}, "AT+QFOTADL=\"ftp://fw.example/t.bin\"", "561 5 Ftp", "1000"},
-        {mf::ec200s, {"1", "https://s.example/s"}, "AT+QFOTADL=\"https://s.example/s\"", "561 5 Http", "1010"},
     };
     for (auto c : cases) {
         SCOPED_TRACE(c.command);
