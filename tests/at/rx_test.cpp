@@ -3,7 +3,7 @@
 #include "at/at.h"
 #include "at/serial.h"
 #include "core/daemon_state.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

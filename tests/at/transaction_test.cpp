@@ -1,6 +1,6 @@
 #include "at/at.h"
 #include "core/text.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 // for the external program among the processes.
 #include "check/check.h"
 #include "core/shell.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

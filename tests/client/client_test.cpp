@@ -8,7 +8,7 @@
 #include "core/daemon_state.h"
 #include "modem/modem.h"
 #include "sms/send.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

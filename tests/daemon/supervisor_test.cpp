@@ -8,7 +8,6 @@
 #include "at/at.h"
 #include "core/daemon_state.h"
 #include "daemon/supervisor.h"
-#include "support/at_port.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>

@@ -9,7 +9,7 @@
 
 #include "core/frames.h"
 #include "modem_emu/modem_emu.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <chrono>
 #include <functional>

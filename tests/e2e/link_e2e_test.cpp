@@ -5,7 +5,6 @@
 // long test (about 150 s); `ctest -E Slow` leaves it out.
 
 #include "e2e/board.h"
-#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include "check/check.h"
 #include "client/client.h"
 #include "fota/fota.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include "at/at.h"
 #include "core/text.h"
 #include "modem/modem.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

@@ -10,7 +10,7 @@
 #include "sms/common.h"
 #include "sms/pdu.h"
 #include "sms/send.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

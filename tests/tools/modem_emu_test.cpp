@@ -4,7 +4,7 @@
 // emulator fails them by itself.
 
 #include "modem_emu/modem_emu.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
