@@ -166,9 +166,6 @@ void sim_board::stop() {
     }
 }
 
-std::string sim_board::stdout_text() const { return read_file(path("stdout")); }
-std::string sim_board::stderr_text() const { return read_file(path("stderr")); }
-std::string sim_board::exit_file() const { return read_file(path("exit")); }
 std::vector<record> sim_board::calls() const { return records(path("calls.log")); }
 std::vector<record> sim_board::events() const { return records(path("board.log")); }
 
@@ -241,10 +238,6 @@ std::string sim_board::control(const std::string &command) {
     return reply;
 }
 
-bool sim_board::modem(modem_control *control) {
-    return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
-}
-
 void sim_board::in_network(const std::function<void()> &fn) const {
     // Namespaces are the thread's own, and what it makes keeps them.
     int ns_fd = open(("/proc/" + std::to_string(pid_) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
@@ -314,12 +307,6 @@ long resident_kb(pid_t pid) {
 }
 
 // ---- client_conn
-
-void client_conn::close() {
-    if (fd_ >= 0)
-        ::close(fd_);
-    fd_ = -1;
-}
 
 bool client_conn::send(uint16_t code, const std::vector<std::string> &fields) {
     std::string bytes = request_bytes(code, fields);

@@ -17,6 +17,8 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 using std::chrono::milliseconds;
@@ -93,9 +95,9 @@ public:
     // SIGTERM, then SIGKILL if the board has not gone after a while.
     void stop();
 
-    std::string stdout_text() const;
-    std::string stderr_text() const;
-    std::string exit_file() const;
+    std::string stdout_text() const { return read_file(path("stdout")); }
+    std::string stderr_text() const { return read_file(path("stderr")); }
+    std::string exit_file() const { return read_file(path("exit")); }
     // When the board had received each occurrence of `text` on standard output.
     std::vector<long long> stdout_times(const std::string &text) const;
     std::vector<record> lines() const; // "pwr1", "rst0"
@@ -111,7 +113,9 @@ public:
     std::string control(const std::string &command);
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
     // Connects `control` to the modem emulator; false when it could not in time.
-    bool modem(modem_control *control);
+    bool modem(modem_control *control) {
+        return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
+    }
     // A socket connected to "@phone_server" in the board's network namespace,
     // or -1 when none could connect in time. With `as`, a process of that
     // user and groups makes the connection, so the daemon sees those credentials.
@@ -146,7 +150,7 @@ public:
 
     bool valid() const { return fd_ >= 0; }
     int fd() const { return fd_; }
-    void close();
+    void close() { if (fd_ >= 0) ::close(std::exchange(fd_, -1)); }
     bool send(uint16_t code, const std::vector<std::string> &fields = {});
     // The next frame from the daemon; none after the time-out.
     std::optional<reply_frame> next(milliseconds timeout);
