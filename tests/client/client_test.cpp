@@ -1,7 +1,6 @@
-// The client interface: the request workers, run on the test thread as the
-// server would start them (the AT gate taken and worker_busy set), with the
-// module's side of the port a pty read by the test, so the bytes it receives
-// are seen exactly; then the server's own codes and who may be a client.
+// The request workers, run on the test thread as the server starts them, with
+// the module's side of the port a pty read by the test, so the bytes it
+// receives are seen exactly; then the server's own codes and who may be a client.
 #include "at/at.h"
 #include "client/client.h"
 #include "core/config.h"

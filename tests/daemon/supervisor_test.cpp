@@ -1,10 +1,7 @@
 // The supervisor's passes against the modem emulator, on a clock the test
-// moves: the pacing of failed dials, the limit that raises one reset, the gate
-// that keeps a dial and a client's worker apart, and the tear-down that a
-// worker's ownership of the port skips. Every dial here fails (a refused
-// activation), so no DHCP client and no reset action run on the test host.
-// The re-opens after a firmware download run on a scratch bus and /dev, with
-// the emulator's pty as the port that leaves and comes back.
+// moves. Every dial here fails (a refused activation), so no DHCP client and
+// no reset action run on the test host. The re-opens after a firmware download
+// run on a scratch bus and /dev, the emulator's pty the port that comes and goes.
 #include "at/at.h"
 #include "core/daemon_state.h"
 #include "daemon/supervisor.h"

@@ -117,7 +117,7 @@ public:
         return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
     }
     // A socket connected to "@phone_server" in the board's network namespace,
-    // or -1 when none could connect in time. With `as`, a process of that
+    // or -1 when none could connect in time. With `as`, a thread of that
     // user and groups makes the connection, so the daemon sees those credentials.
     int connect_client(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
     // Runs `fn` on a thread of its own in the board's network namespace.

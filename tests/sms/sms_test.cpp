@@ -1,9 +1,6 @@
-// SMS: sending, with the SUBMIT PDU against hand-checked ones and both codes'
-// exchanges with the emulated module, whose record shows the exact commands
-// and bodies it received (a 7-bit PDU among them); received PDUs parsed
-// against an independent codec's vectors; the common thread, from unsolicited
-// lines to client events, the ring and message windows on a test clock, and a
-// burst through the receive and common threads.
+// SMS sent against hand-checked PDUs and the emulated module's record of the
+// exact commands and bodies; received PDUs against an independent codec's
+// vectors; the common thread's events, with its windows on a test clock.
 #include "at/at.h"
 #include "core/text.h"
 #include "modem/modem.h"
