@@ -23,7 +23,6 @@ int64_t test_clock() { return g_now; }
 class SupervisorTest : public testing::Test {
 protected:
     void SetUp() override {
-        daemon_state_reset();
         daemon_state &s = state();
         s.module_restarting.store(0);
         s.auto_dial.store(1);
@@ -33,11 +32,6 @@ protected:
         g_now = 1000;
         sv.clock = test_clock;
     }
-    void TearDown() override {
-        port.reset();
-        daemon_state_reset();
-    }
-
     size_t sent(const std::string &command) const {
         size_t n = 0;
         for (const modem_command &c : port->module().commands())
@@ -45,6 +39,7 @@ protected:
         return n;
     }
 
+    fresh_state fresh; // the port goes before the state is reset
     std::unique_ptr<emulated_port> port;
     supervisor sv;
 };
@@ -149,7 +144,6 @@ TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStops
 class ReopenTest : public testing::Test {
 protected:
     void SetUp() override {
-        daemon_state_reset();
         state().module_restarting.store(0);
         master = open_modem_pty(&slave);
         emu.start(master);
@@ -173,7 +167,6 @@ protected:
             close(sv.port_events);
         emu.stop();
         close(master);
-        daemon_state_reset();
     }
     // The EC200S on the bus with its AT port's node.
     void plug() {
@@ -196,6 +189,7 @@ protected:
         EXPECT_STREQ(line, "+QIND: \"FOTA\",\"START\"");
     }
 
+    fresh_state fresh;
     temp_dir sys, dev;
     std::string slave, node;
     int master = -1;

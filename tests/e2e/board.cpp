@@ -94,11 +94,7 @@ std::string sim_board::skip_reason() {
     return geteuid() == 0 ? "" : "the simulated board needs root (mount, network and pid namespaces)";
 }
 
-bool sim_board::start_daemon(const std::vector<std::string> &args) {
-    std::vector<std::string> command = DAEMON_COMMAND;
-    command.insert(command.end(), args.begin(), args.end());
-    return start(command);
-}
+bool sim_board::start_daemon(const std::vector<std::string> &args) { return start(DAEMON_COMMAND + args); }
 
 bool sim_board::start(const std::vector<std::string> &command) {
     if (dir_.empty() || pid_ > 0)

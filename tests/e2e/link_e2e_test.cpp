@@ -103,12 +103,10 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
         // With debug, the identity at start-up and the SIM before the dial.
         std::vector<std::string> sent = {"ATI", "AT+GSN", "AT+CIMI", "AT+COPS?", "AT+CSQ"};
         EXPECT_EQ(commands_since(boards[i].emu), sent + c.dial + c.reassert + c.hang_up);
-        std::vector<std::string> calls = DRIVERS;
-        if (c.app_name.empty())
-            calls = calls + std::vector<std::string>{DHCP + c.ifname, "ifconfig " + c.ifname + " down"};
-        else
-            calls = calls + std::vector<std::string>{"ifconfig wwan0 down", "killall " + c.app_name};
-        EXPECT_EQ(texts(board.calls()), calls + std::vector<std::string>{DOWN_SCRIPT});
+        std::vector<std::string> link = c.app_name.empty()
+                                            ? std::vector<std::string>{DHCP + c.ifname, "ifconfig " + c.ifname + " down"}
+                                            : std::vector<std::string>{"ifconfig wwan0 down", "killall " + c.app_name};
+        EXPECT_EQ(texts(board.calls()), DRIVERS + link + std::vector<std::string>{DOWN_SCRIPT});
         // The down script runs once the module has answered the hang-up.
         std::vector<modem_command> all = boards[i].emu.commands().value_or(std::vector<modem_command>{});
         if (!c.hang_up.empty() && !all.empty()) {
