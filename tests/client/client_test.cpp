@@ -79,7 +79,7 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
                 continue;
             SCOPED_TRACE(c.request.substr(0, 12) + (f == EC20 ? " on EC20" : " on EC200"));
             run(f, c.request);
-            EXPECT_EQ(frames(), c.reports);
+            EXPECT_EQ(client.frames(), c.reports);
             EXPECT_EQ(module_got(), c.module);
         }
     }
@@ -87,16 +87,16 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
 
 TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     run(EC20, request_bytes(304, {"123"}));
-    EXPECT_EQ(frames(), "304 0 |");
+    EXPECT_EQ(client.frames(), "304 0 |");
     EXPECT_EQ(state().call_active.load(), 1);
     port.stop_rx();
     port.close_port(); // the device went away
     run(EC200, request_bytes(304, {"123"}));
-    EXPECT_EQ(frames(), "304 1 at send error!|");
+    EXPECT_EQ(client.frames(), "304 1 at send error!|");
     EXPECT_EQ(state().call_active.load(), 0);
     state().at_passthrough = 1;
     run(EC200, request_bytes(402, {"0", "AT"}));
-    EXPECT_EQ(frames(), "402 1 at send error!|");
+    EXPECT_EQ(client.frames(), "402 1 at send error!|");
     // Silent operations stay silent, but the link state query always tells,
     // and the registration query reports after its silent first step.
     EXPECT_EQ(set_cmgf(0, 0), -1);
@@ -104,7 +104,7 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     EXPECT_EQ(get_creg(), -1);
     EXPECT_EQ(sms_send_pdu(0, "1", "2", "x", 0, 0), -1);
     sms_send_text("2", "x");
-    EXPECT_EQ(frames(), "191 1 at send error!|111 1 |251 1 at send error!|252 1 set_cmgf|");
+    EXPECT_EQ(client.frames(), "191 1 at send error!|111 1 |251 1 at send error!|252 1 set_cmgf|");
     EXPECT_EQ(state().at_state.load(), AT_IDLE);
 }
 
@@ -118,7 +118,7 @@ protected:
     // Every frame the request brought, as "code status text|".
     std::string ask(uint16_t code, const std::vector<std::string> &fields = {}) {
         send(request_bytes(code, fields));
-        return frames();
+        return client.frames();
     }
 };
 
@@ -183,10 +183,10 @@ TEST_F(LocalCodeTest, OneReadIsOneFrame) {
     send(std::string("ZVS\x03", 4));
     send(std::string("\x8F\0\0", 3));
     send(std::string("ZVR\x03\x8F\0\0", 7));
-    EXPECT_EQ(frames(), "");
+    EXPECT_EQ(client.frames(), "");
     // Two frames in one read: the bytes after the first are not a request.
     send(std::string("ZVS\x03\x8F\0\0ZVS\x03\x90\0\0", 14));
-    EXPECT_EQ(frames(), "911 0 ZOLVIN 4G SERVER V1.23|");
+    EXPECT_EQ(client.frames(), "911 0 ZOLVIN 4G SERVER V1.23|");
 }
 
 // Root, members by either group and strangers are the end-to-end test's

@@ -97,7 +97,7 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
         }
         EXPECT_EQ(op.get(), c.result);
         EXPECT_EQ(seen + module_got(), c.commands);
-        EXPECT_EQ(frames(), c.reports);
+        EXPECT_EQ(client.frames(), c.reports);
         EXPECT_EQ(urc(), c.urc);
         EXPECT_STREQ(c.field, c.value); // both null when the row names no field
         EXPECT_EQ(s.at_state.load(), AT_IDLE);

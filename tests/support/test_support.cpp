@@ -174,10 +174,9 @@ std::string port_test::module_got() {
     return end == std::string::npos ? got + "<no marker>" : got.substr(0, end);
 }
 
-std::string port_test::urc() {
-    port.module_says("MARK\r\n");
+std::string urc_before(const std::string &marker) {
     std::string got;
-    for (std::string l = urc_next(3000); l != "MARK" && l != "<none>"; l = urc_next(3000))
+    for (std::string l = urc_next(3000); l != marker && l != "<none>"; l = urc_next(3000))
         got += l + "|";
     return got;
 }

@@ -105,6 +105,8 @@ private:
 
 // The next line in urc_ring within the deadline, or "<none>".
 std::string urc_next(long timeout_ms);
+// The lines in urc_ring ahead of `marker`, as "line|".
+std::string urc_before(const std::string &marker);
 
 // The AT port with the modem emulator playing the module and the receive
 // thread running: a transaction can run against it as against a module.
@@ -137,12 +139,10 @@ class port_test : public testing::Test {
 protected:
     port_test() { port.start_rx(); }
 
-    // The client's frames, as "code status text|".
-    std::string frames() { return client.frames(); }
     // The bytes the module received.
     std::string module_got();
     // The lines passed on to urc_ring, as "line|".
-    std::string urc();
+    std::string urc() { port.module_says("MARK\r\n"); return urc_before("MARK"); }
 
     fresh_state fresh;
     at_port port;
