@@ -1,6 +1,6 @@
 #include "at/at.h"
 #include "core/text.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -20,12 +20,7 @@ void keep_line(const char *line, at_outcome *out, void *ctx) {
     text_set(out->text, line);
 }
 
-class TransactionTest : public testing::Test {
-protected:
-    fresh_state fresh;
-    emulated_port port;
-    client_end client;
-};
+struct TransactionTest : testing::Test, emulated_bench {};
 
 // The result line, the echo and the closing OK are in the operations' own
 // tests, as are plain ERROR, the module errors of the members that know them
@@ -35,7 +30,7 @@ TEST_F(TransactionTest, AStepThatKnowsNoModuleErrorWaitsForItsTimeOut) {
     EXPECT_EQ(at_transaction(STEP, "AT+QIACT=1\r\n", 0), -1);
     EXPECT_EQ(urc_next(100), "+CMS ERROR: 500");
     EXPECT_EQ(urc_next(100), "<none>");
-    EXPECT_TRUE(client.silent(50)); // report 0: nothing sent
+    EXPECT_EQ(client.frames(), ""); // report 0: nothing sent
 }
 
 TEST_F(TransactionTest, CollectedTextKeepsAtMost99CharactersAndAnyTransactionEndsRawMode) {
@@ -57,24 +52,7 @@ TEST_F(TransactionTest, SendFailureReportsAndDrainsNothing) {
     EXPECT_EQ(urc_next(100), "<none>");
 }
 
-// The right to use the port: one worker, supervisor work or a dial at a time.
-class PortAccessTest : public testing::Test {
-protected:
-    fresh_state fresh;
-};
-
-void finished(void *) { worker_finished(); }
-
-// A worker in the middle of an exchange: waiting for the module's answer.
-void *waiting_worker(void *) {
-    pthread_cleanup_push(finished, nullptr);
-    at_begin();
-    char line[RING_LINE_SIZE];
-    at_next_line(line, sizeof line, monotonic_ms() + 60000);
-    pthread_cleanup_pop(1);
-    return nullptr;
-}
-
+// The right to use the port: one worker or supervisor work at a time.
 std::atomic<int> g_inside{0};
 std::atomic<int> g_overlaps{0};
 
@@ -91,27 +69,8 @@ void *quick_worker(void *) {
     return nullptr;
 }
 
-TEST_F(PortAccessTest, ACancelledWorkerGivesThePortBackAndNothingRunsBesideAWorker) {
-    daemon_state &s = state();
-    ASSERT_EQ(worker_start(waiting_worker, nullptr), worker_start_result::started);
-    ASSERT_TRUE(wait_until([&] { return s.at_state.load() == AT_COLLECTING; }, 5000));
-    EXPECT_FALSE(port_work_begin());
-    EXPECT_EQ(worker_start(quick_worker, nullptr), worker_start_result::busy);
-
-    worker_cancel(); // a restart request in the middle of the exchange
-    EXPECT_EQ(s.worker_busy.load(), 0);
-    ASSERT_TRUE(s.at_mutex.try_lock());
-    s.at_mutex.unlock();
-
-    ASSERT_TRUE(port_work_begin());
-    EXPECT_EQ(worker_start(quick_worker, nullptr), worker_start_result::busy);
-    port_work_end();
-    ASSERT_TRUE(port_claim_for_dial());
-    EXPECT_EQ(s.dial_in_progress.load(), 1);
-    EXPECT_EQ(worker_start(quick_worker, nullptr), worker_start_result::busy);
-}
-
-TEST_F(PortAccessTest, SupervisorWorkAndWorkersRacingNeverOverlap) {
+TEST(PortAccessTest, SupervisorWorkAndWorkersRacingNeverOverlap) {
+    fresh_state fresh;
     g_overlaps = 0;
     std::atomic<bool> stop{false};
     std::atomic<int> works{0};

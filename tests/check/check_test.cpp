@@ -1,13 +1,10 @@
-// The link check: the check thread's rounds on a clock the test moves, the
-// probe, the re-assertions and the external program played by the test; the
-// real thread's cancellation in mid-exchange (a call's end waking the check
-// is in LinkCheckTest); the echo request's bytes, the reply filter on crafted
-// datagrams (which datagrams it may accept at all is the icmp_reply fuzz
-// target's), real probes on loopback, where the kernel answers, and the look
-// for the external program among the processes.
+// The link check's rounds on a clock the test moves, with the probe, the
+// re-assertions and the external program played by the test (a call's end
+// waking the real thread is LinkCheckTest's); which datagrams the reply filter
+// may accept at all is the icmp_reply fuzz target's.
 #include "check/check.h"
 #include "core/shell.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 

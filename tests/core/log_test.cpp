@@ -11,17 +11,14 @@
 namespace {
 
 __attribute__((format(printf, 2, 3))) std::string format_at(time_t when, const char *fmt, ...) {
-    char *buf = nullptr;
-    size_t len = 0;
-    FILE *mem = open_memstream(&buf, &len);
+    char buf[256] = {};
+    FILE *mem = fmemopen(buf, sizeof buf - 1, "w"); // the last byte stays the terminator
     va_list ap;
     va_start(ap, fmt);
     log_vprintf_at(mem, when, fmt, ap);
     va_end(ap);
     fclose(mem);
-    std::string out(buf, len);
-    free(buf);
-    return out;
+    return buf;
 }
 
 TEST(LogTest, StampsLocalTimeAndAddsNoNewline) {

@@ -1,14 +1,10 @@
 // The supervisor's passes against the modem emulator, on a clock the test
-// moves: the pacing of failed dials, the limit that raises one reset, the gate
-// that keeps a dial and a client's worker apart, and the tear-down that a
-// worker's ownership of the port skips. Every dial here fails (a refused
-// activation), so no DHCP client and no reset action run on the test host.
-// The re-opens after a firmware download run on a scratch bus and /dev, with
-// the emulator's pty as the port that leaves and comes back.
+// moves. Every dial here fails (a refused activation), so no DHCP client and
+// no reset action run on the test host. The re-opens after a firmware download
+// run on a scratch bus and /dev, the emulator's pty the port that comes and goes.
 #include "at/at.h"
 #include "core/daemon_state.h"
 #include "daemon/supervisor.h"
-#include "support/at_port.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
@@ -27,7 +23,6 @@ int64_t test_clock() { return g_now; }
 class SupervisorTest : public testing::Test {
 protected:
     void SetUp() override {
-        daemon_state_reset();
         daemon_state &s = state();
         s.module_restarting.store(0);
         s.auto_dial.store(1);
@@ -37,11 +32,6 @@ protected:
         g_now = 1000;
         sv.clock = test_clock;
     }
-    void TearDown() override {
-        port.reset();
-        daemon_state_reset();
-    }
-
     size_t sent(const std::string &command) const {
         size_t n = 0;
         for (const modem_command &c : port->module().commands())
@@ -49,6 +39,7 @@ protected:
         return n;
     }
 
+    fresh_state fresh; // the port goes before the state is reset
     std::unique_ptr<emulated_port> port;
     supervisor sv;
 };
@@ -153,7 +144,6 @@ TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStops
 class ReopenTest : public testing::Test {
 protected:
     void SetUp() override {
-        daemon_state_reset();
         state().module_restarting.store(0);
         master = open_modem_pty(&slave);
         emu.start(master);
@@ -177,7 +167,6 @@ protected:
             close(sv.port_events);
         emu.stop();
         close(master);
-        daemon_state_reset();
     }
     // The EC200S on the bus with its AT port's node.
     void plug() {
@@ -200,6 +189,7 @@ protected:
         EXPECT_STREQ(line, "+QIND: \"FOTA\",\"START\"");
     }
 
+    fresh_state fresh;
     temp_dir sys, dev;
     std::string slave, node;
     int master = -1;

@@ -6,8 +6,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sched.h>
 #include <sstream>
@@ -95,22 +95,7 @@ std::string sim_board::skip_reason() {
     return geteuid() == 0 ? "" : "the simulated board needs root (mount, network and pid namespaces)";
 }
 
-bool sim_board::wait_until(const std::function<bool()> &ready, milliseconds timeout, milliseconds poll) {
-    // The board's records are files: there is no event to block on.
-    auto deadline = clock_type::now() + timeout;
-    while (!ready()) {
-        if (clock_type::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(poll);
-    }
-    return true;
-}
-
-bool sim_board::start_daemon(const std::vector<std::string> &args) {
-    std::vector<std::string> command = DAEMON_COMMAND;
-    command.insert(command.end(), args.begin(), args.end());
-    return start(command);
-}
+bool sim_board::start_daemon(const std::vector<std::string> &args) { return start(DAEMON_COMMAND + args); }
 
 bool sim_board::start(const std::vector<std::string> &command) {
     if (dir_.empty() || pid_ > 0)
@@ -178,9 +163,6 @@ void sim_board::stop() {
     }
 }
 
-std::string sim_board::stdout_text() const { return read_file(path("stdout")); }
-std::string sim_board::stderr_text() const { return read_file(path("stderr")); }
-std::string sim_board::exit_file() const { return read_file(path("exit")); }
 std::vector<record> sim_board::calls() const { return records(path("calls.log")); }
 std::vector<record> sim_board::events() const { return records(path("board.log")); }
 
@@ -253,25 +235,27 @@ std::string sim_board::control(const std::string &command) {
     return reply;
 }
 
-bool sim_board::modem(modem_control *control) {
-    return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
+void sim_board::in_network(const std::function<void()> &fn) const {
+    // Namespaces are the thread's own, and what it makes keeps them.
+    int ns_fd = open(("/proc/" + std::to_string(pid_) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
+    if (ns_fd < 0)
+        return;
+    std::thread([&] {
+        if (setns(ns_fd, CLONE_NEWNET) == 0)
+            fn();
+    }).join();
+    close(ns_fd);
 }
 
 int sim_board::connect_client(milliseconds timeout, const client_user *as) {
     // The board has its network namespace once it serves its control socket.
     wait_until([&] { return access(path("control.sock").c_str(), F_OK) == 0; }, timeout);
-    int ns_fd = open(("/proc/" + std::to_string(pid_) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
-    if (ns_fd < 0)
-        return -1;
     int fd = -1;
-    // A thread of its own enters the namespace and, for `as`, takes that
-    // user's credentials: sockets keep the namespace they were made in and the
-    // daemon sees the credentials of the connecting thread. The raw calls
-    // change this thread alone (the C library's wrappers would change every
-    // thread), and the thread ends with them.
-    std::thread([&] {
-        if (setns(ns_fd, CLONE_NEWNET) != 0)
-            return;
+    // For `as`, the thread takes that user's credentials: the daemon sees
+    // those of the connecting thread. The raw calls change this thread alone
+    // (the C library's wrappers would change every thread), and the thread
+    // ends with them.
+    in_network([&] {
         if (as != nullptr && (syscall(SYS_setgroups, as->groups.size(), as->groups.data()) != 0 ||
                               syscall(SYS_setresgid, as->gid, as->gid, as->gid) != 0 ||
                               syscall(SYS_setresuid, as->uid, as->uid, as->uid) != 0))
@@ -289,34 +273,24 @@ int sim_board::connect_client(milliseconds timeout, const client_user *as) {
                 return false;
             },
             timeout);
-    }).join();
-    ::close(ns_fd);
+    });
     return fd;
 }
 
 pid_t sim_board::daemon_pid() const {
     // The process in the board's network namespace that runs the daemon.
     std::string ns = link_target("/proc/" + std::to_string(pid_) + "/ns/net");
-    DIR *proc = opendir("/proc");
-    pid_t found = -1;
-    while (dirent *e = proc != nullptr && found < 0 ? readdir(proc) : nullptr) {
-        std::string dir = std::string("/proc/") + e->d_name;
-        if (runs_daemon(dir) && link_target(dir + "/ns/net") == ns)
-            found = std::atoi(e->d_name);
+    for (const std::filesystem::directory_entry &e : std::filesystem::directory_iterator("/proc")) {
+        if (runs_daemon(e.path()) && link_target(e.path() / "ns/net") == ns)
+            return std::atoi(e.path().filename().c_str());
     }
-    if (proc != nullptr)
-        closedir(proc);
-    return found;
+    return -1;
 }
 
 size_t open_descriptors(pid_t pid) {
-    size_t n = 0;
-    DIR *d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    while (dirent *e = d != nullptr ? readdir(d) : nullptr)
-        n += e->d_name[0] != '.';
-    if (d != nullptr)
-        closedir(d);
-    return n;
+    std::error_code none; // no process: no descriptors
+    std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", none);
+    return static_cast<size_t>(std::distance(fds, std::filesystem::directory_iterator()));
 }
 
 long resident_kb(pid_t pid) {
@@ -347,18 +321,9 @@ long resident_kb(pid_t pid) {
 
 // ---- client_conn
 
-void client_conn::close() {
-    if (fd_ >= 0)
-        ::close(fd_);
-    fd_ = -1;
-}
-
-bool client_conn::send_bytes(const std::string &bytes) {
-    return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-}
-
 bool client_conn::send(uint16_t code, const std::vector<std::string> &fields) {
-    return send_bytes(request_bytes(code, fields));
+    std::string bytes = request_bytes(code, fields);
+    return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 std::optional<reply_frame> client_conn::next(milliseconds timeout) {

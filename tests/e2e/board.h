@@ -9,7 +9,7 @@
 
 #include "core/frames.h"
 #include "modem_emu/modem_emu.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <chrono>
 #include <functional>
@@ -17,6 +17,8 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 using std::chrono::milliseconds;
@@ -43,6 +45,15 @@ struct record {
 };
 std::vector<std::string> texts(const std::vector<record> &records);
 
+// What the daemon runs at start-up and to dial.
+const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_ether", "modprobe option"};
+const std::string DHCP = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i ";
+
+inline std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string> &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 // The far end of the module's link (see the simulated board's README).
 const std::string MODULE_ADDRESS = "10.64.0.2", FAR_ADDRESS = "10.64.0.1", SILENT_ADDRESS = "10.64.0.3";
 
@@ -68,9 +79,12 @@ public:
 
     // Why the board cannot run here (not root), or empty.
     static std::string skip_reason();
-    // Polls `ready` (over the records, say) until it holds or the time is up.
+    // Polls `ready` (over the records, say) until it holds or the time is up:
+    // the board's records are files, with no event to block on.
     static bool wait_until(const std::function<bool()> &ready, milliseconds timeout = WAIT,
-                           milliseconds poll = milliseconds(2));
+                           milliseconds poll = milliseconds(2)) {
+        return ::wait_until(ready, timeout.count(), poll.count());
+    }
 
     // Runs the daemon binary with `args` on the board, or any command.
     bool start_daemon(const std::vector<std::string> &args = {});
@@ -81,9 +95,9 @@ public:
     // SIGTERM, then SIGKILL if the board has not gone after a while.
     void stop();
 
-    std::string stdout_text() const;
-    std::string stderr_text() const;
-    std::string exit_file() const;
+    std::string stdout_text() const { return read_file(path("stdout")); }
+    std::string stderr_text() const { return read_file(path("stderr")); }
+    std::string exit_file() const { return read_file(path("exit")); }
     // When the board had received each occurrence of `text` on standard output.
     std::vector<long long> stdout_times(const std::string &text) const;
     std::vector<record> lines() const; // "pwr1", "rst0"
@@ -99,11 +113,15 @@ public:
     std::string control(const std::string &command);
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
     // Connects `control` to the modem emulator; false when it could not in time.
-    bool modem(modem_control *control);
+    bool modem(modem_control *control) {
+        return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
+    }
     // A socket connected to "@phone_server" in the board's network namespace,
-    // or -1 when none could connect in time. With `as`, a process of that
+    // or -1 when none could connect in time. With `as`, a thread of that
     // user and groups makes the connection, so the daemon sees those credentials.
     int connect_client(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
+    // Runs `fn` on a thread of its own in the board's network namespace.
+    void in_network(const std::function<void()> &fn) const;
     // The daemon's pid on the host, or -1.
     pid_t daemon_pid() const;
 
@@ -133,8 +151,7 @@ public:
 
     bool valid() const { return fd_ >= 0; }
     int fd() const { return fd_; }
-    void close();
-    bool send_bytes(const std::string &bytes);
+    void close() { if (fd_ >= 0) ::close(std::exchange(fd_, -1)); }
     bool send(uint16_t code, const std::vector<std::string> &fields = {});
     // The next frame from the daemon; none after the time-out.
     std::optional<reply_frame> next(milliseconds timeout);

@@ -8,17 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <fcntl.h>
 #include <memory>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
-
-using clock_type = std::chrono::steady_clock;
 
 TEST(ClientSettingsTest, ReachTheSupervisorsDialWhichKeepsWorkersOut) {
     SKIP_WITHOUT_BOARD();
@@ -76,13 +71,13 @@ TEST(ClientRestartTest, CancelsTheRunningWorkerPowerCyclesTheModuleAndFreesThePo
     ASSERT_TRUE(c.send(452));
     ASSERT_TRUE(b.emu.wait_for_command("AT+QLBS", 15000));
     size_t lines_before = b.board.lines().size();
-    auto asked = clock_type::now();
+    int64_t asked = monotonic_ms();
     ASSERT_TRUE(c.send(901));
     // Refused while restarting (sent again if it shared a read with the restart).
     EXPECT_TRUE(eventually([&] { return c.send(102) && show(c.reply(102, milliseconds(500))) == "102/13/"; }));
     EXPECT_EQ(show(c.reply(901, milliseconds(90000))), "901/0/");
     // A power cycle of 6 s and the 20 s the module gets to settle.
-    EXPECT_GE(clock_type::now() - asked, milliseconds(25000));
+    EXPECT_GE(monotonic_ms() - asked, 25000);
     for (const reply_frame &f : c.others)
         EXPECT_NE(f.code, 452) << "the cancelled worker answered";
     std::vector<std::string> lines = texts(b.board.lines());
@@ -180,8 +175,7 @@ TEST(ClientWorkerTest, CodesRunTheirCommandsAndPassThroughBelongsToItsClient) {
     for (const auto &wc : cases) {
         size_t from = next_index(b.emu);
         EXPECT_EQ(c.ask_settled(wc.code, wc.fields), wc.reply) << wc.code;
-        if (!wc.sent.empty())
-            b.emu.wait_for_command(wc.sent.back(), 5000, from);
+        b.emu.wait_for_command(wc.sent.back(), 5000, from);
         EXPECT_EQ(commands_since(b.emu, from), wc.sent) << wc.code;
     }
 
@@ -201,32 +195,20 @@ TEST(ClientWorkerTest, CodesRunTheirCommandsAndPassThroughBelongsToItsClient) {
 
 // The command-line client in the board's network namespace: its exit status
 // and what it printed.
-std::pair<int, std::string> run_tool(const sim_board &board, std::vector<std::string> args) {
-    args.insert(args.begin(), ZOLVIN_CTL_BIN);
-    std::vector<char *> argv;
-    for (std::string &a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    int ns = open(("/proc/" + std::to_string(board.pid()) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
-    int out[2];
-    if (ns < 0 || pipe2(out, O_CLOEXEC) != 0)
-        return {-1, ""};
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (setns(ns, CLONE_NEWNET) == 0 && dup2(out[1], 1) == 1 && dup2(out[1], 2) == 2)
-            execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(ns);
-    close(out[1]);
+std::pair<int, std::string> run_tool(const sim_board &board, const std::vector<std::string> &args) {
+    std::string command = ZOLVIN_CTL_BIN;
+    for (const std::string &a : args) // none holds a quote
+        command += " '" + a + "'";
     std::string text;
-    char buf[4096];
-    for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;)
-        text.append(buf, static_cast<size_t>(n));
-    close(out[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+    int status = -1;
+    board.in_network([&] { // the child starts in this thread's namespace
+        FILE *out = popen((command + " 2>&1").c_str(), "r");
+        char buf[4096];
+        for (size_t n; out != nullptr && (n = fread(buf, 1, sizeof buf, out)) > 0;)
+            text.append(buf, n);
+        status = out != nullptr ? pclose(out) : -1;
+    });
+    return {status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
 }
 
 TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {

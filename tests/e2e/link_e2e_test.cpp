@@ -5,7 +5,6 @@
 // long test (about 150 s); `ctest -E Slow` leaves it out.
 
 #include "e2e/board.h"
-#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -17,24 +16,13 @@
 
 namespace {
 
-const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_ether", "modprobe option"};
-const std::string DHCP = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i ";
 // The fake ifconfig records its calls, so it shows when the down script ran.
 const std::string DOWN_SCRIPT = "ifconfig down_script_ran";
 const std::string QICSGP = "AT+QICSGP=1,1,\"cmnet\",\"\",\"\",1";
 
-std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string> &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 // With a one-second period the check runs often enough to be watched.
 const std::string CHECK_CONF = "auto_dial=1\napn_name=cmnet\nauto_check=1\ncheck_timeS=1\n";
 const std::string QNETDEVCTL = "AT+QNETDEVCTL=1,1";
-
-long long now_ms() { // CLOCK_MONOTONIC, as the board's records
-    return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 struct family_case {
     std::string family, app_name;
@@ -97,7 +85,7 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
             // client; the next check comes 10 s after the failed one.
             ASSERT_TRUE(sim_board::wait_until([&] { return !board.pings().empty(); }));
             long long failed = board.pings()[0].ms + 3000;
-            EXPECT_FALSE(sim_board::wait_until([&] { return reasserted(0); }, milliseconds(failed + 1000 - now_ms())));
+            EXPECT_FALSE(sim_board::wait_until([&] { return reasserted(0); }, milliseconds(failed + 1000 - monotonic_ms())));
             ASSERT_EQ(holder.ask(401, {"0"}), "401/0/");
             holder.close();
         }
@@ -115,12 +103,10 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
         // With debug, the identity at start-up and the SIM before the dial.
         std::vector<std::string> sent = {"ATI", "AT+GSN", "AT+CIMI", "AT+COPS?", "AT+CSQ"};
         EXPECT_EQ(commands_since(boards[i].emu), sent + c.dial + c.reassert + c.hang_up);
-        std::vector<std::string> calls = DRIVERS;
-        if (c.app_name.empty())
-            calls = calls + std::vector<std::string>{DHCP + c.ifname, "ifconfig " + c.ifname + " down"};
-        else
-            calls = calls + std::vector<std::string>{"ifconfig wwan0 down", "killall " + c.app_name};
-        EXPECT_EQ(texts(board.calls()), calls + std::vector<std::string>{DOWN_SCRIPT});
+        std::vector<std::string> link = c.app_name.empty()
+                                            ? std::vector<std::string>{DHCP + c.ifname, "ifconfig " + c.ifname + " down"}
+                                            : std::vector<std::string>{"ifconfig wwan0 down", "killall " + c.app_name};
+        EXPECT_EQ(texts(board.calls()), DRIVERS + link + std::vector<std::string>{DOWN_SCRIPT});
         // The down script runs once the module has answered the hang-up.
         std::vector<modem_command> all = boards[i].emu.commands().value_or(std::vector<modem_command>{});
         if (!c.hang_up.empty() && !all.empty()) {
@@ -171,18 +157,18 @@ TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACall
     }));
     ASSERT_TRUE(emu.inject_lines({"RING", "+CLIP: \"13912345678\",129"}));
     ASSERT_EQ(show(client.reply(1001)), "1001/1/13912345678");
-    long long rang = now_ms();
+    long long rang = monotonic_ms();
     EXPECT_FALSE(sim_board::wait_until([&] { return probe_after(rang + 100); }, milliseconds(3500)));
     ASSERT_TRUE(emu.inject_line("NO CARRIER"));
     ASSERT_EQ(show(client.reply(1001)), "1001/2/1");
-    long long ended = now_ms();
+    long long ended = monotonic_ms();
     ASSERT_TRUE(sim_board::wait_until([&] { return probe_after(ended); }, milliseconds(3000)));
     EXPECT_GE(board.pings().back().ms - ended, 950);
 
     // Taking the link down stops the check.
     EXPECT_EQ(client.ask(501, {"0"}), "501/0/");
     ASSERT_TRUE(sim_board::wait_until([&] { return board.called("ifconfig usb0 down"); }));
-    long long down = now_ms();
+    long long down = monotonic_ms();
     EXPECT_FALSE(sim_board::wait_until([&] { return probe_after(down + 100); }, milliseconds(2500)));
     EXPECT_EQ(board.stderr_text(), "");
 }

@@ -10,7 +10,6 @@
 namespace {
 
 const std::string BANNER = "ZOLVIN 4G SERVER V1.23\n";
-const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_ether", "modprobe option"};
 
 TEST(DaemonStartUpTest, DriversBannerModuleOnConfigurationThenTheExternalProgramStopped) {
     SKIP_WITHOUT_BOARD();

@@ -4,7 +4,7 @@
 #include "at/at.h"
 #include "core/text.h"
 #include "modem/modem.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -97,7 +97,7 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
         }
         EXPECT_EQ(op.get(), c.result);
         EXPECT_EQ(seen + module_got(), c.commands);
-        EXPECT_EQ(frames(), c.reports);
+        EXPECT_EQ(client.frames(), c.reports);
         EXPECT_EQ(urc(), c.urc);
         EXPECT_STREQ(c.field, c.value); // both null when the row names no field
         EXPECT_EQ(s.at_state.load(), AT_IDLE);
@@ -149,7 +149,7 @@ TEST(AnswerParseTest, CapturedAnswerLines) {
     }
 }
 
-TEST(AnswerParseTest, SignalDeviceStatusLocationKeysAndSpeech) {
+TEST(AnswerParseTest, SignalLocationKeysAndSpeech) {
     // The value is terminated even with no ',' to stop at.
     const std::pair<const char *, const char *> csq[] = {{"+CSQ: 23,99", "23"},
         {"+CSQ: 99,99", "-1"}, {"+CSQ: 199,99", "-1"}, {"+CSQ: 1234567", "12345"}, {"+CSQ:", ""}};
@@ -159,9 +159,6 @@ TEST(AnswerParseTest, SignalDeviceStatusLocationKeysAndSpeech) {
         csq_value(c.first, v);
         EXPECT_STREQ(v, c.second);
     }
-    const char *text = nullptr;
-    EXPECT_EQ(qnetdevstatus_parse("+QNETDEVSTATUS:", &text), 0);
-    EXPECT_STREQ(text, "");
     EXPECT_STREQ(lbs_key_find("timeoutXYZ")->name, "timeout");
     EXPECT_EQ(lbs_key_find("time"), nullptr);
     // A text to speak keeps its first 127 characters.

@@ -1,10 +1,185 @@
 #include "support/test_support.h"
 
-#include <cstdlib>
+#include "at/at.h"
+#include "client/client.h"
+#include "core/daemon_state.h"
+
+#include <cstdlib> // mkdtemp, posix_openpt
+#include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// Whether `fd` has bytes to read before the deadline passes.
+bool readable(int fd, long deadline) {
+    pollfd p{fd, POLLIN, 0};
+    long left = deadline - monotonic_ms();
+    return left >= 0 && poll(&p, 1, static_cast<int>(left)) > 0;
+}
+
+} // namespace
+
+std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
+    auto be16 = [](size_t v) {
+        return std::string{static_cast<char>(v >> 8), static_cast<char>(v)};
+    };
+    std::string raw = "ZVS" + be16(code);
+    for (const std::string &f : fields)
+        raw += be16(f.size()) + f;
+    return raw + be16(0);
+}
+
+client_end::client_end() {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_) != 0)
+        throw std::runtime_error("socketpair");
+    state().client_fd.store(fds_[0], std::memory_order_release);
+    state().client_connected.store(1, std::memory_order_release);
+}
+
+client_end::~client_end() {
+    state().client_connected.store(0, std::memory_order_release);
+    close(fds_[0]);
+    close(fds_[1]);
+}
+
+bool next_frame(int fd, std::vector<uint8_t> &pending, reply_frame *out, long timeout_ms) {
+    long deadline = monotonic_ms() + timeout_ms;
+    for (;;) {
+        long used = pending.empty() ? 0 : reply_parse(pending.data(), pending.size(), out);
+        if (used < 0)
+            throw std::runtime_error("malformed reply frame");
+        if (used > 0) {
+            pending.erase(pending.begin(), pending.begin() + used);
+            return true;
+        }
+        uint8_t buf[4096];
+        ssize_t n = readable(fd, deadline) ? read(fd, buf, sizeof buf) : 0;
+        if (n <= 0)
+            return false;
+        pending.insert(pending.end(), buf, buf + n);
+    }
+}
+
+bool client_end::next(reply_frame *out, long timeout_ms) { return next_frame(fds_[1], pending_, out, timeout_ms); }
+
+namespace {
+std::string shown(const reply_frame &r) {
+    return std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
+}
+} // namespace
+
+std::string client_end::frames() {
+    client_report(0xFFFF, 0, nullptr);
+    std::string got;
+    reply_frame r;
+    while (next(&r, 3000) && r.code != 0xFFFF)
+        got += shown(r);
+    return got;
+}
+
+std::string client_end::frames(size_t count, long timeout_ms) {
+    std::string got;
+    reply_frame r;
+    for (size_t i = 0; i < count && next(&r, timeout_ms); ++i)
+        got += shown(r);
+    return got;
+}
+
+at_port::at_port() {
+    master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    std::atomic<int32_t> fd{-1};
+    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0 ||
+        serial_open(&fd, ptsname(master_)) != 0)
+        throw std::runtime_error("serial_open on a pty slave");
+    state().at_fd.store(fd.load(), std::memory_order_release);
+}
+
+at_port::~at_port() {
+    stop_rx();
+    close_port();
+    close(master_);
+}
+
+void at_port::close_port() {
+    int fd = state().at_fd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
+}
+
+void at_port::start_rx() {
+    if (pthread_create(&rx_, nullptr, rx_thread, nullptr) != 0)
+        throw std::runtime_error("pthread_create");
+    rx_running_ = true;
+}
+
+void at_port::stop_rx() {
+    if (!rx_running_)
+        return;
+    pthread_cancel(rx_);
+    pthread_join(rx_, nullptr);
+    rx_running_ = false;
+}
+
+std::string at_port::module_reads(const std::string &until, long timeout_ms) {
+    std::string got;
+    long deadline = monotonic_ms() + timeout_ms;
+    char buf[512];
+    ssize_t n = 0;
+    while (got.find(until) == std::string::npos && readable(master_, deadline) && (n = read(master_, buf, sizeof buf)) > 0)
+        got.append(buf, static_cast<size_t>(n));
+    return got;
+}
+
+void at_port::module_says(const std::string &bytes) {
+    if (write(master_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        throw std::runtime_error("write to pty master");
+}
+
+std::string urc_next(long timeout_ms) {
+    char line[RING_LINE_SIZE];
+    bool got = urc_pop(line, sizeof line, monotonic_ms() + timeout_ms);
+    return got ? std::string(line) : std::string("<none>");
+}
+
+emulated_port::emulated_port(modem_family family) : emu_(family) {
+    if (!emu_.start(master()))
+        throw std::runtime_error("modem emulator");
+    start_rx();
+}
+
+emulated_port::~emulated_port() {
+    stop_rx();
+    emu_.stop();
+}
+
+void run_worker(const std::string &raw, bool ec20) {
+    worker_request req{raw.size(), {}};
+    memcpy(req.bytes, raw.data(), raw.size());
+    state().at_mutex.lock();
+    state().worker_busy = 1;
+    (ec20 ? request_worker_ec20 : request_worker_ec200)(&req);
+}
+
+std::string port_test::module_got() {
+    at_send("MARK\r\n", 6);
+    std::string got = port.module_reads("MARK\r\n", 3000);
+    size_t end = got.rfind("MARK\r\n");
+    return end == std::string::npos ? got + "<no marker>" : got.substr(0, end);
+}
+
+std::string urc_before(const std::string &marker) {
+    std::string got;
+    for (std::string l = urc_next(3000); l != marker && l != "<none>"; l = urc_next(3000))
+        got += l + "|";
+    return got;
+}
 
 temp_dir::temp_dir() {
     char tmpl[] = "/tmp/zolvin_test.XXXXXX";

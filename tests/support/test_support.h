@@ -1,10 +1,19 @@
-// Small helpers for the unit tests: a fresh daemon state, scratch directories
-// and files.
+// Helpers for the tests: a fresh daemon state, scratch directories and files,
+// and a module port: a pty whose slave the daemon's code opens as its AT port
+// (state().at_fd), a receive thread on it, and a client socket pair that
+// collects the frames the daemon sends.
 #pragma once
 
 #include "core/daemon_state.h"
+#include "core/frames.h"
+#include "core/wait.h"
+#include "modem_emu/modem_emu.h"
 
+#include <gtest/gtest.h>
+
+#include <pthread.h>
 #include <string>
+#include <vector>
 
 // A fresh daemon state for the life of the object.
 struct fresh_state {
@@ -29,3 +38,113 @@ private:
 };
 
 std::string read_file(const std::string &path);
+
+// Polls `cond` every `poll_ms` until it holds or `timeout_ms` passes.
+template <typename F> bool wait_until(F cond, long timeout_ms, long poll_ms = 1) {
+    long deadline = monotonic_ms() + timeout_ms;
+    while (!cond()) {
+        if (monotonic_ms() > deadline)
+            return cond();
+        struct timespec ts = {poll_ms / 1000, poll_ms % 1000 * 1000000};
+        nanosleep(&ts, nullptr);
+    }
+    return true;
+}
+
+// The next reply frame from `fd`, whose bytes read before wait in `pending`;
+// false when none is whole by the time-out. Throws on a stream that is not frames.
+bool next_frame(int fd, std::vector<uint8_t> &pending, reply_frame *out, long timeout_ms);
+
+// The bytes of a request frame with these fields.
+std::string request_bytes(uint16_t code, const std::vector<std::string> &fields = {});
+
+// The connected client's side of the daemon's socket.
+class client_end {
+public:
+    client_end();  // connects state().client_fd / client_connected
+    ~client_end(); // disconnects them
+    client_end(const client_end &) = delete;
+    client_end &operator=(const client_end &) = delete;
+
+    // Next frame within the deadline; false on time-out.
+    bool next(reply_frame *out, long timeout_ms);
+    // The frames sent so far, as "code status text|": a marker sent now
+    // arrives behind them.
+    std::string frames();
+    // The next `count` frames, each within `timeout_ms`, as above.
+    std::string frames(size_t count, long timeout_ms);
+
+private:
+    int fds_[2] = {-1, -1};
+    std::vector<uint8_t> pending_;
+};
+
+class at_port {
+public:
+    // Opens the pty and points state().at_fd at its slave, opened by serial_open.
+    at_port();
+    ~at_port(); // stops the receive thread, closes everything
+    at_port(const at_port &) = delete;
+    at_port &operator=(const at_port &) = delete;
+
+    int master() const { return master_; }
+    void start_rx();
+    void stop_rx();
+    // Writes bytes as the module would.
+    void module_says(const std::string &bytes);
+    // What the daemon wrote to the port until `until` (a substring) arrived or the time ran out.
+    std::string module_reads(const std::string &until, long timeout_ms);
+    // Closes the daemon's side of the port, as a vanished device would leave it.
+    void close_port();
+
+private:
+    int master_ = -1;
+    pthread_t rx_ = 0;
+    bool rx_running_ = false;
+};
+
+// The next line in urc_ring within the deadline, or "<none>".
+std::string urc_next(long timeout_ms);
+// The lines in urc_ring ahead of `marker`, as "line|".
+std::string urc_before(const std::string &marker);
+
+// The AT port with the modem emulator playing the module and the receive
+// thread running: a transaction can run against it as against a module.
+class emulated_port : public at_port {
+public:
+    explicit emulated_port(modem_family family = modem_family::ec200t);
+    ~emulated_port();
+
+    modem_emulator &module() { return emu_; }
+
+private:
+    modem_emulator emu_;
+};
+
+// A fresh daemon state, the emulated module on the port and a connected client.
+struct emulated_bench {
+    fresh_state fresh;
+    emulated_port port;
+    client_end client;
+};
+
+// Runs one request as the server starts a worker: the AT gate taken and
+// worker_busy set, for the worker to give back.
+void run_worker(const std::string &raw, bool ec20);
+
+// A fresh daemon state, the AT port with its receive thread and the test
+// playing the module, and a connected client. Each look at a side returns what
+// arrived there since the previous look: a marker sent now arrives behind it.
+class port_test : public testing::Test {
+protected:
+    port_test() { port.start_rx(); }
+
+    // The bytes the module received.
+    std::string module_got();
+    // The lines passed on to urc_ring, as "line|".
+    std::string urc() { port.module_says("MARK\r\n"); return urc_before("MARK"); }
+
+    fresh_state fresh;
+    at_port port;
+    client_end client;
+};

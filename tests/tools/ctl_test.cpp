@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <unistd.h>
+#include <filesystem>
 
 namespace {
 
@@ -18,16 +18,8 @@ ctl::command parsed(const std::vector<std::string> &words) {
     return c;
 }
 
-std::string cwd() {
-    char buf[4096];
-    return getcwd(buf, sizeof buf) != nullptr ? buf : "";
-}
-
 reply_frame reply(uint16_t code, uint16_t status, const std::string &text = "") {
-    reply_frame f{};
-    f.code = code;
-    f.status = status;
-    f.text_len = text.size();
+    reply_frame f{code, status, text.size(), {}};
     memcpy(f.text, text.data(), text.size());
     return f;
 }
@@ -50,7 +42,7 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
         {{"sms", "send", "--report", "--validity", "0", "+86", "\xE4\xBD\xA0"}, 251,
          {"1", "DEFAULT", "+86", "\xE4\xBD\xA0", "0", "1"}},
         {{"sms", "send", "--text-mode", "10086", "--hi"}, 252, {"10086", "--hi"}},
-        {{"fota", "a.bin", "--pause", "20", "--chunk", "500"}, 561, {"0", cwd() + "/a.bin", "500", "20"}},
+        {{"fota", "a.bin", "--pause", "20", "--chunk", "500"}, 561, {"0", std::filesystem::current_path().string() + "/a.bin", "500", "20"}},
         {{"fota", "ftp://h/a.bin", "--chunk", "1000"}, 561, {"1", "ftp://h/a.bin", "1000", "8"}},
     };
     for (const auto &c : cases) {
