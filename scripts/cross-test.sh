@@ -12,18 +12,7 @@ emulator_for "$arch" || { echo "usage: $0 arm64|armhf [ctest args...]" >&2; exit
 shift
 jobs=$(nproc)
 
-scripts/deps.sh
-missing=()
-for p in "g++-$triple" qemu-user; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    echo "installing: ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
-
+scripts/deps.sh "g++-$triple" qemu-user
 emulator_for "$arch" # again: qemu may have been installed just now
 daemon_dir=$PWD/build/$arch
 cmake -S . -B "$daemon_dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="cmake/toolchains/$arch.cmake" \

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Installs what building and testing need on a Debian machine, only what is missing.
+# Installs what building and testing need on a Debian machine, and the packages
+# named as arguments, only what is missing.
 set -euo pipefail
 want=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev busybox
-      iproute2 util-linux procps dpkg-dev file groff-base)
+      iproute2 util-linux procps dpkg-dev file groff-base "$@")
 missing=()
 for p in "${want[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
