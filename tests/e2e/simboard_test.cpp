@@ -27,6 +27,7 @@ int host_processes_with(const std::string &start) {
 TEST(SimBoardTest, RecordsInOrderGivesTheExitStatusAndLeavesNothingOnTheHost) {
     SKIP_WITHOUT_BOARD();
     for (int sig : {0, SIGTERM, SIGKILL}) {
+        SCOPED_TRACE(sig);
         const std::string marker = "/opt/zolvin-left-behind-" + std::to_string(getpid()) + "-" + std::to_string(sig);
         board_config config;
         config.spawn = {{marker}};

@@ -2,6 +2,7 @@
 
 #include "board_util.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -19,8 +20,12 @@
 // event into an identical one still queued; open and close events keep a
 // writer that opens the line for every byte from being merged, and what a merge
 // (or a write of several bytes) leaves behind is taken once no event is queued.
-// So the order is exact for one-byte writes on either kind of writer, unless
-// one line is written twice in a row before the board catches up.
+// A write's bytes are in the pipe a moment before its event is queued: bytes
+// taken in that moment are counted, so that their late event does not take the
+// next write's byte ahead of the other line's (a writer's close settles the
+// count: bytes of a merge or of a longer write have no event of their own). So
+// the order is exact for one-byte writes on either kind of writer, unless one
+// line is written twice in a row before the board catches up.
 
 control_lines::~control_lines() {
     for (line &l : lines_) {
@@ -61,18 +66,17 @@ bool control_lines::create(bool power, bool reset, std::string *error) {
     return true;
 }
 
-void control_lines::take(line &l, bool all, const on_write &handler) {
+void control_lines::take(line &l, int count, const on_write &handler) {
     char buf[256];
-    for (;;) {
-        ssize_t n = read(l.fd, buf, all ? sizeof buf : 1);
+    while (count > 0) {
+        ssize_t n = read(l.fd, buf, std::min(sizeof buf, static_cast<size_t>(count)));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             return;
+        count -= static_cast<int>(n);
         for (ssize_t i = 0; i < n; ++i)
             handler(l.name, buf[i]);
-        if (!all)
-            return;
     }
 }
 
@@ -86,8 +90,14 @@ void control_lines::serve(const on_write &handler) {
             for (ssize_t off = 0; off < n;) {
                 const auto *ev = reinterpret_cast<const inotify_event *>(events + off);
                 for (line &l : lines_) {
-                    if (l.fd >= 0 && l.watch == ev->wd && (ev->mask & IN_MODIFY))
-                        take(l, false, handler);
+                    if (l.fd < 0 || l.watch != ev->wd)
+                        continue;
+                    if (ev->mask & IN_CLOSE_WRITE)
+                        l.ahead = 0; // the writer's events all came before this one
+                    else if ((ev->mask & IN_MODIFY) && l.ahead > 0)
+                        --l.ahead;
+                    else if (ev->mask & IN_MODIFY)
+                        take(l, 1, handler);
                 }
                 off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
             }
@@ -101,7 +111,10 @@ void control_lines::serve(const on_write &handler) {
             queued = poll(&p, 1, 0) == 1;
             if (queued)
                 break; // events came in meanwhile: they go first
-            take(l, true, handler);
+            // Only what was there before the look at the queue: later bytes
+            // may come after another line's byte that has its event queued.
+            l.ahead += pending;
+            take(l, pending, handler);
         }
         if (!queued)
             return;

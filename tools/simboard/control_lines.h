@@ -25,8 +25,10 @@ private:
         const char *name = nullptr;
         int fd = -1;
         int watch = -1;
+        // Bytes taken before their modify events came: those events take nothing.
+        long ahead = 0;
     };
-    void take(line &l, bool all, const on_write &handler);
+    void take(line &l, int count, const on_write &handler);
 
     line lines_[2];
     int watch_ = -1;
