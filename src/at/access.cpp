@@ -52,11 +52,17 @@ worker_start_result worker_start(void *(*entry)(void *), void *arg) {
 
 void worker_finished() {
     daemon_state &s = state();
-    lock_hold hold(&g_worker_lock);
-    g_worker_alive = false;
-    s.worker_busy.store(0, std::memory_order_release);
-    s.at_mutex.unlock();
-    g_worker_ended.broadcast();
+    {
+        lock_hold hold(&g_worker_lock);
+        g_worker_alive = false;
+        // A client's dial (370) cancelled in mid-way must not leave the port
+        // marked as dialling: no dial of the supervisor's runs beside a worker.
+        s.dial_in_progress.store(0, std::memory_order_release);
+        s.worker_busy.store(0, std::memory_order_release);
+        s.at_mutex.unlock();
+        g_worker_ended.broadcast();
+    }
+    s.supervisor_wake.raise(); // a dial may wait for the port
 }
 
 void worker_cancel() {
@@ -88,8 +94,10 @@ void port_work_end() {
 
 bool port_claim_for_dial() {
     daemon_state &s = state();
-    // A running worker holds the gate for its whole run, so this waits for it.
-    s.at_mutex.lock();
+    // A running worker holds the gate for its whole run: the supervisor does
+    // not wait behind it, so it can serve a firmware update's re-open meanwhile.
+    if (!s.at_mutex.try_lock())
+        return false;
     bool free = s.worker_busy.load(std::memory_order_acquire) == 0;
     if (free)
         s.dial_in_progress.store(1, std::memory_order_release);
@@ -99,4 +107,8 @@ bool port_claim_for_dial() {
 
 void port_hold() { state().at_mutex.lock(); }
 
-void port_release() { state().at_mutex.unlock(); }
+void port_release() {
+    daemon_state &s = state();
+    s.at_mutex.unlock();
+    s.supervisor_wake.raise(); // a dial may wait for the port
+}

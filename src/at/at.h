@@ -58,6 +58,11 @@ void splitter_idle(line_splitter *sp, int64_t now_ms, line_sink sink, void *ctx)
 // ring is full or a transaction is closing.
 void line_deliver(const char *line);
 
+// The port hung up by itself (the module left the bus): status 13 from now
+// on, event (1101, 1), a waiting transaction ends, the supervisor is woken.
+// Nothing while a firmware update runs; once per absence.
+void at_port_hung_up();
+
 // Thread entry of the only reader of the AT port; runs until cancelled and
 // sleeps in poll() while the module says nothing.
 void *rx_thread(void *arg);
@@ -68,7 +73,8 @@ void *rx_thread(void *arg);
 void at_begin();
 // After a failed send: stop collecting, nothing to drain.
 void at_abort();
-// The next collected line into `out`; false when the deadline passed first.
+// The next collected line into `out`; false when the deadline passed first or
+// the module has left the bus.
 bool at_next_line(char *out, size_t size, int64_t deadline_ms);
 // Moves every unread collected line to urc_ring and stops collecting, as one
 // step against the receive thread, so no line is left behind or reordered.
@@ -192,8 +198,9 @@ void worker_cancel();
 // worker owns the port; otherwise the port is held until port_work_end().
 bool port_work_begin();
 void port_work_end();
-// Marks a dial as running (`dial_in_progress`); waits for a running worker to
-// end first. False when `worker_busy` is still found set.
+// Marks a dial as running (`dial_in_progress`) when the port is free; false
+// at once when a worker or the link check holds it. Their release wakes the
+// supervisor, which tries again.
 bool port_claim_for_dial();
 // The link check's exchanges: waits for a running worker.
 void port_hold();

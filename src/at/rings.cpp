@@ -126,7 +126,32 @@ void at_abort() {
 bool at_next_line(char *out, size_t size, int64_t deadline_ms) {
     daemon_state &s = state();
     lock_hold hold(&s.line_lock);
-    return ring_wait_take(s.resp_ring, out, size, deadline_ms);
+    // A module that left the bus answers nothing more: the wait ends now,
+    // as at its time-out, and lines it sent before leaving are still read.
+    while (s.resp_ring.count == 0) {
+        if (s.module_lost.load(std::memory_order_acquire))
+            return false;
+        if (!s.resp_ring.readable.wait(&s.line_lock, deadline_ms) && s.resp_ring.count == 0)
+            return false;
+    }
+    ring_take(s.resp_ring, out, size);
+    return true;
+}
+
+void at_port_hung_up() {
+    daemon_state &s = state();
+    // During a firmware update the module reboots on purpose; the update and
+    // the supervisor's re-open follow it.
+    if (s.fota_active.load(std::memory_order_acquire))
+        return;
+    if (s.module_lost.exchange(1, std::memory_order_acq_rel) != 0)
+        return;
+    client_report(EVENT_MODULE, STATUS_FAIL, nullptr);
+    {
+        lock_hold hold(&s.line_lock);
+        s.resp_ring.readable.broadcast();
+    }
+    s.supervisor_wake.raise();
 }
 
 void at_finish() {

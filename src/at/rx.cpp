@@ -69,9 +69,10 @@ void rx_sink(const char *line, bool complete, void *) {
 }
 
 // A port that hung up (the module left the bus) has nothing more to say: the
-// unfinished line still gets its flush, then the thread sleeps until the
-// supervisor cancels it.
+// supervisor is told, the unfinished line still gets its flush, then the
+// thread sleeps until the supervisor cancels it.
 [[noreturn]] void park(line_splitter *sp) {
+    at_port_hung_up();
     int64_t due = splitter_flush_due(sp);
     if (due != NO_DEADLINE) {
         while (monotonic_ms() < due)

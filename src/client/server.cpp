@@ -35,13 +35,12 @@ void restart_module() {
 
 void connection_state(uint16_t code) {
     daemon_state &s = state();
-    if (s.module_restarting.load(std::memory_order_acquire) ||
-        s.module_reset_request.load(std::memory_order_acquire) ||
-        s.fota_done.load(std::memory_order_acquire)) {
+    if (!module_ready()) {
         reply(code, STATUS_NOT_READY);
         return;
     }
-    const char *text = s.connected.load(std::memory_order_acquire)   ? "Connected"
+    const char *text = s.phase.load(std::memory_order_acquire) == module_phase::connected
+                           ? "Connected"
                        : s.auto_dial.load(std::memory_order_acquire) ? "Connecting"
                                                                      : "Disconnected";
     reply(code, s.worker_busy.load(std::memory_order_acquire) ? STATUS_BUSY : STATUS_OK, text);
@@ -126,8 +125,9 @@ void check_switch(const request_frame &f) {
         reply(f.code, STATUS_BAD_PARAM);
         return;
     }
+    // The supervisor starts or stops the running check at once.
     if (switch_is(f, 0, '1') && (f.fields[1][0] == '0' || f.fields[1][0] == '1'))
-        s.auto_check.store(f.fields[1][0] == '1' ? 1 : 0, std::memory_order_release);
+        supervisor_request(s.auto_check, f.fields[1][0] == '1' ? 1 : 0);
     reply(f.code, STATUS_OK, s.auto_check.load(std::memory_order_acquire) ? "1" : "0");
 }
 
@@ -185,8 +185,7 @@ const local_code LOCAL_CODES[] = {
 
 void start_worker(const uint8_t *buf, size_t len, uint16_t code) {
     daemon_state &s = state();
-    if (s.module_restarting.load(std::memory_order_acquire) ||
-        s.module_reset_request.load(std::memory_order_acquire)) {
+    if (!module_ready()) {
         reply(code, STATUS_NOT_READY);
         return;
     }

@@ -34,6 +34,24 @@ void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value) {
     g_state.supervisor_wake.raise();
 }
 
+bool module_ready() {
+    const daemon_state &s = g_state;
+    switch (s.phase.load(std::memory_order_acquire)) {
+    case module_phase::starting:
+    case module_phase::resetting:
+    case module_phase::gone:
+        return false;
+    default:
+        break;
+    }
+    // A request not yet taken up counts as served: the answer must not wait
+    // for the supervisor.
+    return !s.module_restarting.load(std::memory_order_acquire) &&
+           !s.module_reset_request.load(std::memory_order_acquire) &&
+           !s.fota_done.load(std::memory_order_acquire) &&
+           !s.module_lost.load(std::memory_order_acquire);
+}
+
 void call_active_set(uint8_t on) {
     g_state.call_active.store(on, std::memory_order_release);
     g_state.call_news.raise();

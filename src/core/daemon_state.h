@@ -56,6 +56,17 @@ struct line_ring {
     mono_cond readable; // a line was pushed
 };
 
+// The supervisor's state, published for the other threads.
+enum class module_phase : uint8_t {
+    starting,  // start-up brings the module up
+    idle,      // the module is open, the link down and not wanted
+    dialling,  // the link is wanted and down: a dial runs or is paced
+    connected, // the link is up
+    resetting, // power cycle, settle and bring-up (or a re-open after an update)
+    reopening, // the module reboots during a firmware update
+    gone,      // the module left the bus; the supervisor looks for it
+};
+
 struct daemon_state {
     // Command line
     std::atomic<uint8_t> debug{0};
@@ -88,13 +99,25 @@ struct daemon_state {
     char net_if_name[TEXT_FIELD_SIZE];
     char at_port_path[TEXT_FIELD_SIZE];
 
-    // Supervisor flags
+    // What the supervisor is doing: written by the main thread alone.
+    std::atomic<module_phase> phase{module_phase::starting};
+    // The link is up (a dial connected and the DHCP client ran): the
+    // supervisor's alone, like `phase`.
+    std::atomic<uint8_t> connected{0};
+    // Requests to the supervisor, raised through supervisor_request() and
+    // cleared by the action that serves them.
     std::atomic<uint8_t> module_restarting{1};
     std::atomic<uint8_t> module_reset_request{0};
-    std::atomic<uint8_t> connected{0};
     std::atomic<uint8_t> fota_done{0};
     std::atomic<uint8_t> fota_reopen{0};
     std::atomic<uint8_t> fota_reopen_watch{0};
+    // The AT port hung up by itself: the module left the bus. Raised by the
+    // receive thread, cleared once the port is open again.
+    std::atomic<uint8_t> module_lost{0};
+    // A firmware update talks to the module: its reboots are not losses.
+    // Raised by the update; cleared by it on an early failure, else by the
+    // reset that follows every update.
+    std::atomic<uint8_t> fota_active{0};
     std::atomic<uint8_t> restart_report_pending{0};
     std::atomic<uint8_t> call_active{0}; // written through call_active_set
     std::atomic<int32_t> fota_port_status{0};
@@ -145,8 +168,12 @@ struct daemon_state {
 // The single instance, zero-initialised but for the defaults above.
 daemon_state &state();
 
-// Sets a supervisor flag (or `auto_dial`) and wakes the supervisor.
+// Sets a supervisor request (or `auto_dial`, `auto_check`) and wakes the supervisor.
 void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value);
+
+// Whether module commands can be served: false while the module starts, is
+// reset, has left the bus, or a request for one of these waits. Status 13.
+bool module_ready();
 // Sets or clears `call_active` and wakes the check thread's call pause.
 void call_active_set(uint8_t on);
 

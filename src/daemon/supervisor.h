@@ -1,9 +1,13 @@
 // The supervisor: the main thread's loop after start-up. It keeps the data
-// call up or down as `auto_dial` says and serves the reset requests that other
-// threads raise, one action per pass, in a fixed order of priority. Between
-// passes it sleeps until a flag is raised or its next deadline comes.
+// call up or down as `auto_dial` says, and serves the requests that other
+// threads raise (restart, reset, the firmware update's re-opens, the module
+// leaving the bus) in a fixed order of priority. Its state is `phase` in
+// daemon_state; an action that spans time (a reset, a re-open, the search
+// for a module that left) is a sequence of steps, each ending at a deadline
+// of the loop's one wait, so the loop never sleeps inside an action.
 #pragma once
 
+#include "core/daemon_state.h"
 #include "core/wait.h"
 #include "module/module.h"
 
@@ -15,12 +19,19 @@ constexpr const char *DHCP_CMD_FORMAT =
 constexpr int DIAL_FAILURES_BEFORE_RESET = 10;
 // A failed dial is tried again 51 passes of 100 ms later.
 constexpr int64_t DIAL_RETRY_MS = 5100;
-constexpr int64_t PASS_MS = 100;      // from one action to the next pass
-constexpr int64_t DIAL_BUSY_MS = 10;  // a dial put off by supervisor work
+constexpr int64_t PASS_MS = 100; // from one action to the next pass
 
-// Where a re-open for a firmware update stands: the module reboots on its
-// own time, so the wait spans passes and each pass tests again.
-enum class reopen_step { none, port_gone, port_back, watch };
+// Where an action under way stands.
+enum class sv_step : uint8_t {
+    none,
+    power_cycle, // the control lines' writes, one deadline per pause
+    settle,      // the module boots after a power cycle or its update
+    look,        // discovery once a second until the module is there
+    opened,      // the port is open; the threads start 2 s later
+    port_gone,   // firmware re-open: the old port must vanish first,
+    port_back,   // then the module come back,
+    watch,       // then (EC200S) vanish again once its new firmware boots
+};
 
 struct supervisor {
     module_paths paths;
@@ -35,14 +46,22 @@ struct supervisor {
     // The module's own times; tests shorten them.
     int64_t settle_ms = 20000;          // after a power cycle or a firmware end
     int64_t ec20_fota_extra_ms = 40000; // the EC20 installs its firmware for longer
+    int64_t open_wait_ms = 2000;        // from the port's opening to the threads' start
+    int64_t look_ms = 1000;             // discovery's rhythm
+    int64_t absent_ms = 60000;          // a module gone this long is power-cycled
     int64_t port_gone_ms = 30000;       // 30 tests 1 s apart for the old port to vanish
     int64_t port_back_ms = 60000;       // 60 tries 1 s apart for the module to come back
     int64_t watch_ms = 1198000;         // the EC200S reboots after updating within this
 
-    reopen_step reopen = reopen_step::none;
-    bool reopen_watch = false; // the EC200S action: watch the port after the re-open
-    int64_t step_due_ms = 0;
-    // inotify on the port's directory while a re-open waits, else -1.
+    sv_step step = sv_step::none;
+    int64_t step_due_ms = 0;   // the step's next look or write
+    int64_t step_limit_ms = 0; // when the step gives up
+    int power_write = 0;       // the next write of the power cycle
+    int misses = 0;            // discovery misses since the last power cycle
+    int64_t settle_after_ms = 0; // the settle that follows the power cycle
+    bool reopen_watch = false; // the EC200S re-open: watch the port after it
+    bool module_absent = false; // (1101, 1) went out; (1101, 0) follows the next opening
+    // inotify on the port's directory while a firmware re-open waits, else -1.
     int port_events = -1;
 };
 
@@ -52,12 +71,13 @@ void supervisor_start_threads(supervisor &sv);
 // Cancels and joins the common, receive and check threads, in that order.
 void supervisor_stop_threads(supervisor &sv);
 
-// One pass: performs the first action that applies. Returns when the next
-// pass is due (sv.clock), or NO_DEADLINE when only news can change anything.
+// One pass: serves the first request that applies, or takes the action under
+// way one step on. Returns when the next pass is due (sv.clock), or
+// NO_DEADLINE when only news can change anything.
 int64_t supervisor_pass(supervisor &sv);
 
-// Sleeps until news, the deadline or, during a re-open, a change of the
-// port's directory.
+// Sleeps until news, the deadline or, during a firmware re-open, a change of
+// the port's directory.
 void supervisor_sleep(supervisor &sv, uint64_t seen, int64_t due);
 
 [[noreturn]] void supervisor_run(supervisor &sv);

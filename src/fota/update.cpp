@@ -307,9 +307,13 @@ int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_dela
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"FILE:%lld\"%s\r\n", file.size, v.file_suffix);
     else
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"%s\"\r\n", source);
+    // From here the module may reboot at any time; every end below hands it
+    // to the supervisor, whose reset or re-open clears the mark.
+    s.fota_active.store(1, std::memory_order_release);
     at_begin();
     if (at_send(cmd, strlen(cmd)) == -1) {
         at_abort();
+        s.fota_active.store(0, std::memory_order_release);
         report(STATUS_FAIL, "at send error!");
         return -1;
     }

@@ -62,17 +62,24 @@ constexpr dial_step EC20_DIAL[] = {
 };
 
 // Runs the steps in order and stops at the first that fails; the steps stay
-// silent, the procedure names the failed one.
-template <size_t N> int run_dial(const dial_step (&steps)[N], uint8_t report) {
+// silent. Returns the failed step's name, or null when every step succeeded.
+template <size_t N> const char *run_dial(const dial_step (&steps)[N]) {
     for (const dial_step &step : steps) {
         if (step.run() < 0) {
             log_printf("%s failed!\n", step.name);
-            if (report)
-                client_report(CODE_DIAL, STATUS_FAIL, step.name);
-            return -1;
+            return step.name;
         }
     }
-    return 0;
+    return nullptr;
+}
+
+// The end of a dial: the port is no longer marked as dialling before the
+// reply goes out, so a client answered may ask again at once.
+int dial_end(const char *failed_step, uint8_t report) {
+    state().dial_in_progress.store(0, std::memory_order_release);
+    if (report)
+        client_report(CODE_DIAL, failed_step ? STATUS_FAIL : STATUS_OK, failed_step);
+    return failed_step ? -1 : 0;
 }
 
 } // namespace
@@ -128,11 +135,7 @@ int dial_ec200(uint8_t report) {
     s.dial_in_progress.store(1, std::memory_order_release);
     // Echo off; a module that keeps echoing still dials, the echo is dropped.
     set_ate(0, 0);
-    int result = run_dial(EC200_DIAL, report);
-    if (result == 0 && report)
-        client_report(CODE_DIAL, STATUS_OK, nullptr);
-    s.dial_in_progress.store(0, std::memory_order_release);
-    return result;
+    return dial_end(run_dial(EC200_DIAL), report);
 }
 
 int dial_ec20(uint8_t report) {
@@ -151,9 +154,5 @@ int dial_ec20(uint8_t report) {
     set_ate(0, 0);
     // Stop a call that may still be up from before; if there is none, that is fine too.
     set_qcrmcall(0, 1, 0);
-    int result = run_dial(EC20_DIAL, report);
-    s.dial_in_progress.store(0, std::memory_order_release);
-    if (result == 0 && report)
-        client_report(CODE_DIAL, STATUS_OK, nullptr);
-    return result;
+    return dial_end(run_dial(EC20_DIAL), report);
 }

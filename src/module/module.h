@@ -44,9 +44,28 @@ int module_probe_type(const module_paths &paths);
 // One ASCII digit to a control line; the board gives no answer worth checking.
 void control_line_write(int line, char value);
 
-// Hold reset, power off, release reset, power on: reset "1"; 1 s; power "0";
-// 5 s; reset "0"; power "1".
+// The power cycle: hold reset, power off, release reset, power on, with the
+// module's own pauses after the first two writes.
+struct power_cycle_step {
+    enum { power, reset } line;
+    char value;
+    int64_t then_ms; // the pause before the next write
+};
+constexpr int POWER_CYCLE_STEPS = 4;
+extern const power_cycle_step POWER_CYCLE[POWER_CYCLE_STEPS];
+void power_cycle_write(const power_cycle_step &step, int power_line, int reset_line);
+
+// The whole power cycle in one go: reset "1"; 1 s; power "0"; 5 s; reset "0"; power "1".
 void module_power_cycle(int power_line, int reset_line);
+
+// Discovery misses, 1 s apart, before the bring-up power-cycles the module.
+constexpr int BRING_UP_MISSES = 30;
+
+// One look for the module: when it is there, its AT port is opened into
+// `at_fd` and net_if_name, ifdown_cmd and at_port_path are set.
+enum class module_open_result { opened, absent, failed };
+// `failed` after "Open at port failed!".
+module_open_result module_try_open(const module_paths &paths, std::atomic<int32_t> *at_fd);
 
 // Waits for a supported module (power-cycling it after every 30 misses), then
 // opens its AT port into `at_fd`. Sets net_if_name, ifdown_cmd, at_port_path.

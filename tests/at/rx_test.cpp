@@ -122,6 +122,28 @@ TEST(ReceiveThreadTest, EchoesTrafficAndDeliversALineWithoutEndASecondLater) {
               "send at data:AT+CSQ\r\n\nreceive at data:+CSQ: 5,99\n");
 }
 
+// A port that goes away by itself is the module leaving the bus: the client
+// hears it once and at once, and a transaction waiting for an answer stops
+// waiting instead of sitting out its time-out.
+TEST(ReceiveThreadTest, AHungUpPortTellsTheModuleLeftAndEndsTheWaitingTransaction) {
+    fresh_state fresh;
+    at_port port;
+    client_end client;
+    port.start_rx();
+    at_begin();
+    int64_t start = monotonic_ms();
+    std::thread gone([&] { port.hang_up(); });
+    char line[RING_LINE_SIZE];
+    EXPECT_FALSE(at_next_line(line, sizeof line, start + 10000));
+    EXPECT_LT(monotonic_ms() - start, 5000);
+    at_finish();
+    gone.join();
+    EXPECT_EQ(state().module_lost.load(), 1);
+    EXPECT_EQ(client.frames(1, 2000), "1101 1 |");
+    port.stop_rx();
+    EXPECT_EQ(client.frames(), "");
+}
+
 // The pty's slave stands for the module's ttyUSB node, opened by serial_open
 // while its line settings are still the cooked defaults.
 TEST(SerialTest, OpensRawAt115200WithNoFlowControl) {

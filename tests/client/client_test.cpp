@@ -108,10 +108,38 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     EXPECT_EQ(state().at_state.load(), AT_IDLE);
 }
 
+// A restart cancels a client's dial half-way: nothing of the dial stays
+// behind, so the next request is served instead of being told busy for ever.
+TEST(WorkerCancelTest, ARestartDuringAClientsDialLeavesThePortFree) {
+    emulated_bench b;
+    daemon_state &s = state();
+    s.module_restarting = 0;
+    s.phase = module_phase::idle;
+    s.module_type = MODULE_EC200T;
+    b.port.module().set_reply("AT+QIACT=1", modem_reply::standard().until_released());
+    auto send = [](uint16_t code) {
+        std::string raw = request_bytes(code);
+        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size());
+    };
+    send(370);
+    ASSERT_TRUE(b.port.module().wait_for_command("AT+QIACT=1", 5000).has_value());
+    EXPECT_EQ(s.dial_in_progress.load(), 1);
+    send(901); // returns once the worker has ended
+    EXPECT_EQ(s.dial_in_progress.load(), 0);
+    EXPECT_EQ(s.worker_busy.load(), 0);
+    b.port.module().release();
+    s.module_restarting = 0; // as the supervisor's reset leaves it
+    send(102);
+    EXPECT_EQ(b.client.frames(1, 5000), "102 0 20|");
+}
+
 // Local codes are answered by handle_request itself, before it returns.
 class LocalCodeTest : public port_test {
 protected:
-    LocalCodeTest() { state().module_restarting = 0; }
+    LocalCodeTest() {
+        state().module_restarting = 0;
+        state().phase = module_phase::idle;
+    }
     void send(const std::string &raw) {
         handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size());
     }
@@ -122,20 +150,28 @@ protected:
     }
 };
 
+// Not ready while the module starts, is reset or is away, and as soon as a
+// request for one of these is raised, before the supervisor takes it up.
 TEST_F(LocalCodeTest, NotReadyComesBeforeBusy) {
     daemon_state &s = state();
     s.worker_busy = 1;
-    s.fota_done = 1; // only 912 looks at it
-    EXPECT_EQ(ask(912), "912 13 |");
+    EXPECT_EQ(ask(912), "912 12 Disconnected|");
     EXPECT_EQ(ask(102), "102 12 |");
-    s.fota_done = 0;
-    for (auto *flag : {&s.module_restarting, &s.module_reset_request}) {
+    for (auto *flag : {&s.module_restarting, &s.module_reset_request, &s.fota_done, &s.module_lost}) {
         *flag = 1;
         EXPECT_EQ(ask(912), "912 13 |");
         EXPECT_EQ(ask(102), "102 13 |");
         EXPECT_EQ(ask(911), "911 0 ZOLVIN 4G SERVER V1.23|"); // answered whatever the state
         *flag = 0;
     }
+    for (module_phase p : {module_phase::starting, module_phase::resetting, module_phase::gone}) {
+        s.phase = p;
+        EXPECT_EQ(ask(912), "912 13 |");
+        EXPECT_EQ(ask(102), "102 13 |");
+    }
+    s.worker_busy = 0;
+    s.phase = module_phase::connected;
+    EXPECT_EQ(ask(912), "912 0 Connected|");
 }
 
 // What a write leaves is read back through the protocol; 912 shows the dial switch.

@@ -5,11 +5,14 @@
 #include "at/at.h"
 #include "core/daemon_state.h"
 #include "daemon/supervisor.h"
+#include "modem/modem.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fcntl.h>
+#include <functional>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -74,31 +77,24 @@ TEST_F(SupervisorTest, FailedDialsComeEvery5100MsAndTheTenthRaisesOneReset) {
     EXPECT_EQ(sv.next_dial_ms, 0);
 }
 
-TEST_F(SupervisorTest, ADueDialWaitsForTheRunningWorkerAndMarksItselfInProgress) {
+// The supervisor never waits behind a worker: it comes back when the port is
+// given back, and until then serves whatever else is asked of it.
+TEST_F(SupervisorTest, ADueDialIsPutOffWhileAWorkerHoldsThePortAndRunsOnItsRelease) {
     daemon_state &s = state();
     s.at_mutex.lock(); // a worker runs
     s.worker_busy.store(1);
-    port->module().set_reply("AT+QIACT=1", modem_reply::error().until_released());
-    std::atomic<bool> done{false};
-    std::thread main_thread([&] {
-        supervisor_pass(sv);
-        done = true;
-    });
-    EXPECT_FALSE(wait_until([&] { return port->module().command_count() > 0; }, 100));
-    s.worker_busy.store(0); // as worker_finished() does, in its order
-    s.at_mutex.unlock();
-
-    // While the dial runs, the interface thread must see it and answer busy.
-    ASSERT_TRUE(port->module().wait_for_command("AT+QIACT=1", 5000).has_value());
-    EXPECT_EQ(s.dial_in_progress.load(), 1);
-    port->module().release();
-    main_thread.join();
-    EXPECT_TRUE(done.load());
+    EXPECT_EQ(supervisor_pass(sv), NO_DEADLINE);
+    EXPECT_EQ(port->module().command_count(), 0u);
     EXPECT_EQ(s.dial_in_progress.load(), 0);
+    EXPECT_EQ(s.phase.load(), module_phase::dialling);
+
+    uint64_t seen = s.supervisor_wake.count();
+    worker_finished(); // the worker's last act wakes the supervisor
+    EXPECT_NE(s.supervisor_wake.count(), seen);
+    supervisor_pass(sv);
     EXPECT_EQ(sent("AT+QIDEACT=1"), 1u);
     EXPECT_EQ(sv.dial_failures, 1);
-    EXPECT_TRUE(s.at_mutex.try_lock()); // free again for the next worker
-    s.at_mutex.unlock();
+    EXPECT_EQ(s.dial_in_progress.load(), 0);
 }
 
 TEST_F(SupervisorTest, DisconnectSkipsTheTearDownWhileAWorkerOwnsThePort) {
@@ -121,6 +117,32 @@ TEST_F(SupervisorTest, DisconnectSkipsTheTearDownWhileAWorkerOwnsThePort) {
     }
 }
 
+// The check switch takes effect at once while the link is up, and never
+// while a firmware update has the module.
+TEST_F(SupervisorTest, TheCheckSwitchStartsAndStopsTheCheckWhileTheLinkIsUp) {
+    daemon_state &s = state();
+    s.module_type.store(MODULE_EC20);
+    strcpy(s.app_name, "conn_app");
+    strcpy(s.app_cmd, "true");
+    supervisor_pass(sv);
+    ASSERT_EQ(s.phase.load(), module_phase::connected);
+    EXPECT_EQ(s.check_tid.load(), pthread_t{0});
+    const struct {
+        uint8_t check, fota;
+        bool running;
+    } rows[] = {{1, 1, false}, {1, 0, true}, {1, 0, true}, {0, 0, false}, {1, 0, true}};
+    for (const auto &r : rows) {
+        SCOPED_TRACE(testing::Message() << int(r.check) << int(r.fota));
+        s.fota_active.store(r.fota);
+        uint64_t seen = s.supervisor_wake.count();
+        supervisor_request(s.auto_check, r.check);
+        EXPECT_NE(s.supervisor_wake.count(), seen);
+        EXPECT_EQ(supervisor_pass(sv), NO_DEADLINE);
+        EXPECT_EQ(s.check_tid.load() != pthread_t{0}, r.running);
+    }
+    supervisor_stop_threads(sv);
+}
+
 TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStopsIt) {
     daemon_state &s = state();
     // The EC20 with an external program: the dial starts it and runs no DHCP client.
@@ -141,7 +163,9 @@ TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStops
     EXPECT_EQ(s.check_tid.load(), pthread_t{0});
 }
 
-class ReopenTest : public testing::Test {
+// The module on a scratch bus and /dev, its AT port the emulator's pty, the
+// control lines pipes the test reads, and a connected client.
+class ModuleTest : public testing::Test {
 protected:
     void SetUp() override {
         state().module_restarting.store(0);
@@ -151,14 +175,20 @@ protected:
         sv.paths.dev_dir = dev.path().c_str();
         sv.clock = test_clock;
         g_now = 1000;
+        for (int *line : {power, reset}) {
+            ASSERT_EQ(pipe2(line, O_NONBLOCK | O_CLOEXEC), 0);
+        }
+        sv.power_line = power[1];
+        sv.reset_line = reset[1];
         node = dev.path() + "/ttyUSB1";
+        sys.mkdir("1-1/1-1:1.0/net/usb0");
         plug();
         daemon_state &s = state();
         ASSERT_EQ(serial_open(&s.at_fd, node.c_str()), 0);
         strcpy(s.at_port_path, node.c_str());
+        s.module_type.store(MODULE_EC200S);
         supervisor_start_threads(sv);
-        // The update keeps collecting lines across the module's reboot.
-        s.at_state.store(AT_COLLECTING);
+        s.phase.store(module_phase::idle);
     }
     void TearDown() override {
         supervisor_stop_threads(sv);
@@ -167,6 +197,8 @@ protected:
             close(sv.port_events);
         emu.stop();
         close(master);
+        for (int fd : {power[0], power[1], reset[0], reset[1]})
+            close(fd);
     }
     // The EC200S on the bus with its AT port's node.
     void plug() {
@@ -178,6 +210,17 @@ protected:
     void unplug() {
         ASSERT_EQ(unlink(node.c_str()), 0);
         ASSERT_EQ(rmdir((sys.path() + "/1-1/1-1:1.3/ttyUSB1").c_str()), 0);
+    }
+    // The writes to the control lines since the last look, as "p0 r1 ";
+    // the supervisor writes at most one byte a pass, so the order is exact.
+    std::string writes() {
+        std::string seen;
+        for (auto [fd, name] : {std::pair{reset[0], 'r'}, std::pair{power[0], 'p'}}) {
+            char c;
+            while (read(fd, &c, 1) == 1)
+                seen += std::string{name, c, ' '};
+        }
+        return seen;
     }
     // The module's line reaches the collecting update through the new threads.
     void expect_port_serves() {
@@ -193,9 +236,156 @@ protected:
     temp_dir sys, dev;
     std::string slave, node;
     int master = -1;
+    int power[2] = {-1, -1}, reset[2] = {-1, -1};
     modem_emulator emu{modem_family::ec200s};
     supervisor sv;
+    client_end client;
 };
+
+// One step of the supervisor's life: what happens, how much later the pass
+// runs, and what it leaves: the phase, the pass's next deadline (from the
+// clock after the step), the frames the client got and the control-line writes.
+struct step_row {
+    const char *event;
+    std::function<void()> happen;
+    int64_t later_ms;
+    module_phase phase;
+    int64_t due_in_ms; // NO_DEADLINE or from the clock
+    const char *frames;
+    const char *writes;
+};
+
+class ReopenTest : public ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        // The update keeps collecting lines across the module's reboot.
+        state().at_state.store(AT_COLLECTING);
+    }
+};
+
+class PresenceTest : public ModuleTest {
+protected:
+    void run(const std::vector<step_row> &rows) {
+        for (const step_row &r : rows) {
+            SCOPED_TRACE(r.event);
+            if (r.happen)
+                r.happen();
+            g_now += r.later_ms;
+            int64_t due = supervisor_pass(sv);
+            EXPECT_EQ(state().phase.load(), r.phase);
+            EXPECT_EQ(due, r.due_in_ms == NO_DEADLINE ? NO_DEADLINE : g_now + r.due_in_ms);
+            EXPECT_EQ(client.frames(), r.frames);
+            EXPECT_EQ(writes(), r.writes);
+        }
+    }
+    // The receive thread's report of a port that hung up, with the module gone.
+    std::function<void()> leaves() {
+        return [this] {
+            unplug();
+            at_port_hung_up();
+            // At once, before the supervisor has done anything.
+            EXPECT_FALSE(module_ready());
+        };
+    }
+    std::function<void()> returns() {
+        return [this] { plug(); };
+    }
+};
+
+using P = module_phase;
+
+TEST_F(PresenceTest, AModuleBackWithinAMinuteIsOpenedAgainWithoutAPowerCycle) {
+    run({
+        {"idle, the port hangs up", leaves(), 0, P::gone, 1000, "1101 1 |", ""},
+        {"gone, a look a second later", nullptr, 1000, P::gone, 1000, "", ""},
+        {"gone, the module is back", returns(), 1000, P::gone, 2000, "", ""},
+        {"gone, 2 s after the opening", nullptr, 2000, P::idle, PASS_MS, "1101 0 |", ""},
+        {"idle", nullptr, PASS_MS, P::idle, NO_DEADLINE, "", ""},
+    });
+    EXPECT_TRUE(module_ready());
+    // The new threads carry the module's answers.
+    EXPECT_TRUE(wait_until([&] { return emu.peer_present(); }, 2000));
+    EXPECT_EQ(get_csq(0), 0);
+}
+
+TEST_F(PresenceTest, AModuleAwayForAMinuteIsPowerCycledAndBroughtUp) {
+    run({
+        {"idle, the port hangs up", leaves(), 0, P::gone, 1000, "1101 1 |", ""},
+        {"gone, just before the minute", nullptr, 59999, P::gone, 1, "", ""},
+        {"gone, the minute is over", nullptr, 1, P::resetting, 1000, "", "r1 "},
+        {"resetting, power off", nullptr, 1000, P::resetting, 5000, "", "p0 "},
+        {"resetting, reset released", nullptr, 5000, P::resetting, 0, "", "r0 "},
+        {"resetting, power on", nullptr, 0, P::resetting, 20000, "", "p1 "},
+        {"resetting, settling", returns(), 19999, P::resetting, 1, "", ""},
+        {"resetting, settled and found", nullptr, 1, P::resetting, 2000, "", ""},
+        {"resetting, 2 s after the opening", nullptr, 2000, P::idle, PASS_MS, "1101 0 |", ""},
+    });
+    EXPECT_EQ(state().module_reset_request.load(), 0);
+}
+
+// A restart asked while the module is away ends the search with its own
+// reset; the client hears the module back and the restart done.
+TEST_F(PresenceTest, ARestartWhileTheModuleIsAwayPowerCyclesIt) {
+    daemon_state &s = state();
+    run({
+        {"idle, the port hangs up", leaves(), 0, P::gone, 1000, "1101 1 |", ""},
+        {"gone, 901", [&] { supervisor_request(s.module_restarting, 1); }, 10, P::resetting, 1000,
+         "", "r1 "},
+        {"resetting, power off", returns(), 1000, P::resetting, 5000, "", "p0 "},
+        {"resetting, reset released", nullptr, 5000, P::resetting, 0, "", "r0 "},
+        {"resetting, power on", nullptr, 0, P::resetting, 20000, "", "p1 "},
+        {"resetting, settled and found", nullptr, 20000, P::resetting, 2000, "", ""},
+        {"resetting, 2 s later", nullptr, 2000, P::idle, PASS_MS, "1101 0 |901 0 |", ""},
+    });
+}
+
+// The reset's waits are deadlines of the loop: a restart asked during the
+// settle of a firmware end is answered when the reset ends, with no second one.
+TEST_F(PresenceTest, AFirmwareEndReopensWithoutAPowerCycleAndARestartMeanwhileIsAnswered) {
+    daemon_state &s = state();
+    run({
+        {"idle, the update ends", [&] { supervisor_request(s.fota_done, 1); }, 0, P::resetting,
+         20000, "", ""},
+        {"resetting, 901", [&] { supervisor_request(s.module_restarting, 1); }, 10000,
+         P::resetting, 10000, "", ""},
+        {"resetting, settled and found", nullptr, 10000, P::resetting, 2000, "", ""},
+        {"resetting, 2 s later", nullptr, 2000, P::idle, PASS_MS, "901 0 |", ""},
+        {"idle", nullptr, PASS_MS, P::idle, NO_DEADLINE, "", ""},
+    });
+}
+
+// Departures the daemon causes are not losses: the update's reboots, and a
+// loss told while the supervisor already takes the module down for a reset.
+TEST_F(PresenceTest, TheDaemonsOwnDeparturesAreNotLosses) {
+    daemon_state &s = state();
+    s.fota_active.store(1);
+    at_port_hung_up();
+    EXPECT_EQ(s.module_lost.load(), 0);
+    EXPECT_TRUE(module_ready());
+    EXPECT_EQ(client.frames(), "");
+    s.fota_active.store(0);
+    at_port_hung_up();
+    at_port_hung_up(); // told once per absence
+    EXPECT_EQ(client.frames(), "1101 1 |");
+}
+
+// A dial put off behind the update's worker does not keep the update's
+// re-open waiting: the update holds the port for its whole run.
+TEST_F(ReopenTest, AReopenIsServedWhileADialWaitsForTheUpdatesWorker) {
+    daemon_state &s = state();
+    s.auto_dial.store(1);
+    s.at_mutex.lock();
+    s.worker_busy.store(1);
+    EXPECT_EQ(supervisor_pass(sv), NO_DEADLINE);
+    EXPECT_EQ(s.phase.load(), module_phase::dialling);
+    supervisor_request(s.fota_reopen, 1);
+    supervisor_pass(sv);
+    EXPECT_EQ(s.phase.load(), module_phase::reopening);
+    EXPECT_EQ(sv.step, sv_step::port_gone);
+    s.worker_busy.store(0);
+    s.at_mutex.unlock();
+}
 
 TEST_F(ReopenTest, TheModuleLeavesAndComesBackAndThePortIsOpenedAgain) {
     daemon_state &s = state();
@@ -231,7 +421,7 @@ TEST_F(ReopenTest, TheModuleLeavesAndComesBackAndThePortIsOpenedAgain) {
             EXPECT_EQ(s.fota_port_status.load(), 1);
             plug();
         }
-        EXPECT_EQ(sv.reopen, reopen_step::none);
+        EXPECT_EQ(sv.step, sv_step::none);
         EXPECT_EQ(sv.port_events, -1);
         EXPECT_EQ(s.module_reset_request.load(), 1);
         s.module_reset_request.store(0);
@@ -261,10 +451,10 @@ TEST_F(ReopenTest, APortThatStaysOrAModuleThatStaysAwayEndsTheWait) {
             }
             g_now += (stuck == 0 ? sv.port_gone_ms : stuck == 1 ? sv.port_back_ms : sv.watch_ms) - 1;
             supervisor_pass(sv);
-            EXPECT_NE(sv.reopen, reopen_step::none);
+            EXPECT_NE(sv.step, sv_step::none);
             g_now += 1;
             supervisor_pass(sv);
-            EXPECT_EQ(sv.reopen, reopen_step::none);
+            EXPECT_EQ(sv.step, sv_step::none);
             EXPECT_EQ(s.module_reset_request.exchange(0), watch ? 0 : 1);
             EXPECT_EQ(s.fota_port_status.load(), watch ? -1 : 0);
             if (stuck == 1)

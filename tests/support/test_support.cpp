@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -104,7 +105,13 @@ at_port::at_port() {
 at_port::~at_port() {
     stop_rx();
     close_port();
-    close(master_);
+    if (master_ >= 0)
+        close(master_);
+}
+
+void at_port::hang_up() {
+    if (master_ >= 0)
+        close(std::exchange(master_, -1));
 }
 
 void at_port::close_port() {

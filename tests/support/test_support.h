@@ -96,6 +96,9 @@ public:
     std::string module_reads(const std::string &until, long timeout_ms);
     // Closes the daemon's side of the port, as a vanished device would leave it.
     void close_port();
+    // Closes the module's side: the daemon's side hangs up, as when the module
+    // leaves the bus.
+    void hang_up();
 
 private:
     int master_ = -1;
