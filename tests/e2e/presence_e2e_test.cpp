@@ -87,6 +87,7 @@ void away_and_back(const std::string &family, const std::string &ifname, const s
     client_conn &c = *b.client;
     ASSERT_TRUE(c.state_becomes("Connected"));
     ASSERT_EQ(c.ask_settled(51).substr(0, 5), "51/0/");
+    ASSERT_TRUE(in_order(commands_since(b.emu), dial)) << joined(commands_since(b.emu)); // the first dial
     size_t lines = b.board.lines().size();
     ASSERT_TRUE(unplug(b.board));
     long long gone = monotonic_ms();
@@ -105,7 +106,7 @@ void away_and_back(const std::string &family, const std::string &ifname, const s
         return monotonic_ms() >= gone + 3000;
     });
     EXPECT_TRUE(away.empty()) << joined(away);
-    EXPECT_TRUE(b.board.called(DOWN_SCRIPT));
+    EXPECT_TRUE(sim_board::wait_until([&] { return b.board.called(DOWN_SCRIPT); }, milliseconds(5000)));
 
     size_t from = next_index(b.emu);
     ASSERT_TRUE(b.board.plug());
