@@ -107,6 +107,8 @@ bool sim_board::start(const std::vector<std::string> &command) {
         a.emplace_back("--no-reset-line");
     if (config_.unplugged)
         a.emplace_back("--unplugged");
+    if (config_.power_replug_ms >= 0)
+        a.insert(a.end(), {"--power-replug", std::to_string(config_.power_replug_ms)});
     if (!config_.fota_return.empty())
         a.insert(a.end(), {"--fota-return", config_.fota_return});
     if (config_.conf) {

@@ -35,6 +35,7 @@ struct board_config {
     bool reset_line = true;
     bool unplugged = false;          // the module comes on the bus only with plug()
     std::string fota_return;         // --fota-return: milliseconds or "never"; "": the board's
+    int power_replug_ms = -1;        // --power-replug: a power cycle plugs the module back; -1: it does not
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
 };
 
