@@ -144,14 +144,20 @@ void at_port_hung_up() {
     // the supervisor's re-open follow it.
     if (s.fota_active.load(std::memory_order_acquire))
         return;
-    if (s.module_lost.exchange(1, std::memory_order_acq_rel) != 0)
-        return;
-    client_report(EVENT_MODULE, STATUS_FAIL, nullptr);
+    // The send must not be cut short by a cancellation with the lock held.
+    int cancel_state;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+    {
+        lock_hold presence(&s.presence_lock);
+        if (s.module_lost.exchange(1, std::memory_order_acq_rel) == 0)
+            client_report(EVENT_MODULE, STATUS_FAIL, nullptr);
+    }
     {
         lock_hold hold(&s.line_lock);
         s.resp_ring.readable.broadcast();
     }
     s.supervisor_wake.raise();
+    pthread_setcancelstate(cancel_state, nullptr);
 }
 
 void at_finish() {

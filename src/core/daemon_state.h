@@ -114,6 +114,9 @@ struct daemon_state {
     // The AT port hung up by itself: the module left the bus. Raised by the
     // receive thread, cleared once the port is open again.
     std::atomic<uint8_t> module_lost{0};
+    // Orders the client's (1101, 1) and (1101, 0): the receive thread's word
+    // of a loss and the supervisor's of the module's return.
+    pthread_mutex_t presence_lock = PTHREAD_MUTEX_INITIALIZER;
     // A firmware update talks to the module: its reboots are not losses.
     // Raised by the update; cleared by it on an early failure, else by the
     // reset that follows every update.

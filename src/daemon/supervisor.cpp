@@ -103,14 +103,17 @@ bool take_module_down(supervisor &sv, bool stop_program) {
     return was_up;
 }
 
-// The port is open and its threads run again: the absence, if any, is over.
+// The port is open again: its threads start, the module is served again and
+// the absence, if any, is over. A loss the new receive thread may report at
+// once is told after the return, not before it.
 void module_is_back(supervisor &sv) {
-    // Told before the new receive thread may see the module leave again, so
-    // the client's events keep their order.
+    daemon_state &s = state();
+    lock_hold presence(&s.presence_lock);
+    supervisor_start_threads(sv);
+    publish_running();
     if (sv.module_absent)
         client_report(EVENT_MODULE, STATUS_OK, nullptr);
     sv.module_absent = false;
-    supervisor_start_threads(sv);
 }
 
 void step_to(supervisor &sv, sv_step step, int64_t due) {
@@ -157,7 +160,6 @@ void reset_end(supervisor &sv) {
     sv.next_dial_ms = 0;
     sv.dial_failures = 0;
     module_is_back(sv);
-    publish_running();
     if (restarted)
         client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
     else if (after_fota)
@@ -180,7 +182,6 @@ void gone_end(supervisor &sv) {
     sv.next_dial_ms = 0;
     sv.dial_failures = 0;
     module_is_back(sv);
-    publish_running();
 }
 
 // ---- firmware re-open ----
@@ -399,7 +400,6 @@ int64_t dial_action(supervisor &sv) {
     s.dial_in_progress.store(0, std::memory_order_release);
     if (result == 0) {
         s.connected.store(1, std::memory_order_release);
-        publish(phase::connected);
         sv.next_dial_ms = 0;
         sv.dial_failures = 0;
         // With an external program on the EC20 the program gets the address itself.
@@ -408,6 +408,8 @@ int64_t dial_action(supervisor &sv) {
             text_format(dhcp, sizeof dhcp, DHCP_CMD_FORMAT, s.net_if_name);
             run_shell(dhcp);
         }
+        // "Connected" once the link has its address.
+        publish(phase::connected);
         if (raised(s.auto_check))
             start_check_thread(sv);
         return NO_DEADLINE;

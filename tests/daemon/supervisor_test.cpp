@@ -264,7 +264,7 @@ protected:
     }
 };
 
-class PresenceTest : public ModuleTest {
+class ModuleAwayTest : public ModuleTest {
 protected:
     void run(const std::vector<step_row> &rows) {
         for (const step_row &r : rows) {
@@ -295,7 +295,7 @@ protected:
 
 using P = module_phase;
 
-TEST_F(PresenceTest, AModuleBackWithinAMinuteIsOpenedAgainWithoutAPowerCycle) {
+TEST_F(ModuleAwayTest, AModuleBackWithinAMinuteIsOpenedAgainWithoutAPowerCycle) {
     run({
         {"idle, the port hangs up", leaves(), 0, P::gone, 1000, "1101 1 |", ""},
         {"gone, a look a second later", nullptr, 1000, P::gone, 1000, "", ""},
@@ -309,7 +309,7 @@ TEST_F(PresenceTest, AModuleBackWithinAMinuteIsOpenedAgainWithoutAPowerCycle) {
     EXPECT_EQ(get_csq(0), 0);
 }
 
-TEST_F(PresenceTest, AModuleAwayForAMinuteIsPowerCycledAndBroughtUp) {
+TEST_F(ModuleAwayTest, AModuleAwayForAMinuteIsPowerCycledAndBroughtUp) {
     run({
         {"idle, the port hangs up", leaves(), 0, P::gone, 1000, "1101 1 |", ""},
         {"gone, just before the minute", nullptr, 59999, P::gone, 1, "", ""},
@@ -326,7 +326,7 @@ TEST_F(PresenceTest, AModuleAwayForAMinuteIsPowerCycledAndBroughtUp) {
 
 // A restart asked while the module is away ends the search with its own
 // reset; the client hears the module back and the restart done.
-TEST_F(PresenceTest, ARestartWhileTheModuleIsAwayPowerCyclesIt) {
+TEST_F(ModuleAwayTest, ARestartWhileTheModuleIsAwayPowerCyclesIt) {
     daemon_state &s = state();
     run({
         {"idle, the port hangs up", leaves(), 0, P::gone, 1000, "1101 1 |", ""},
@@ -342,7 +342,7 @@ TEST_F(PresenceTest, ARestartWhileTheModuleIsAwayPowerCyclesIt) {
 
 // The reset's waits are deadlines of the loop: a restart asked during the
 // settle of a firmware end is answered when the reset ends, with no second one.
-TEST_F(PresenceTest, AFirmwareEndReopensWithoutAPowerCycleAndARestartMeanwhileIsAnswered) {
+TEST_F(ModuleAwayTest, AFirmwareEndReopensWithoutAPowerCycleAndARestartMeanwhileIsAnswered) {
     daemon_state &s = state();
     run({
         {"idle, the update ends", [&] { supervisor_request(s.fota_done, 1); }, 0, P::resetting,
@@ -357,7 +357,7 @@ TEST_F(PresenceTest, AFirmwareEndReopensWithoutAPowerCycleAndARestartMeanwhileIs
 
 // Departures the daemon causes are not losses: the update's reboots, and a
 // loss told while the supervisor already takes the module down for a reset.
-TEST_F(PresenceTest, TheDaemonsOwnDeparturesAreNotLosses) {
+TEST_F(ModuleAwayTest, TheDaemonsOwnDeparturesAreNotLosses) {
     daemon_state &s = state();
     s.fota_active.store(1);
     at_port_hung_up();
