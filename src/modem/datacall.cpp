@@ -4,6 +4,7 @@
 #include "core/config.h"
 #include "core/log.h"
 #include "core/shell.h"
+#include "core/stats.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -129,6 +130,7 @@ int dial_ec200(uint8_t report) {
     // Echo off; a module that keeps echoing still dials, the echo is dropped.
     set_ate(0, 0);
     int result = run_dial(EC200_DIAL, report);
+    stat_add(result == 0 ? stat_counter::dials : stat_counter::dial_failures);
     if (result == 0 && report)
         client_report(CODE_DIAL, STATUS_OK, nullptr);
     s.dial_in_progress.store(0, std::memory_order_release);
@@ -143,6 +145,7 @@ int dial_ec20(uint8_t report) {
         char cmd[CMD_FIELD_SIZE];
         setting_read(cmd, sizeof cmd, s.app_cmd);
         run_shell(cmd);
+        stat_add(stat_counter::dials);
         if (report)
             client_report(CODE_DIAL, STATUS_OK, nullptr);
         return 0;
@@ -152,6 +155,7 @@ int dial_ec20(uint8_t report) {
     // Stop a call that may still be up from before; if there is none, that is fine too.
     set_qcrmcall(0, 1, 0);
     int result = run_dial(EC20_DIAL, report);
+    stat_add(result == 0 ? stat_counter::dials : stat_counter::dial_failures);
     s.dial_in_progress.store(0, std::memory_order_release);
     if (result == 0 && report)
         client_report(CODE_DIAL, STATUS_OK, nullptr);

@@ -3,6 +3,7 @@
 #include "at/serial.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
+#include "core/stats.h"
 #include "core/text.h"
 
 #include <cstdio>
@@ -14,6 +15,7 @@ void control_line_write(int line, char value) {
 }
 
 void module_power_cycle(int power_line, int reset_line) {
+    stat_add(stat_counter::resets);
     control_line_write(reset_line, '1');
     sleep_for(1, 0);
     control_line_write(power_line, '0');
