@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "core/report.h"
 #include "core/shell.h"
+#include "core/stats.h"
 #include "core/text.h"
 #include "daemon/startup.h"
 #include "modem/modem.h"
@@ -87,6 +88,7 @@ void reset_action(supervisor &sv) {
     s.module_reset_request.store(0, std::memory_order_release);
     s.fota_done.store(0, std::memory_order_release);
     s.connected.store(0, std::memory_order_release);
+    stats_link_down();
     call_active_set(0);
     sv.next_dial_ms = 0;
     sv.dial_failures = 0;
@@ -236,6 +238,7 @@ int64_t dial_action(supervisor &sv) {
     s.dial_in_progress.store(0, std::memory_order_release);
     if (result == 0) {
         s.connected.store(1, std::memory_order_release);
+        stats_link_up(monotonic_ms());
         sv.next_dial_ms = 0;
         sv.dial_failures = 0;
         // With an external program on the EC20 the program gets the address itself.
@@ -281,6 +284,7 @@ void disconnect_action() {
         as_supervisor_work([] { set_qcrmcall(0, 1, 0); });
     }
     s.connected.store(0, std::memory_order_release);
+    stats_link_down();
     char script[TEXT_FIELD_SIZE];
     setting_read(script, sizeof script, s.down_script);
     if (script[0] != '\0')

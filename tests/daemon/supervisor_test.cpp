@@ -130,6 +130,8 @@ TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStops
     s.auto_check.store(1);
     supervisor_pass(sv);
     ASSERT_EQ(s.connected.load(), 1);
+    EXPECT_EQ(stat_value("dials"), 1); // the program started is the dial
+    EXPECT_EQ(stat_value("link"), 1);
     pthread_t check = s.check_tid.load();
     ASSERT_NE(check, pthread_t{0});
     char name[16] = "";
