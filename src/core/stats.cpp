@@ -10,7 +10,7 @@ namespace {
 constexpr size_t COUNTERS = static_cast<size_t>(stat_counter::count);
 constexpr int64_t LINK_DOWN = -1;
 
-const char *const NAMES[] = {"dials",  "dial_failures", "resets",  "lost",   "probes",
+const char *const NAMES[] = {"dials", "dial_failures", "resets", "lost", "probes",
                              "probe_failures", "sms_in", "sms_out", "dropped"};
 static_assert(sizeof NAMES / sizeof NAMES[0] == COUNTERS, "a name for every counter");
 

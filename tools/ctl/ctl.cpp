@@ -963,9 +963,9 @@ std::string format_event(const reply_frame &f, const print_style &style) {
 
 // ---- status
 
-const char *const STATS_KEYS[STATS_KEY_COUNT] = {"up",     "link",           "link_s", "dials",
-                                                 "dial_failures", "resets", "lost",   "probes",
-                                                 "probe_failures", "sms_in", "sms_out", "dropped"};
+const char *const STATS_KEYS[STATS_KEY_COUNT] = {
+    "up", "link", "link_s", "dials", "dial_failures", "resets",
+    "lost", "probes", "probe_failures", "sms_in", "sms_out", "dropped"};
 
 std::optional<uint64_t> daemon_stats::get(const std::string &key) const {
     for (size_t i = 0; i < STATS_KEY_COUNT; ++i) {
