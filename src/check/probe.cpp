@@ -2,6 +2,7 @@
 
 #include "core/config.h"
 #include "core/daemon_state.h"
+#include "core/stats.h"
 #include "core/wait.h"
 
 #include <arpa/inet.h>
@@ -145,9 +146,13 @@ int icmp_ping(const char *ifname, const char *address) {
     uint16_t seq = static_cast<uint16_t>(++s.icmp_seq);
     unsigned char tx[ICMP_BUFFER_SIZE];
     size_t len = icmp_build_echo(tx, sizeof tx, ident, seq, s.icmp_data_len);
+    stat_add(stat_counter::probes);
     // A failed send shows as the silence that follows.
     sendto(fd, tx, len, 0, reinterpret_cast<const sockaddr *>(&dest), sizeof dest);
-    return recv_reply(fd, ident);
+    int result = recv_reply(fd, ident);
+    if (result != 0)
+        stat_add(stat_counter::probe_failures);
+    return result;
 }
 
 int link_check() {

@@ -3,6 +3,7 @@
 #include "at/at.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
+#include "core/stats.h"
 #include "core/text.h"
 
 #include <cstdio>
@@ -166,6 +167,12 @@ void down_script_setting(const request_frame &f) {
     reply(f.code, STATUS_OK, text);
 }
 
+void statistics(const request_frame &f) {
+    char text[STATS_TEXT_SIZE];
+    stats_format(text, sizeof text, monotonic_ms());
+    reply(f.code, STATUS_OK, text);
+}
+
 struct local_code {
     uint16_t code;
     void (*handle)(const request_frame &f);
@@ -175,6 +182,7 @@ const local_code LOCAL_CODES[] = {
     {901, [](const request_frame &) { restart_module(); }},
     {911, [](const request_frame &f) { reply(f.code, STATUS_OK, BANNER); }},
     {912, [](const request_frame &f) { connection_state(f.code); }},
+    {913, statistics},
     {501, auto_dial_switch},
     {521, apn_setting},
     {522, check_switch},

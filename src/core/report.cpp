@@ -2,6 +2,7 @@
 
 #include "core/daemon_state.h"
 #include "core/log.h"
+#include "core/stats.h"
 
 #include <cerrno>
 #include <sys/socket.h>
@@ -16,6 +17,8 @@ void client_report(int code, int status, const char *text) {
     // or the supervisor: its frames are dropped instead.
     ssize_t sent = send(s.client_fd.load(std::memory_order_acquire), frame, n,
                         MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        stat_add(stat_counter::dropped);
         log_printf("Client not reading, frame %d dropped\n", code);
+    }
 }

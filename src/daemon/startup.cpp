@@ -6,6 +6,8 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/shell.h"
+#include "core/stats.h"
+#include "core/wait.h"
 #include "daemon/supervisor.h"
 #include "modem/modem.h"
 #include "module/module.h"
@@ -31,6 +33,7 @@ void parse_command_line(int argc, char **argv) {
 pthread_attr_t *thread_attributes() { return &g_thread_attr; }
 
 int daemon_main(int argc, char **argv) {
+    stats_start(monotonic_ms());
     daemon_state &s = state();
     parse_command_line(argc, argv);
     s.check_tid.store(0, std::memory_order_release);

@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "core/report.h"
 #include "core/shell.h"
+#include "core/stats.h"
 #include "core/text.h"
 #include "daemon/startup.h"
 #include "modem/modem.h"
@@ -97,6 +98,7 @@ bool take_module_down(supervisor &sv, bool stop_program) {
     if (s.module_lost.exchange(0, std::memory_order_acq_rel) != 0)
         sv.module_absent = true;
     bool was_up = s.connected.exchange(0, std::memory_order_acq_rel) != 0;
+    stats_link_down();
     if (stop_program)
         stop_external_program();
     run_shell(s.ifdown_cmd);
@@ -170,6 +172,7 @@ void reset_end(supervisor &sv) {
 
 void gone_begin(supervisor &sv) {
     publish(phase::gone);
+    stat_add(stat_counter::lost);
     log_printf("4G module left the bus!\n");
     if (take_module_down(sv, false))
         run_down_script();
@@ -400,6 +403,7 @@ int64_t dial_action(supervisor &sv) {
     s.dial_in_progress.store(0, std::memory_order_release);
     if (result == 0) {
         s.connected.store(1, std::memory_order_release);
+        stats_link_up(monotonic_ms());
         sv.next_dial_ms = 0;
         sv.dial_failures = 0;
         // With an external program on the EC20 the program gets the address itself.
@@ -447,6 +451,7 @@ void disconnect_action() {
         as_supervisor_work([] { set_qcrmcall(0, 1, 0); });
     }
     s.connected.store(0, std::memory_order_release);
+    stats_link_down();
     publish(phase::idle);
     run_down_script();
 }

@@ -4,6 +4,7 @@
 #include "core/config.h"
 #include "core/log.h"
 #include "core/shell.h"
+#include "core/stats.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -76,6 +77,7 @@ template <size_t N> const char *run_dial(const dial_step (&steps)[N]) {
 // The end of a dial: the port is no longer marked as dialling before the
 // reply goes out, so a client answered may ask again at once.
 int dial_end(const char *failed_step, uint8_t report) {
+    stat_add(failed_step ? stat_counter::dial_failures : stat_counter::dials);
     state().dial_in_progress.store(0, std::memory_order_release);
     if (report)
         client_report(CODE_DIAL, failed_step ? STATUS_FAIL : STATUS_OK, failed_step);
@@ -146,6 +148,7 @@ int dial_ec20(uint8_t report) {
         char cmd[CMD_FIELD_SIZE];
         setting_read(cmd, sizeof cmd, s.app_cmd);
         run_shell(cmd);
+        stat_add(stat_counter::dials);
         if (report)
             client_report(CODE_DIAL, STATUS_OK, nullptr);
         return 0;

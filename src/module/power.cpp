@@ -3,6 +3,7 @@
 #include "at/serial.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
+#include "core/stats.h"
 #include "core/text.h"
 
 #include <cstdio>
@@ -21,6 +22,9 @@ const power_cycle_step POWER_CYCLE[POWER_CYCLE_STEPS] = {
 };
 
 void power_cycle_write(const power_cycle_step &step, int power_line, int reset_line) {
+    // Counted by its first write, whoever runs the sequence.
+    if (&step == &POWER_CYCLE[0])
+        stat_add(stat_counter::resets);
     control_line_write(step.line == power_cycle_step::power ? power_line : reset_line, step.value);
 }
 

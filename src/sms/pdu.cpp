@@ -2,6 +2,7 @@
 
 #include "core/convert.h"
 #include "core/report.h"
+#include "core/stats.h"
 
 #include <cstdio>
 #include <cstring>
@@ -186,8 +187,10 @@ bool sms_status_parse(const char *pdu, size_t len, int *status, int *reference) 
 
 void sms_deliver_decode(const char *pdu) {
     char record[SMS_RECORD_MAX];
-    if (sms_deliver_parse(pdu, strlen(pdu), record, sizeof record) > 0)
+    if (sms_deliver_parse(pdu, strlen(pdu), record, sizeof record) > 0) {
+        stat_add(stat_counter::sms_in);
         client_report(EVENT_SMS, STATUS_OK, record);
+    }
 }
 
 void sms_status_decode(const char *pdu) {

@@ -3,6 +3,7 @@
 #include "at/at.h"
 #include "core/convert.h"
 #include "core/daemon_state.h"
+#include "core/stats.h"
 #include "core/text.h"
 #include "core/wait.h"
 #include "modem/modem.h"
@@ -117,6 +118,8 @@ int wait_for_result(const cmgs_rules &r, const char *body) {
     char line[RING_LINE_SIZE];
     while (at_next_line(line, sizeof line, deadline)) {
         if (has_prefix(line, "OK")) {
+            // Counted before the reply, so a 913 asked on it includes this message.
+            stat_add(stat_counter::sms_out);
             client_report(r.code, STATUS_OK, r.message_ref ? ref : nullptr);
             return 0;
         }

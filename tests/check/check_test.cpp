@@ -188,6 +188,10 @@ TEST(ProbeTest, LoopbackAnswersAndFailuresNeitherSendNorWait) {
     EXPECT_EQ(s.icmp_seq, 0x10002u); // the third answered, the fifth was spared
     s.ping_address[2][0] = s.ping_address[4][0] = '\0';
     EXPECT_EQ(link_check(), -1);
+    // Only what was sent is a probe: a name that does not resolve or an
+    // interface that is not there sends nothing.
+    EXPECT_EQ(stat_value("probes"), 3);
+    EXPECT_EQ(stat_value("probe_failures"), 0);
 }
 
 } // namespace

@@ -162,6 +162,7 @@ TEST_F(LocalCodeTest, NotReadyComesBeforeBusy) {
         EXPECT_EQ(ask(912), "912 13 |");
         EXPECT_EQ(ask(102), "102 13 |");
         EXPECT_EQ(ask(911), "911 0 ZOLVIN 4G SERVER V1.23|"); // answered whatever the state
+        EXPECT_EQ(ask(913).substr(0, 9), "913 0 up=");
         *flag = 0;
     }
     for (module_phase p : {module_phase::starting, module_phase::resetting, module_phase::gone}) {
@@ -172,6 +173,16 @@ TEST_F(LocalCodeTest, NotReadyComesBeforeBusy) {
     s.worker_busy = 0;
     s.phase = module_phase::connected;
     EXPECT_EQ(ask(912), "912 0 Connected|");
+}
+
+// The statistics as the server answers them, fields in their order.
+TEST_F(LocalCodeTest, StatisticsAnswerWithTheCountersAndTheLink) {
+    stats_start(monotonic_ms() - 61000);
+    stats_link_up(monotonic_ms() - 2500);
+    stat_add(stat_counter::dials);
+    stat_add(stat_counter::dropped);
+    EXPECT_EQ(ask(913), "913 0 up=61 link=1 link_s=2 dials=1 dial_failures=0 resets=0 lost=0 "
+                        "probes=0 probe_failures=0 sms_in=0 sms_out=0 dropped=1|");
 }
 
 // What a write leaves is read back through the protocol; 912 shows the dial switch.

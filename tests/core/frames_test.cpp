@@ -3,6 +3,7 @@
 #include "core/daemon_state.h"
 #include "core/frames.h"
 #include "core/report.h"
+#include "core/stats.h"
 
 #include <gtest/gtest.h>
 
@@ -61,6 +62,7 @@ TEST(RequestFrameTest, ParsesOnlyWhatTheReadHolds) {
 
 TEST(ClientReportTest, WholeFramesOnlyWhileConnectedAndNeverBlocking) {
     daemon_state_reset();
+    stats_reset();
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     int small = 4096;
@@ -90,6 +92,11 @@ TEST(ClientReportTest, WholeFramesOnlyWhileConnectedAndNeverBlocking) {
         used = reply_parse(buf + at, static_cast<size_t>(n) - at, &r);
         ASSERT_EQ(used, 408) << "at byte " << at;
     }
+    // Every frame of the flood that did not arrive is counted, and only those.
+    char stats[STATS_TEXT_SIZE];
+    std::string counted(stats, stats_format(stats, sizeof stats, 0));
+    const size_t arrived = (static_cast<size_t>(n) - first.size()) / 408;
+    EXPECT_NE(counted.find(" dropped=" + std::to_string(2000 - arrived)), std::string::npos) << counted;
     client_report(911, 0, "next");
     n = recv(sv[1], buf, sizeof buf, MSG_DONTWAIT);
     ASSERT_GT(n, 0);

@@ -152,6 +152,8 @@ TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStops
     s.auto_check.store(1);
     supervisor_pass(sv);
     ASSERT_EQ(s.connected.load(), 1);
+    EXPECT_EQ(stat_value("dials"), 1); // the program started is the dial
+    EXPECT_EQ(stat_value("link"), 1);
     pthread_t check = s.check_tid.load();
     ASSERT_NE(check, pthread_t{0});
     char name[16] = "";
@@ -322,6 +324,8 @@ TEST_F(ModuleAwayTest, AModuleAwayForAMinuteIsPowerCycledAndBroughtUp) {
         {"resetting, 2 s after the opening", nullptr, 2000, P::idle, PASS_MS, "1101 0 |", ""},
     });
     EXPECT_EQ(state().module_reset_request.load(), 0);
+    EXPECT_EQ(stat_value("lost"), 1);
+    EXPECT_EQ(stat_value("resets"), 1);
 }
 
 // A restart asked while the module is away ends the search with its own

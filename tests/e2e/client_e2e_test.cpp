@@ -244,4 +244,35 @@ TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {
               "AT+CMGS=20 07912143658709F1" "11000D91683119325476F8" "0000A7" "05E8329BFD06");
 }
 
+// After the dial the statistics show the link up and the one dial, and the
+// tool's summary of them is one JSON object that says so.
+TEST(ClientToolTest, StatusAfterTheDialShowsTheLinkUp) {
+    SKIP_WITHOUT_BOARD();
+    ready_board b(board_config("ec200t", "auto_dial=1\napn_name=cmnet\n"));
+    ASSERT_TRUE(b.start());
+    ASSERT_TRUE(b.client->state_becomes("Connected"));
+    // The supervisor marks the link just after it stores `connected`.
+    std::string stats;
+    EXPECT_TRUE(eventually([&] { return (stats = b.client->ask(913)).find(" link=1 ") != std::string::npos; }));
+    EXPECT_EQ(stats.rfind("913/0/up=", 0), 0u) << stats;
+    EXPECT_NE(stats.find(" dials=1 dial_failures=0 resets=0 "), std::string::npos) << stats;
+    b.client.reset(); // the tool is the client now
+
+    std::pair<int, std::string> run;
+    EXPECT_TRUE(eventually([&] {
+        return (run = run_tool(b.board, {"status", "--json"})).second.find("cannot connect") == std::string::npos;
+    }));
+    EXPECT_EQ(run.first, 0) << run.second;
+    temp_dir dir;
+    std::string path = dir.write("status.json", run.second);
+    FILE *p = popen(("python3 -c 'import json,sys; d=json.load(sys.stdin); "
+                     "print(d[\"link\"], d[\"dials\"], d[\"state\"], d[\"signal\"])' <" + path + " 2>&1").c_str(),
+                    "r");
+    ASSERT_NE(p, nullptr);
+    char buf[512];
+    std::string parsed(buf, fread(buf, 1, sizeof buf, p));
+    EXPECT_EQ(pclose(p), 0) << parsed << run.second;
+    EXPECT_EQ(parsed, "1 1 Connected 20\n") << run.second;
+}
+
 } // namespace

@@ -104,6 +104,8 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
         EXPECT_EQ(s.dial_in_progress.load(), 0);
     }
     EXPECT_EQ(s.call_active.load(), 0);
+    EXPECT_EQ(stat_value("dials"), 1);
+    EXPECT_EQ(stat_value("dial_failures"), 2);
 }
 
 using answer_fn = bool (*)(const char *, char *, size_t);

@@ -110,6 +110,7 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
         }
         EXPECT_EQ(state().at_state.load(), AT_IDLE);
         EXPECT_EQ(b->client.frames(), c.reports);
+        EXPECT_EQ(stat_value("sms_out"), c.reports[4] == '0' ? 1 : 0); // accepted: "25x 0 ..."
         if (c.held)
             b->port.module().release();
         b->port.module().inject_line("MARK");
@@ -269,6 +270,7 @@ TEST(CommonLineTest, LinesBecomeEventsWithinTheirWindows) {
     };
     for (const auto &c : cases)
         EXPECT_EQ(run(client, c.steps), c.events) << c.steps[0].second;
+    EXPECT_EQ(stat_value("sms_in"), 1); // the one 1031 above
 
     common_state st;
     for (const char *line : {"RING", "BUSY", "+CLIP: 1", "NO DIAL", "+COLP: 0", "NO CARRIER"}) {

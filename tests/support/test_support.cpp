@@ -27,6 +27,13 @@ bool readable(int fd, long deadline) {
 
 } // namespace
 
+long long stat_value(const std::string &key) {
+    char text[STATS_TEXT_SIZE];
+    std::string pairs = " " + std::string(text, stats_format(text, sizeof text, monotonic_ms())) + " ";
+    size_t at = pairs.find(" " + key + "=");
+    return at == std::string::npos ? -1 : std::stoll(pairs.substr(at + key.size() + 2));
+}
+
 std::string request_bytes(uint16_t code, const std::vector<std::string> &fields) {
     auto be16 = [](size_t v) {
         return std::string{static_cast<char>(v >> 8), static_cast<char>(v)};

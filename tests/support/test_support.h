@@ -6,6 +6,7 @@
 
 #include "core/daemon_state.h"
 #include "core/frames.h"
+#include "core/stats.h"
 #include "core/wait.h"
 #include "modem_emu/modem_emu.h"
 
@@ -15,11 +16,19 @@
 #include <string>
 #include <vector>
 
-// A fresh daemon state for the life of the object.
+// A fresh daemon state and statistics for the life of the object.
 struct fresh_state {
-    fresh_state() { daemon_state_reset(); }
-    ~fresh_state() { daemon_state_reset(); }
+    fresh_state() { reset(); }
+    ~fresh_state() { reset(); }
+    static void reset() {
+        daemon_state_reset();
+        stats_reset();
+    }
 };
+
+// One value of the 913 text ("dials"), read back through stats_format; -1
+// when the text has no such key.
+long long stat_value(const std::string &key);
 
 class temp_dir {
 public:

@@ -3,9 +3,11 @@
 // one line. Its runs against the daemon are in the end-to-end tests.
 
 #include "ctl/ctl.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -121,6 +123,120 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
     for (const reply_frame &f : {reply(1031, 0, "99+86"), reply(1031, 0, sms + "!"), reply(1031, 0, "0212152026112310154200"),
                                  reply(1001, 2, "9"), reply(1032, 0, "x"), reply(102, 0, "20")})
         EXPECT_EQ(ctl::format_event(f, plain), "") << std::string(f.text, f.text_len);
+}
+
+TEST(CtlStatusTest, StatisticsAreReadDefensively) {
+    ctl::daemon_stats s;
+    ASSERT_TRUE(ctl::parse_stats("up=18120 link=1  newer=x dials=18446744073709551615 newest=", &s));
+    EXPECT_EQ(s.get("up"), 18120u);
+    EXPECT_EQ(s.get("link"), 1u);
+    EXPECT_EQ(s.get("dials"), UINT64_MAX);
+    EXPECT_FALSE(s.get("lost").has_value()); // not in the text
+    EXPECT_FALSE(s.get("newer").has_value());
+    EXPECT_TRUE(ctl::parse_stats("", &s));
+    for (const char *bad : {"dials=18446744073709551616", "dials=100000000000000000000", "dials=-1",
+                            "dials=+1", "dials=1x", "dials=", "dials", "up=1 up=2", "link=2",
+                            "dials=0x10", "dials=1\t"}) {
+        EXPECT_FALSE(ctl::parse_stats(bad, &s)) << bad;
+        EXPECT_FALSE(s.get("up").has_value()) << bad; // nothing half-read is kept
+    }
+    const std::pair<uint64_t, const char *> durations[] = {
+        {0, "0 s"},   {59, "59 s"},        {60, "1 min"},          {3599, "59 min 59 s"},
+        {3600, "1 h"}, {7980, "2 h 13 min"}, {86400 + 3599, "1 d"}, {UINT64_MAX, "213503982334601 d 7 h"}};
+    for (const auto &[seconds, words] : durations)
+        EXPECT_EQ(ctl::duration_words(seconds), words);
+}
+
+std::map<uint16_t, reply_frame> replies(const std::vector<reply_frame> &frames) {
+    std::map<uint16_t, reply_frame> out;
+    for (const reply_frame &f : frames)
+        out[f.code] = f;
+    return out;
+}
+
+// What a real JSON parser makes of `json`: its members in order, as Python
+// writes them back, or the parser's complaint.
+std::string parsed_json(const std::string &json) {
+    temp_dir dir;
+    std::string path = dir.write("status.json", json);
+    FILE *p = popen(("python3 -c 'import json,sys; print(json.dumps(list(json.load(sys.stdin).items())))' <" +
+                     path + " 2>&1").c_str(),
+                    "r");
+    std::string out;
+    char buf[1024];
+    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;)
+        out.append(buf, n);
+    EXPECT_TRUE(p != nullptr && pclose(p) == 0) << out;
+    return out;
+}
+
+TEST(CtlStatusTest, TheSummaryInWordsAndAsOneJsonObject) {
+    ctl::command cmd = parsed({"status", "--json"});
+    std::vector<uint16_t> codes;
+    for (const ctl::request &r : cmd.steps)
+        codes.push_back(r.code);
+    EXPECT_EQ(codes, (std::vector<uint16_t>{911, 912, 913, 51, 103, 102}));
+    EXPECT_TRUE(cmd.summary && cmd.json);
+    EXPECT_EQ(cmd.steps[1].busy_retry_ms, 0); // 912's busy carries the state
+    EXPECT_GT(cmd.steps[3].busy_retry_ms, 0);
+    std::string error;
+    EXPECT_FALSE(ctl::parse_command({"status", "--yaml"}, &cmd, &error));
+
+    const ctl::print_style plain, json{true};
+    const reply_frame version = reply(911, 0, "ZOLVIN 4G SERVER V1.23");
+    auto up = replies({version, reply(912, 12, "Connected"),
+                       reply(913, 0, "up=18120 link=1 link_s=7980 dials=3 dial_failures=1 resets=0 lost=1 "
+                                     "probes=120 probe_failures=2 sms_in=4 sms_out=1 dropped=0 later=7"),
+                       reply(51, 0, "say \"hi\"\\\x01\xFF"), reply(103, 13), reply(102, 0, "20")});
+    EXPECT_EQ(ctl::format_status(up, plain), "daemon:   ZOLVIN 4G SERVER V1.23, up 5 h 2 min\n"
+                                             "state:    Connected, link up for 2 h 13 min\n"
+                                             "dials:    3 dials, 1 failed\n"
+                                             "module:   say \"hi\"\\\\\\x01\xFF\n"
+                                             "faults:   1 module loss, 0 resets\n"
+                                             "operator: not ready\n"
+                                             "signal:   20 of 31\n"
+                                             "checks:   120 probes, 2 failed\n"
+                                             "SMS:      4 in, 1 out\n"
+                                             "client:   0 frames dropped");
+    EXPECT_EQ(ctl::status_exit(up), ctl::EXIT_OK);
+    EXPECT_EQ(parsed_json(ctl::format_status(up, json)),
+              R"([["version", "ZOLVIN 4G SERVER V1.23"], ["state", "Connected"], ["up", 18120], )"
+              R"(["link", 1], ["link_s", 7980], ["dials", 3], ["dial_failures", 1], ["resets", 0], )"
+              R"(["lost", 1], ["probes", 120], ["probe_failures", 2], ["sms_in", 4], ["sms_out", 1], )"
+              R"(["dropped", 0], ["model", "say \"hi\"\\\u0001\ufffd"], ["operator", null], ["signal", 20]])"
+              "\n");
+
+    auto down = replies({version, reply(912, 13),
+                         reply(913, 0, "up=59 link=0 link_s=0 dials=1 dial_failures=0 resets=1 lost=0 "
+                                       "probes=1 probe_failures=1 sms_in=1 sms_out=0 dropped=1"),
+                         reply(103, 0, "NETWORK"), reply(102, 0, "99")});
+    EXPECT_EQ(ctl::format_status(down, plain), "daemon:   ZOLVIN 4G SERVER V1.23, up 59 s\n"
+                                               "state:    not ready, link down\n"
+                                               "dials:    1 dial, 0 failed\n"
+                                               "module:   no reply\n"
+                                               "faults:   0 module losses, 1 reset\n"
+                                               "operator: NETWORK\n"
+                                               "signal:   unknown\n"
+                                               "checks:   1 probe, 1 failed\n"
+                                               "SMS:      1 in, 0 out\n"
+                                               "client:   1 frame dropped");
+
+    // Statistics that do not read: said so, every one of their keys null, and a failed run.
+    auto unreadable = replies({version, reply(912, 0, "Disconnected"), reply(913, 0, "up=1 dials=1x"),
+                               reply(51, 12), reply(103, 0, "NETWORK"), reply(102, 0, "-1")});
+    EXPECT_EQ(ctl::format_status(unreadable, plain), "daemon:   ZOLVIN 4G SERVER V1.23\n"
+                                                     "state:    Disconnected\n"
+                                                     "stats:    unreadable: up=1 dials=1x\n"
+                                                     "module:   busy\n"
+                                                     "operator: NETWORK\n"
+                                                     "signal:   unknown");
+    EXPECT_EQ(ctl::status_exit(unreadable), ctl::EXIT_FAILED);
+    EXPECT_EQ(parsed_json(ctl::format_status(unreadable, json)),
+              R"([["version", "ZOLVIN 4G SERVER V1.23"], ["state", "Disconnected"], ["up", null], )"
+              R"(["link", null], ["link_s", null], ["dials", null], ["dial_failures", null], ["resets", null], )"
+              R"(["lost", null], ["probes", null], ["probe_failures", null], ["sms_in", null], ["sms_out", null], )"
+              R"(["dropped", null], ["model", null], ["operator", "NETWORK"], ["signal", -1]])"
+              "\n");
 }
 
 } // namespace

@@ -254,11 +254,34 @@ bool build_fota(const args &a, command *out, std::string *error) {
     return single(out, r);
 }
 
+// The daemon's own codes first: a module that is not ready still lets them answer.
+bool build_status(const args &a, command *out, std::string *error) {
+    if (a.size() == 1 && a[0] != "--json") {
+        *error = "usage: status [--json]";
+        return false;
+    }
+    static const uint16_t CODES[] = {911, 912, 913, 51, 103, 102};
+    for (uint16_t code : CODES) {
+        request r = make(code);
+        // A worker replies before it frees the port: the next query may find it busy.
+        if (!status_code_is_local(code))
+            r.busy_retry_ms = 2000;
+        out->steps.push_back(r);
+    }
+    out->summary = true;
+    out->json = a.size() == 1;
+    return true;
+}
+
 constexpr size_t MANY = REQUEST_FIELDS_MAX;
 
 const command_spec COMMANDS[] = {
     {"version", "version                  daemon version (911)", 0, 0, query<911>},
     {"state", "state                    connection state (912)", 0, 0, query<912>},
+    {"stats", "stats                    statistics since the daemon started (913)", 0, 0, query<913>},
+    {"status", "status [--json]          the daemon at a glance: version, state, statistics,\n"
+               "                           model, operator, signal (911, 912, 913, 51, 103, 102)",
+     0, 1, build_status},
     {"restart", "restart                  restart the module; answered once it is open again (901)",
      0, 0, query<901>},
     {"model", "model                    module identification (51)", 0, 0, query<51>},
@@ -417,6 +440,8 @@ public:
         : fd_(fd), opts_(opts), out_(out), err_(err), stop_fd_(stop_fd) {}
 
     int run_step(const request &r);
+    // The requests of a summary, one after the other, then the summary.
+    int run_status(const std::vector<request> &steps, bool json);
     int listen_until_stopped();
     bool stopped() const { return stopped_; }
 
@@ -441,6 +466,8 @@ private:
         out_ << (decoded.empty() ? format_frame(f, style, event) : decoded) << std::endl;
     }
     int failed_wait(wait_result w, const request *r);
+    // The reply to `r`, kept instead of printed.
+    wait_result collect(const request &r, reply_frame *reply);
 
     int fd_;
     const options &opts_;
@@ -548,6 +575,51 @@ int session::run_step(const request &r) {
         if (v == verdict::done)
             return ex.exit_status();
     }
+}
+
+session::wait_result session::collect(const request &r, reply_frame *reply) {
+    std::string error;
+    std::vector<uint8_t> frame = encode(r, &error); // a query without fields always encodes
+    if (!send_all(fd_, frame))
+        return wait_result::closed;
+    exchange ex(r);
+    auto start = clock_type::now();
+    auto deadline = start + std::chrono::milliseconds(r.timeout_ms);
+    for (;;) {
+        wait_result w = next_frame(reply, &deadline);
+        if (w != wait_result::frame)
+            return w;
+        verdict v = ex.take(*reply);
+        if (v == verdict::unrelated && opts_.events)
+            print(*reply, true);
+        if (v != verdict::done)
+            continue;
+        if (reply->status == STATUS_BUSY &&
+            clock_type::now() - start < std::chrono::milliseconds(r.busy_retry_ms)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            if (!send_all(fd_, frame))
+                return wait_result::closed;
+            continue;
+        }
+        return wait_result::frame;
+    }
+}
+
+int session::run_status(const std::vector<request> &steps, bool json) {
+    std::map<uint16_t, reply_frame> replies;
+    for (const request &r : steps) {
+        reply_frame f;
+        wait_result w = collect(r, &f);
+        if (w == wait_result::frame)
+            replies[r.code] = f;
+        // A module that takes too long leaves its line unknown; the daemon's own
+        // codes must answer.
+        else if (w != wait_result::timeout || status_code_is_local(r.code))
+            return failed_wait(w, &r);
+    }
+    print_style style{json};
+    out_ << format_status(replies, style) << std::endl;
+    return status_exit(replies);
 }
 
 int session::listen_until_stopped() {
@@ -889,6 +961,247 @@ std::string format_event(const reply_frame &f, const print_style &style) {
     }
 }
 
+// ---- status
+
+const char *const STATS_KEYS[STATS_KEY_COUNT] = {
+    "up", "link", "link_s", "dials", "dial_failures", "resets",
+    "lost", "probes", "probe_failures", "sms_in", "sms_out", "dropped"};
+
+std::optional<uint64_t> daemon_stats::get(const std::string &key) const {
+    for (size_t i = 0; i < STATS_KEY_COUNT; ++i) {
+        if (key == STATS_KEYS[i])
+            return known[i] ? std::optional<uint64_t>(value[i]) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
+namespace {
+
+// 1 to 20 decimal digits whose value fits in 64 bits.
+bool stats_number(const std::string &v, uint64_t *out) {
+    if (v.empty() || v.size() > 20)
+        return false;
+    uint64_t n = 0;
+    for (char c : v) {
+        if (c < '0' || c > '9')
+            return false;
+        auto digit = static_cast<uint64_t>(c - '0');
+        if (n > (UINT64_MAX - digit) / 10)
+            return false;
+        n = n * 10 + digit;
+    }
+    *out = n;
+    return true;
+}
+
+} // namespace
+
+bool parse_stats(const std::string &text, daemon_stats *out) {
+    *out = daemon_stats{};
+    daemon_stats got;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t end = text.find(' ', pos);
+        if (end == std::string::npos)
+            end = text.size();
+        if (end == pos) {
+            ++pos;
+            continue;
+        }
+        std::string word = text.substr(pos, end - pos);
+        pos = end;
+        size_t eq = word.find('=');
+        if (eq == std::string::npos)
+            return false;
+        const std::string key = word.substr(0, eq);
+        size_t i = 0;
+        while (i < STATS_KEY_COUNT && key != STATS_KEYS[i])
+            ++i;
+        if (i == STATS_KEY_COUNT)
+            continue; // a newer daemon's: not ours to show
+        uint64_t v;
+        if (got.known[i] || !stats_number(word.substr(eq + 1), &v) || (key == "link" && v > 1))
+            return false;
+        got.known[i] = true;
+        got.value[i] = v;
+    }
+    *out = got;
+    return true;
+}
+
+std::string duration_words(uint64_t seconds) {
+    struct unit {
+        uint64_t seconds;
+        const char *name;
+    };
+    static const unit UNITS[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {1, "s"}};
+    size_t first = 0;
+    while (first + 1 < 4 && seconds < UNITS[first].seconds)
+        ++first;
+    std::string out = std::to_string(seconds / UNITS[first].seconds) + " " + UNITS[first].name;
+    if (first + 1 < 4) {
+        uint64_t second = seconds % UNITS[first].seconds / UNITS[first + 1].seconds;
+        if (second != 0)
+            out += " " + std::to_string(second) + " " + UNITS[first + 1].name;
+    }
+    return out;
+}
+
+namespace {
+
+std::string counted(uint64_t n, const char *one, const char *many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+// "3 dials" and, when its second key is known, ", 1 failed".
+std::string with_failures(const daemon_stats &s, const char *key, const char *failures_key,
+                          const char *one, const char *many) {
+    std::optional<uint64_t> n = s.get(key), failed = s.get(failures_key);
+    if (!n)
+        return "";
+    return counted(*n, one, many) + (failed ? ", " + std::to_string(*failed) + " failed" : "");
+}
+
+// Why a reply gives no value: "no reply", "busy", "not ready", or the status's name.
+std::string why_not(const reply_frame *f) {
+    if (f == nullptr)
+        return "no reply";
+    if (f->status == STATUS_BUSY)
+        return "busy";
+    if (f->status == STATUS_NOT_READY)
+        return "not ready";
+    return status_name(f->code, f->status);
+}
+
+const reply_frame *reply_to(const std::map<uint16_t, reply_frame> &replies, uint16_t code) {
+    auto it = replies.find(code);
+    return it != replies.end() ? &it->second : nullptr;
+}
+
+// The text of a status 0 reply, or none.
+std::optional<std::string> answer_text(const std::map<uint16_t, reply_frame> &replies, uint16_t code) {
+    const reply_frame *f = reply_to(replies, code);
+    if (f == nullptr || f->status != STATUS_OK)
+        return std::nullopt;
+    return std::string(f->text, f->text_len);
+}
+
+// The statistics when 913 answered with a text that reads.
+std::optional<daemon_stats> stats_of(const std::map<uint16_t, reply_frame> &replies) {
+    std::optional<std::string> text = answer_text(replies, 913);
+    daemon_stats s;
+    if (!text || !parse_stats(*text, &s))
+        return std::nullopt;
+    return s;
+}
+
+// The signal level as a number: "20", or "-1" when the module does not know it.
+std::optional<long> signal_level(const std::map<uint16_t, reply_frame> &replies) {
+    std::optional<std::string> text = answer_text(replies, 102);
+    if (!text)
+        return std::nullopt;
+    size_t sign = !text->empty() && (*text)[0] == '-' ? 1 : 0;
+    uint64_t v;
+    if (text->size() - sign > 5 || !stats_number(text->substr(sign), &v))
+        return std::nullopt;
+    return sign ? -static_cast<long>(v) : static_cast<long>(v);
+}
+
+std::string json_text(const std::optional<std::string> &s) { return s ? quoted(*s) : "null"; }
+
+} // namespace
+
+stats_phrases stats_words(const daemon_stats &s) {
+    stats_phrases p;
+    if (std::optional<uint64_t> up = s.get("up"))
+        p.up = "up " + duration_words(*up);
+    std::optional<uint64_t> link = s.get("link"), link_s = s.get("link_s");
+    if (link)
+        p.link = *link == 0 ? "link down" : link_s ? "link up for " + duration_words(*link_s) : "link up";
+    p.dials = with_failures(s, "dials", "dial_failures", "dial", "dials");
+    p.probes = with_failures(s, "probes", "probe_failures", "probe", "probes");
+    if (std::optional<uint64_t> lost = s.get("lost"))
+        p.lost = counted(*lost, "module loss", "module losses");
+    if (std::optional<uint64_t> resets = s.get("resets"))
+        p.resets = counted(*resets, "reset", "resets");
+    std::optional<uint64_t> in = s.get("sms_in"), out = s.get("sms_out");
+    if (in && out)
+        p.sms = std::to_string(*in) + " in, " + std::to_string(*out) + " out";
+    else if (in || out)
+        p.sms = in ? std::to_string(*in) + " in" : std::to_string(*out) + " out";
+    if (std::optional<uint64_t> dropped = s.get("dropped"))
+        p.dropped = counted(*dropped, "frame dropped", "frames dropped");
+    return p;
+}
+
+bool status_code_is_local(uint16_t code) { return code == 911 || code == 912 || code == 913; }
+
+int status_exit(const std::map<uint16_t, reply_frame> &replies) {
+    return stats_of(replies) ? EXIT_OK : EXIT_FAILED;
+}
+
+std::string format_status(const std::map<uint16_t, reply_frame> &replies, const print_style &style) {
+    const std::optional<daemon_stats> stats = stats_of(replies);
+    const std::optional<std::string> version = answer_text(replies, 911);
+    // 912 carries its state text with busy (12) too; not ready (13) has none.
+    const reply_frame *state_reply = reply_to(replies, 912);
+    std::optional<std::string> state;
+    if (state_reply != nullptr && state_reply->text_len > 0 &&
+        (state_reply->status == STATUS_OK || state_reply->status == STATUS_BUSY))
+        state = std::string(state_reply->text, state_reply->text_len);
+    const std::optional<long> signal = signal_level(replies);
+
+    if (style.json) {
+        std::string out = "{\"version\":" + json_text(version) + ",\"state\":" + json_text(state);
+        for (size_t i = 0; i < STATS_KEY_COUNT; ++i) {
+            out += ",\"" + std::string(STATS_KEYS[i]) + "\":";
+            out += stats && stats->known[i] ? std::to_string(stats->value[i]) : "null";
+        }
+        out += ",\"model\":" + json_text(answer_text(replies, 51)) +
+               ",\"operator\":" + json_text(answer_text(replies, 103)) +
+               ",\"signal\":" + (signal ? std::to_string(*signal) : "null") + "}";
+        return out;
+    }
+
+    std::string out;
+    auto line = [&out](const char *label, const std::string &first, const std::string &second = "",
+                       const char *joint = ", ") {
+        if (first.empty() && second.empty())
+            return;
+        if (!out.empty())
+            out += "\n";
+        std::string padded = std::string(label) + ":";
+        padded.resize(std::max<size_t>(padded.size() + 1, 10), ' ');
+        out += padded + first + (!first.empty() && !second.empty() ? joint : "") + second;
+    };
+    const stats_phrases words = stats ? stats_words(*stats) : stats_phrases{};
+    line("daemon", version ? plain_escape(*version) : "version " + why_not(reply_to(replies, 911)), words.up);
+    line("state", state ? plain_escape(*state) : why_not(state_reply), words.link);
+    if (!stats) {
+        const reply_frame *f = reply_to(replies, 913);
+        line("stats", f != nullptr && f->status == STATUS_OK ? "unreadable: " + plain_escape(std::string(f->text, f->text_len))
+                                                             : why_not(f));
+    }
+    line("dials", words.dials);
+    const reply_frame *model = reply_to(replies, 51);
+    line("module", model != nullptr && model->status == STATUS_OK ? plain_escape(std::string(model->text, model->text_len))
+                                                                  : why_not(model));
+    line("faults", words.lost, words.resets);
+    std::optional<std::string> operator_name = answer_text(replies, 103);
+    line("operator", operator_name ? plain_escape(*operator_name) : why_not(reply_to(replies, 103)));
+    const reply_frame *signal_reply = reply_to(replies, 102);
+    std::string signal_words = !signal ? why_not(signal_reply)
+                               : *signal < 0 || *signal == 99 ? "unknown"
+                                                              : std::to_string(*signal) + " of 31";
+    if (signal_reply != nullptr && signal_reply->status == STATUS_OK && !signal)
+        signal_words = plain_escape(std::string(signal_reply->text, signal_reply->text_len));
+    line("signal", signal_words);
+    line("checks", words.probes);
+    line("SMS", words.sms);
+    line("client", words.dropped);
+    return out;
+}
+
 void frame_reader::feed(const uint8_t *bytes, size_t n) { pending_.insert(pending_.end(), bytes, bytes + n); }
 
 bool frame_reader::next(reply_frame *out) {
@@ -997,8 +1310,10 @@ int run(const options &opts, std::ostream &out, std::ostream &err, int stop_fd) 
     }
     session s(fd, opts, out, err, opts.listen ? stop_fd : -1);
     int status = EXIT_OK;
-    for (const request &r : cmd.steps) {
-        status = s.run_step(r);
+    if (cmd.summary)
+        status = s.run_status(cmd.steps, opts.json || cmd.json);
+    for (size_t i = 0; !cmd.summary && i < cmd.steps.size(); ++i) {
+        status = s.run_step(cmd.steps[i]);
         if (status != EXIT_OK || s.stopped())
             break;
     }

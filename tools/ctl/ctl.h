@@ -9,6 +9,8 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,9 @@ struct request {
 // one frame, so a second frame sent before the first is answered may be lost.
 struct command {
     std::vector<request> steps;
+    // The replies are gathered and printed as one summary (`status`).
+    bool summary = false;
+    bool json = false; // asked for by the command's own words (`status --json`)
 };
 
 // The words of a command ("signal", "apn set 1 internet", "raw 102") as
@@ -100,6 +105,47 @@ std::string json_escape(const std::string &bytes);
 // Empty for other frames and for events whose text does not add up (a record
 // whose lengths run past its end), which are printed as frames.
 std::string format_event(const reply_frame &f, const print_style &style);
+
+// ---- status: the daemon at a glance
+
+// The statistics of code 913 ("up=18120 link=1 link_s=7980 dials=3 ..."), by
+// key in the daemon's order.
+constexpr size_t STATS_KEY_COUNT = 12;
+extern const char *const STATS_KEYS[STATS_KEY_COUNT];
+struct daemon_stats {
+    bool known[STATS_KEY_COUNT] = {};
+    uint64_t value[STATS_KEY_COUNT] = {};
+    // The value of `key`, one of STATS_KEYS; none when the text did not carry it.
+    std::optional<uint64_t> get(const std::string &key) const;
+};
+// The text comes from outside the tool: pairs are split at blanks, unknown
+// keys are skipped. False for a word without '=', a known key given twice, or
+// a value that is not 1 to 20 decimal digits within 64 bits (link: 0 or 1).
+bool parse_stats(const std::string &text, daemon_stats *out);
+// "42 s", "5 min 12 s", "2 h 13 min", "3 d 4 h": the two largest units, a zero
+// second one left out.
+std::string duration_words(uint64_t seconds);
+// The statistics in words, each phrase only when its keys are known.
+struct stats_phrases {
+    std::string up;      // "up 5 h 2 min"
+    std::string link;    // "link up for 2 h 13 min", "link down"
+    std::string dials;   // "3 dials, 1 failed"
+    std::string lost;    // "1 module loss"
+    std::string resets;  // "0 resets"
+    std::string probes;  // "120 probes, 2 failed"
+    std::string sms;     // "SMS 4 in, 1 out"
+    std::string dropped; // "0 frames dropped"
+};
+stats_phrases stats_words(const daemon_stats &s);
+// The requests of `status`: 911, 912 and 913, answered by the daemon itself,
+// then 51, 103 and 102, which need the module.
+bool status_code_is_local(uint16_t code);
+// The summary of the replies gathered by code (a code without a reply is
+// missing from the map). Plain: a few lines; JSON: one object with version,
+// state, the statistics' keys, model, operator and signal, null when not known.
+std::string format_status(const std::map<uint16_t, reply_frame> &replies, const print_style &style);
+// 0 when the statistics came and could be read, else EXIT_FAILED.
+int status_exit(const std::map<uint16_t, reply_frame> &replies);
 
 // Cuts the daemon's byte stream into frames: frames carry no length and may
 // arrive split or joined.
