@@ -1,7 +1,7 @@
 // How soon a transaction's caller has the module's answer: from the moment the
 // module's final line is written to the pty until at_transaction returns.
 #include "at/at.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <benchmark/benchmark.h>
 
@@ -14,7 +14,7 @@ const at_member QUERY = at_query(102, 350, "+CSQ:");
 const at_member SETTER = at_setter(110, 300);
 
 void run(benchmark::State &st, const at_member &m, const char *cmd, const char *answer) {
-    daemon_state_reset();
+    fresh_state fresh;
     at_port port;
     port.start_rx();
     for (auto _ : st) {

@@ -9,25 +9,24 @@
 #include "client/client.h"
 #include "core/daemon_state.h"
 #include "sms/common.h"
-#include "support/at_port.h"
+#include "support/test_support.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <poll.h>
 #include <sched.h>
 #include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
 int g_client = -1;
+std::vector<uint8_t> g_pending; // reply bytes read ahead of the frame being parsed
 double g_median_102 = 0;
 double g_median_floor = 0;
 
@@ -42,34 +41,26 @@ bool server_name_free() {
     return free;
 }
 
+// The server thread listens a moment after it starts: connect once it does.
 int connect_server() {
     sockaddr_un addr;
     socklen_t len = server_address(&addr);
-    for (int i = 0; i < 2000; ++i) {
-        int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int s = -1;
+    wait_until([&] {
+        s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (connect(s, reinterpret_cast<sockaddr *>(&addr), len) == 0)
-            return s;
+            return true;
         close(s);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return -1;
+        s = -1;
+        return false;
+    }, 2000);
+    return s;
 }
 
-// Sends one request and reads its reply; false on a broken stream.
-bool round_trip(const uint8_t *request, size_t n, reply_frame *reply) {
-    if (send(g_client, request, n, MSG_NOSIGNAL) != static_cast<ssize_t>(n))
-        return false;
-    uint8_t buf[REPLY_MAX];
-    size_t have = 0;
-    for (;;) {
-        ssize_t got = recv(g_client, buf + have, sizeof buf - have, 0);
-        if (got <= 0)
-            return false;
-        have += static_cast<size_t>(got);
-        long used = reply_parse(buf, have, reply);
-        if (used != 0)
-            return used > 0;
-    }
+// Sends one request and reads its reply; false on a broken stream or no reply in a second.
+bool round_trip(const std::string &request, reply_frame *reply) {
+    return send(g_client, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size()) &&
+           next_frame(g_client, g_pending, reply, 1000);
 }
 
 double median(std::vector<double> v) {
@@ -80,13 +71,12 @@ double median(std::vector<double> v) {
 }
 
 void run(benchmark::State &st, uint16_t code, const char *expected) {
-    uint8_t request[16];
-    size_t n = request_build(request, sizeof request, code, nullptr, nullptr, 0);
+    const std::string request = request_bytes(code);
     std::vector<double> samples;
     for (auto _ : st) {
         reply_frame reply;
         auto start = std::chrono::steady_clock::now();
-        bool ok = round_trip(request, n, &reply);
+        bool ok = round_trip(request, &reply);
         auto done = std::chrono::steady_clock::now();
         if (!ok || reply.code != code || reply.status != STATUS_OK || std::string(reply.text) != expected) {
             st.SkipWithError("unexpected reply");
@@ -96,8 +86,10 @@ void run(benchmark::State &st, uint16_t code, const char *expected) {
         st.SetIterationTime(secs);
         samples.push_back(secs * 1000);
         // A worker replies before it frees the port; the next round starts after that.
-        while (state().worker_busy.load(std::memory_order_acquire) != 0)
-            std::this_thread::yield();
+        if (!wait_until([] { return state().worker_busy.load(std::memory_order_acquire) == 0; }, 1000, 0)) {
+            st.SkipWithError("worker still busy");
+            break;
+        }
     }
     st.counters["median_ms"] = median(samples);
     if (code == 102)
