@@ -113,6 +113,8 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
          R"({"event":"sms","from":"12","time":"2026-11-23T10:15:42","text":"12\"\n\u000156"})"},
         {reply(1032, 0x41, "255"), "sms report ref 255 status 65 (failed)",
          R"({"event":"sms_report","reference":255,"status":65,"outcome":"failed"})"},
+        {reply(1101, 1, ""), "module left the bus", R"({"event":"module","state":"left"})"},
+        {reply(1101, 0, ""), "module back", R"({"event":"module","state":"back"})"},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(ctl::format_event(c.f, plain), c.plain);
@@ -121,7 +123,8 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
     // Lengths that run past the end, a text longer than announced, no "14",
     // unknown call states and references: printed as frames.
     for (const reply_frame &f : {reply(1031, 0, "99+86"), reply(1031, 0, sms + "!"), reply(1031, 0, "0212152026112310154200"),
-                                 reply(1001, 2, "9"), reply(1032, 0, "x"), reply(102, 0, "20")})
+                                 reply(1001, 2, "9"), reply(1032, 0, "x"), reply(1101, 2, ""),
+                                 reply(1101, 1, "x"), reply(102, 0, "20")})
         EXPECT_EQ(ctl::format_event(f, plain), "") << std::string(f.text, f.text_len);
 }
 

@@ -953,6 +953,13 @@ std::string format_event(const reply_frame &f, const print_style &style) {
         return "sms report ref " + std::to_string(reference) + " status " + status + " (" +
                report_outcome(f.status) + ")";
     }
+    case EVENT_MODULE: {
+        if (!text.empty() || (f.status != STATUS_OK && f.status != STATUS_FAIL))
+            return "";
+        const char *state = f.status == STATUS_FAIL ? "left" : "back";
+        return json ? std::string("{\"event\":\"module\",\"state\":\"") + state + "\"}"
+                    : std::string(f.status == STATUS_FAIL ? "module left the bus" : "module back");
+    }
     case EVENT_MODULE_ERROR:
         return json ? "{\"event\":\"module_error\",\"line\":" + quoted(text) + "}"
                     : "module error " + plain_escape(text);
