@@ -17,22 +17,15 @@ namespace {
 const std::string CALLER = "13912345678";
 const std::string CLIP = "+CLIP: \"" + CALLER + "\",129";
 
-TEST(FaultModuleTest, LeavingTheBusMidRequestFailsItAndARestartBringsTheModuleBack) {
+// A client's restart while the module is away ends the daemon's search for it:
+// the power cycle brings it back before the minute is out.
+TEST(FaultModuleTest, ARestartWhileTheModuleIsAwayPowerCyclesItBack) {
     SKIP_WITHOUT_BOARD();
     ready_board b;
     ASSERT_TRUE(b.start());
     client_conn &c = *b.client;
-    ASSERT_TRUE(b.emu.set_reply("AT+COPS?", modem_reply::standard().until_released().one_shot()));
-    ASSERT_TRUE(c.send(103));
-    ASSERT_TRUE(b.emu.wait_for_command("AT+COPS?", 15000));
     ASSERT_EQ(b.board.control("unplug").rfind("ok unplugged", 0), 0u);
-    // The answer can no longer come: the request fails at once, the client
-    // hears the module leave, and module commands are not ready meanwhile.
-    EXPECT_EQ(show(c.reply(103, milliseconds(4000))), "103/1/time out!");
-    ASSERT_EQ(c.others.size(), 1u);
-    EXPECT_EQ(show(c.others[0]), "1101/1/");
-    EXPECT_EQ(c.ask(911), VERSION);
-    EXPECT_EQ(c.ask(912), "912/13/");
+    EXPECT_EQ(show(c.reply(1101, milliseconds(4000))), "1101/1/");
     EXPECT_EQ(c.ask(102), "102/13/");
 
     size_t lines_before = b.board.lines().size();
