@@ -32,8 +32,11 @@ void rings_reset();
 
 // ---- receive path ----
 // Writes a command (with its own line end) or raw bytes to the AT port: the
-// length, or -1.
+// length, or -1 (also while the port is closed).
 int at_send(const char *cmd, size_t len);
+// Closes the port (`at_fd` -1) once no write is under way; the receive thread
+// must be stopped first. The supervisor's alone.
+void at_port_close();
 
 // Cuts a byte stream into lines: CR/LF end a line, empty lines vanish, a '>'
 // at the start of a line is a line of its own, leading spaces and NUL bytes

@@ -134,8 +134,11 @@ struct daemon_state {
     std::atomic<uint8_t> worker_busy{0};
     std::atomic<uint8_t> dial_in_progress{0};
 
-    // AT transport
+    // AT transport. Writers to the port hold port_lock for reading around
+    // each write; the supervisor closes the port under it for writing, so no
+    // write can land on a number that the close handed out again.
     std::atomic<int32_t> at_fd{-1};
+    pthread_rwlock_t port_lock = PTHREAD_RWLOCK_INITIALIZER;
     std::atomic<uint8_t> at_passthrough{0};
     // The choice of ring, every push and pop, and a transaction's closing
     // drain happen under this one lock, so lines keep the module's order and

@@ -91,8 +91,8 @@ void run_down_script() {
 bool take_module_down(supervisor &sv, bool stop_program) {
     daemon_state &s = state();
     supervisor_stop_threads(sv);
-    serial_close(s.at_fd.load(std::memory_order_acquire));
-    s.at_fd.store(-1, std::memory_order_release);
+    // A worker may still be writing: the close waits for its write to end.
+    at_port_close();
     // A loss the receive thread told before it stopped is still an absence
     // for the client, whichever action ends it.
     if (s.module_lost.exchange(0, std::memory_order_acq_rel) != 0)
