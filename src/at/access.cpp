@@ -52,17 +52,25 @@ worker_start_result worker_start(void *(*entry)(void *), void *arg) {
 
 void worker_finished() {
     daemon_state &s = state();
-    {
-        lock_hold hold(&g_worker_lock);
-        g_worker_alive = false;
-        // A client's dial (370) cancelled in mid-way must not leave the port
-        // marked as dialling: no dial of the supervisor's runs beside a worker.
-        s.dial_in_progress.store(0, std::memory_order_release);
-        s.worker_busy.store(0, std::memory_order_release);
-        s.at_mutex.unlock();
-        g_worker_ended.broadcast();
+    lock_hold hold(&g_worker_lock);
+    // A client's dial (370) cancelled in mid-way must not leave the port
+    // marked as dialling: no dial of the supervisor's runs beside a worker.
+    s.dial_in_progress.store(0, std::memory_order_release);
+    s.worker_busy.store(0, std::memory_order_release);
+    s.at_mutex.unlock();
+    // After the release: a dial that found the port taken tries again.
+    s.supervisor_wake.raise();
+    g_worker_alive = false;
+    g_worker_ended.broadcast();
+}
+
+bool worker_wait_ended(int64_t deadline_ms) {
+    lock_hold hold(&g_worker_lock);
+    while (g_worker_alive) {
+        if (!g_worker_ended.wait(&g_worker_lock, deadline_ms) && g_worker_alive)
+            return false;
     }
-    s.supervisor_wake.raise(); // a dial may wait for the port
+    return true;
 }
 
 void worker_cancel() {

@@ -194,6 +194,8 @@ worker_start_result worker_start(void *(*entry)(void *), void *arg);
 // The worker's last act on every path, also when cancelled: gives the port back
 // and tells whoever waits for its end.
 void worker_finished();
+// Waits until no worker runs, or the deadline (false).
+bool worker_wait_ended(int64_t deadline_ms);
 // Cancels the running worker, if any, and waits for its end.
 void worker_cancel();
 

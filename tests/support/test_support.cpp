@@ -27,6 +27,12 @@ bool readable(int fd, long deadline) {
 
 } // namespace
 
+void fresh_state::reset() {
+    worker_wait_ended(monotonic_ms() + 10000);
+    daemon_state_reset();
+    stats_reset();
+}
+
 long long stat_value(const std::string &key) {
     char text[STATS_TEXT_SIZE];
     std::string pairs = " " + std::string(text, stats_format(text, sizeof text, monotonic_ms())) + " ";

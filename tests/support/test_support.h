@@ -20,10 +20,8 @@
 struct fresh_state {
     fresh_state() { reset(); }
     ~fresh_state() { reset(); }
-    static void reset() {
-        daemon_state_reset();
-        stats_reset();
-    }
+    // Waits first for a worker that is still finishing.
+    static void reset();
 };
 
 // One value of the 913 text ("dials"), read back through stats_format; -1
