@@ -7,33 +7,21 @@
 #include <poll.h>
 #include <unistd.h>
 
-namespace {
-// Read-holds port_lock; a cancellation that unwinds the writer releases it.
-class port_use {
-public:
-    port_use() { pthread_rwlock_rdlock(&state().port_lock); }
-    ~port_use() { pthread_rwlock_unlock(&state().port_lock); }
-    port_use(const port_use &) = delete;
-    port_use &operator=(const port_use &) = delete;
-};
-} // namespace
-
 int at_send(const char *cmd, size_t len) {
     daemon_state &s = state();
     if (s.atprint.load(std::memory_order_acquire))
         printf("send at data:%.*s\n", static_cast<int>(len), cmd);
-    port_use use;
+    rw_hold use(&s.port_lock, rw_hold::read);
     int fd = s.at_fd.load(std::memory_order_acquire);
     return fd < 0 ? -1 : serial_write(fd, cmd, len);
 }
 
 void at_port_close() {
     daemon_state &s = state();
-    pthread_rwlock_wrlock(&s.port_lock);
+    rw_hold closing(&s.port_lock, rw_hold::write);
     int fd = s.at_fd.exchange(-1, std::memory_order_acq_rel);
     if (fd >= 0)
         serial_close(fd);
-    pthread_rwlock_unlock(&s.port_lock);
 }
 
 void splitter_reset(line_splitter *sp) {

@@ -271,17 +271,23 @@ void *interface_thread(void *) {
             close(client); // no reply: a stranger learns nothing
             continue;
         }
-        s.client_fd.store(client, std::memory_order_release);
-        s.client_connected.store(1, std::memory_order_release);
+        {
+            rw_hold change(&s.client_lock, rw_hold::write);
+            s.client_fd.store(client, std::memory_order_release);
+            s.client_connected.store(1, std::memory_order_release);
+        }
         for (;;) {
             ssize_t n = read(client, buf, sizeof buf);
             if (n <= 0)
                 break;
             handle_request(buf, static_cast<size_t>(n));
         }
-        // Cleared before the close, so no other thread writes to a reused descriptor.
-        s.client_connected.store(0, std::memory_order_release);
+        // No send is under way when the descriptor goes, nor starts after.
+        {
+            rw_hold change(&s.client_lock, rw_hold::write);
+            s.client_connected.store(0, std::memory_order_release);
+            close(client);
+        }
         s.at_passthrough.store(0, std::memory_order_release);
-        close(client);
     }
 }

@@ -149,9 +149,12 @@ struct daemon_state {
     line_ring resp_ring;
     line_ring urc_ring;
 
-    // Client
+    // Client. Senders hold client_lock for reading around each send; the
+    // server changes the client under it for writing, so no frame goes to a
+    // descriptor that is being closed.
     std::atomic<int32_t> client_fd{0};
     std::atomic<uint8_t> client_connected{0};
+    pthread_rwlock_t client_lock = PTHREAD_RWLOCK_INITIALIZER;
 
     // Module identity
     char module_model[IDENTITY_SIZE];

@@ -2,6 +2,7 @@
 
 #include "core/daemon_state.h"
 #include "core/log.h"
+#include "core/wait.h"
 #include "core/stats.h"
 
 #include <cerrno>
@@ -13,6 +14,9 @@ void client_report(int code, int status, const char *text) {
         return;
     uint8_t frame[REPLY_MAX];
     size_t n = reply_build(frame, code, status, text);
+    rw_hold use(&s.client_lock, rw_hold::read);
+    if (s.client_connected.load(std::memory_order_acquire) != 1)
+        return;
     // A client that stops reading must not stall the receive thread, a worker
     // or the supervisor: its frames are dropped instead.
     ssize_t sent = send(s.client_fd.load(std::memory_order_acquire), frame, n,

@@ -25,6 +25,25 @@ private:
     pthread_mutex_t *m_;
 };
 
+// Holds a read-write lock for reading or writing for a scope; a cancellation
+// that unwinds the holder releases it.
+class rw_hold {
+public:
+    enum mode { read, write };
+    rw_hold(pthread_rwlock_t *l, mode m) : l_(l) {
+        if (m == read)
+            pthread_rwlock_rdlock(l_);
+        else
+            pthread_rwlock_wrlock(l_);
+    }
+    ~rw_hold() { pthread_rwlock_unlock(l_); }
+    rw_hold(const rw_hold &) = delete;
+    rw_hold &operator=(const rw_hold &) = delete;
+
+private:
+    pthread_rwlock_t *l_;
+};
+
 class mono_cond {
 public:
     mono_cond();
