@@ -16,10 +16,11 @@ void *interface_thread(void *arg);
 void handle_request(const uint8_t *buf, size_t len);
 
 // The raw request a worker runs, with the number of bytes that were read:
-// fields are taken only from those bytes.
+// fields are taken only from those bytes; and who sent it.
 struct worker_request {
     size_t len;
     uint8_t bytes[REQUEST_MAX];
+    client_peer peer;
 };
 
 // Worker thread bodies, one per module family; the argument is a worker_request.
@@ -33,7 +34,6 @@ int voice_dial(const char *number);
 // Who may be a client: root, the daemon's own user, and, when the configuration
 // names a client_group, its members by primary or supplementary group. Any
 // other client could set commands that the daemon runs as root.
-constexpr size_t CLIENT_GROUPS_MAX = 256; // supplementary groups looked at
 struct client_identity {
     uid_t uid;
     gid_t gid;
