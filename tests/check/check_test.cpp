@@ -6,11 +6,8 @@
 #include "core/shell.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
-#include <string>
 #include <utility>
 
 namespace {

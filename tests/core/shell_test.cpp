@@ -1,8 +1,5 @@
 #include "core/shell.h"
-#include "core/wait.h"
 #include "support/test_support.h"
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <csignal>
@@ -10,8 +7,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
-#include <string>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>

@@ -3,12 +3,9 @@
 // no reset action run on the test host. The re-opens after a firmware download
 // run on a scratch bus and /dev, the emulator's pty the port that comes and goes.
 #include "at/at.h"
-#include "core/daemon_state.h"
 #include "daemon/supervisor.h"
 #include "modem/modem.h"
 #include "support/test_support.h"
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <fcntl.h>

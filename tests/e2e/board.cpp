@@ -1,7 +1,5 @@
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -17,7 +15,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 

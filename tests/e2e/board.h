@@ -7,19 +7,15 @@
 // its control socket; a client_conn talks to the daemon's "@phone_server".
 #pragma once
 
-#include "core/frames.h"
-#include "modem_emu/modem_emu.h"
 #include "support/test_support.h"
 
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 using std::chrono::milliseconds;
 const milliseconds WAIT(15000);

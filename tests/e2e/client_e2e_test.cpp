@@ -5,10 +5,7 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <memory>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>

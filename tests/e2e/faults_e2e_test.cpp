@@ -5,12 +5,9 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <memory>
 
 namespace {
 

@@ -4,8 +4,6 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <fstream>
 

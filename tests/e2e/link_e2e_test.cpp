@@ -6,12 +6,9 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <sys/stat.h>
 
 namespace {

@@ -6,10 +6,7 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <vector>
 
 namespace {
 

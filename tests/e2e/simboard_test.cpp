@@ -5,12 +5,9 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <filesystem>
 #include <net/if.h>
-#include <unistd.h>
 
 namespace {
 

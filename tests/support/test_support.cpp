@@ -2,7 +2,6 @@
 
 #include "at/at.h"
 #include "client/client.h"
-#include "core/daemon_state.h"
 
 #include <cstdlib> // mkdtemp, posix_openpt
 #include <cstring>

@@ -5,8 +5,6 @@
 #include "ctl/ctl.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
