@@ -40,11 +40,21 @@ struct record {
     long long ms; // CLOCK_MONOTONIC
     std::string text;
 };
-std::vector<std::string> texts(const std::vector<record> &records);
+// The records' texts from index `from` on.
+std::vector<std::string> texts(const std::vector<record> &records, size_t from = 0);
+size_t count(const std::vector<std::string> &all, const std::string &text);
 
 // What the daemon runs at start-up and to dial.
 const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_ether", "modprobe option"};
 const std::string DHCP = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i ";
+// The fake ifconfig records its calls, so it shows when a down script of this name ran.
+const std::string DOWN_SCRIPT = "ifconfig down_script_ran";
+// Each family's dial with the APN cmnet, and a power cycle on the control lines.
+const std::string QICSGP = "AT+QICSGP=1,1,\"cmnet\",\"\",\"\",1";
+const std::vector<std::string> EC200_DIAL = {"ATE0", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1", "AT+QNETDEVCTL=1,1"};
+const std::vector<std::string> EC20_DIAL = {"ATE0", "AT$QCRMCALL=0,1,1,2,1", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1",
+                                            "AT$QCRMCALL=1,1,1,2,1"};
+const std::vector<std::string> POWER_CYCLE = {"rst1", "pwr0", "rst0", "pwr1"};
 
 inline std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string> &b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -109,6 +119,7 @@ public:
     // One command on the board's control socket; its reply line.
     std::string control(const std::string &command);
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
+    bool unplug() { return control("unplug").rfind("ok unplugged", 0) == 0; }
     // Connects `control` to the modem emulator; false when it could not in time.
     bool modem(modem_control *control) {
         return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
@@ -152,7 +163,8 @@ public:
     bool send(uint16_t code, const std::vector<std::string> &fields = {});
     // The next frame from the daemon; none after the time-out.
     std::optional<reply_frame> next(milliseconds timeout);
-    // The first frame with `code`; frames of other codes met meanwhile go to `others`.
+    // The first frame with `code`, also one met before while waiting for
+    // another; frames of other codes met meanwhile go to `others`.
     std::optional<reply_frame> reply(uint16_t code, milliseconds timeout = WAIT);
     // "code/status/text" of the reply to a request.
     std::string ask(uint16_t code, const std::vector<std::string> &fields = {});

@@ -5,7 +5,6 @@
 
 #include "e2e/board.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 
@@ -79,7 +78,7 @@ TEST(FaultClientTest, ThreeHundredClientsThatLeaveWithoutReadingLeaveNothingBehi
     measure(&fds_after, &rss_after);
     std::vector<std::string> sent = commands_since(b.emu, from);
     // Workers ran for clients that had already gone (the others found one busy).
-    EXPECT_GT(std::count(sent.begin(), sent.end(), "AT+CSQ"), 0);
+    EXPECT_GT(count(sent, "AT+CSQ"), 0u);
     std::cout << sent.size() << " commands; descriptors " << fds_before << " -> " << fds_after << ", resident " << rss_before << " kB -> "
               << rss_after << " kB\n";
     EXPECT_GT(fds_before, 3u);

@@ -13,10 +13,6 @@
 
 namespace {
 
-// The fake ifconfig records its calls, so it shows when the down script ran.
-const std::string DOWN_SCRIPT = "ifconfig down_script_ran";
-const std::string QICSGP = "AT+QICSGP=1,1,\"cmnet\",\"\",\"\",1";
-
 // With a one-second period the check runs often enough to be watched.
 const std::string CHECK_CONF = "auto_dial=1\napn_name=cmnet\nauto_check=1\ncheck_timeS=1\n";
 const std::string QNETDEVCTL = "AT+QNETDEVCTL=1,1";
@@ -39,11 +35,9 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
     const std::string dialer = scratch.write("dialer", "#!/bin/sh\necho \"$*\" >>" + scratch.path() + "/calls\n");
     chmod(dialer.c_str(), 0755);
     const family_case cases[] = {
-        {"ec200s", "", {"ATE0", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1", QNETDEVCTL}, "usb0", {QNETDEVCTL},
-         {"AT+QNETDEVCTL=0,1"}},
-        {"ec20", "",
-         {"ATE0", "AT$QCRMCALL=0,1,1,2,1", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1", "AT$QCRMCALL=1,1,1,2,1"}, "wwan0",
-         {"AT+QNETDEVSTATUS?", "AT$QCRMCALL=0,1,1,2,1", "AT$QCRMCALL=1,1,1,2,1"}, {"AT$QCRMCALL=0,1,1,2,1"}},
+        {"ec200s", "", EC200_DIAL, "usb0", {QNETDEVCTL}, {"AT+QNETDEVCTL=0,1"}},
+        {"ec20", "", EC20_DIAL, "wwan0", {"AT+QNETDEVSTATUS?", "AT$QCRMCALL=0,1,1,2,1", "AT$QCRMCALL=1,1,1,2,1"},
+         {"AT$QCRMCALL=0,1,1,2,1"}},
         // The external program dials and gets the address; the check starts it
         // again when it is gone, and it is stopped to hang up.
         {"ec20", dialer, {}, "wwan0", {}, {}},
@@ -142,7 +136,7 @@ TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACall
     EXPECT_LT(probes[2].ms - probes[1].ms, 2500); // check_timeS after a success, not 10 s
     // The link answered: the module was left alone (the one QNETDEVCTL is the dial's).
     std::vector<std::string> sent = commands_since(emu);
-    EXPECT_EQ(std::count(sent.begin(), sent.end(), QNETDEVCTL), 1);
+    EXPECT_EQ(count(sent, QNETDEVCTL), 1u);
 
     // One answered probe per check from here, so none is in flight when the call comes.
     auto probe_after = [&](long long ms) { return board.pings().back().ms > ms; }; // in time order
@@ -180,14 +174,12 @@ TEST(LinkRecoverySlowTest, TenFailedProbesPowerCycleTheModuleOnceAndTheLinkComes
     ASSERT_EQ(board.control("echo off"), "ok echo off");
     ASSERT_TRUE(board.modem(&emu));
     // Ten checks about 13 s apart, the power cycle, 20 s to settle, a dial.
-    auto dials = [&] {
-        std::vector<std::string> all = texts(board.calls());
-        return std::count(all.begin(), all.end(), DHCP + "usb0");
-    };
-    ASSERT_TRUE(sim_board::wait_until([&] { return dials() == 2; }, milliseconds(200000))) << board.stdout_text();
+    ASSERT_TRUE(sim_board::wait_until([&] { return count(texts(board.calls()), DHCP + "usb0") == 2; },
+                                      milliseconds(200000)))
+        << board.stdout_text();
 
     std::vector<record> lines = board.lines();
-    ASSERT_EQ(texts(lines), (std::vector<std::string>{"rst0", "pwr1", "rst1", "pwr0", "rst0", "pwr1"}));
+    ASSERT_EQ(texts(lines), (std::vector<std::string>{"rst0", "pwr1"} + POWER_CYCLE));
     std::vector<record> calls = board.calls();
     EXPECT_EQ(texts(calls), (DRIVERS + std::vector<std::string>{DHCP + "usb0", "ifconfig usb0 down", DHCP + "usb0"}));
     EXPECT_LE(calls[4].ms, lines[2].ms);

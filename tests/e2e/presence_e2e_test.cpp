@@ -11,69 +11,34 @@
 namespace {
 
 const uint16_t PRESENCE = 1101;
-// The fake ifconfig records its calls, so it shows when the down script ran.
-const std::string DOWN_SCRIPT = "ifconfig down_script_ran";
 const std::string AUTO_DIAL = "auto_dial=1\napn_name=cmnet\ndown_script=" + DOWN_SCRIPT + "\n";
-const std::string QICSGP = "AT+QICSGP=1,1,\"cmnet\",\"\",\"\",1";
-const std::vector<std::string> EC200T_DIAL = {"ATE0", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1", "AT+QNETDEVCTL=1,1"};
-const std::vector<std::string> EC20_DIAL = {"ATE0", "AT$QCRMCALL=0,1,1,2,1", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1",
-                                            "AT$QCRMCALL=1,1,1,2,1"};
-const std::vector<std::string> POWER_CYCLE = {"rst1", "pwr0", "rst0", "pwr1"};
 
-// The next frame with `code` as "code/status/text", also when it came while
-// the client waited for another; "<none>" when none came in time.
-std::string take(client_conn &c, uint16_t code, milliseconds timeout) {
-    auto early = std::find_if(c.others.begin(), c.others.end(), [&](const reply_frame &f) { return f.code == code; });
-    if (early == c.others.end())
-        return show(c.reply(code, timeout));
-    std::string shown = show(*early);
-    c.others.erase(early);
-    return shown;
-}
-
-bool unplug(sim_board &board) { return board.control("unplug").rfind("ok unplugged", 0) == 0; }
-
-size_t count(const std::vector<std::string> &all, const std::string &text) {
-    return static_cast<size_t>(std::count(all.begin(), all.end(), text));
-}
+std::string take(client_conn &c, uint16_t code, milliseconds timeout) { return show(c.reply(code, timeout)); }
+std::string joined(const std::vector<std::string> &all) { return testing::PrintToString(all); }
+const std::vector<std::string> NONE; // no control line written: no power cycle
 
 // Whether `wanted` occurs in `all` in this order, other entries between them.
 bool in_order(const std::vector<std::string> &all, const std::vector<std::string> &wanted) {
     auto at = all.begin();
     for (const std::string &w : wanted) {
-        at = std::find(at, all.end(), w);
-        if (at == all.end())
+        if ((at = std::find(at, all.end(), w)) == all.end())
             return false;
         ++at;
     }
     return true;
 }
 
-std::string joined(const std::vector<std::string> &all) {
-    std::string out;
-    for (const std::string &s : all)
-        out += s + " | ";
-    return out;
-}
-
 // Asks 51 until it is refused as not ready; the other answers met on the way
 // go to `before`, a repeated one once. The milliseconds from `since` to that
 // refusal, or -1.
 long long until_not_ready(client_conn &c, long long since, std::vector<std::string> *before) {
-    long long took = -1;
-    eventually(
-        [&] {
-            std::string r = c.ask(51);
-            if (r != "51/13/") {
-                if (before->empty() || before->back() != r)
-                    before->push_back(r);
-                return false;
-            }
-            took = monotonic_ms() - since;
-            return true;
-        },
-        milliseconds(3000));
-    return took;
+    std::string r;
+    auto refused = [&] {
+        if ((r = c.ask(51)) != "51/13/" && (before->empty() || before->back() != r))
+            before->push_back(r);
+        return r == "51/13/";
+    };
+    return eventually(refused, milliseconds(3000)) ? monotonic_ms() - since : -1;
 }
 
 // Away 3 s and back with auto_dial=1: refused at once and all along, told
@@ -86,7 +51,7 @@ void away_and_back(const std::string &family, const std::string &ifname, const s
     ASSERT_EQ(c.ask_settled(51).substr(0, 5), "51/0/");
     ASSERT_TRUE(in_order(commands_since(b.emu), dial)) << joined(commands_since(b.emu)); // the first dial
     size_t lines = b.board.lines().size();
-    ASSERT_TRUE(unplug(b.board));
+    ASSERT_TRUE(b.board.unplug());
     long long gone = monotonic_ms();
 
     std::vector<std::string> before;
@@ -118,13 +83,13 @@ void away_and_back(const std::string &family, const std::string &ifname, const s
     EXPECT_TRUE(sim_board::wait_until([&] { return dhcp() >= 2; }, milliseconds(5000)));
     EXPECT_EQ(dhcp(), 2u) << joined(texts(b.board.calls()));
     // No power cycle: no control line was written since the departure.
-    EXPECT_EQ(b.board.lines().size(), lines) << joined(texts(b.board.lines()));
+    EXPECT_EQ(texts(b.board.lines(), lines), NONE);
     EXPECT_EQ(take(c, PRESENCE, milliseconds(500)), "<none>");
 }
 
 TEST(PresenceTest, AnEc200tBackWithinAMinuteIsOpenedAgainWithoutAPowerCycleAndDialledAgain) {
     SKIP_WITHOUT_BOARD();
-    away_and_back("ec200t", "usb0", EC200T_DIAL);
+    away_and_back("ec200t", "usb0", EC200_DIAL);
 }
 
 TEST(PresenceTest, AnEc20BackWithinAMinuteIsOpenedAgainWithoutAPowerCycleAndDialledAgain) {
@@ -144,7 +109,7 @@ TEST(PresenceTest, LeavingDuringARequestFailsItOnItsTimeOutAndRefusesTheNextAsNo
     long long asked = monotonic_ms();
     ASSERT_TRUE(b.emu.wait_for_command("AT+COPS?", 15000));
     size_t lines = b.board.lines().size(), from = next_index(b.emu);
-    ASSERT_TRUE(unplug(b.board));
+    ASSERT_TRUE(b.board.unplug());
     // The client hears of it while the worker still waits (5 s for AT+COPS?).
     EXPECT_EQ(take(c, PRESENCE, milliseconds(2000)), "1101/1/");
     std::string failed = take(c, 103, milliseconds(8000));
@@ -164,7 +129,7 @@ TEST(PresenceTest, LeavingDuringARequestFailsItOnItsTimeOutAndRefusesTheNextAsNo
                   0)
             << joined(sent);
     EXPECT_FALSE(b.board.called(DHCP + "usb0"));
-    EXPECT_EQ(b.board.lines().size(), lines) << joined(texts(b.board.lines()));
+    EXPECT_EQ(texts(b.board.lines(), lines), NONE);
 }
 
 // The supervisor waits in a dial step: the client still hears at once, and
@@ -178,7 +143,7 @@ TEST(PresenceTest, LeavingDuringADialIsReportedAtOnceAndTheLinkComesUpAfterTheRe
     ASSERT_EQ(c.ask(501, {"1"}), "501/0/");
     ASSERT_TRUE(b.emu.wait_for_command("AT+QNETDEVCTL=1,1", 15000));
     size_t lines = b.board.lines().size();
-    ASSERT_TRUE(unplug(b.board));
+    ASSERT_TRUE(b.board.unplug());
     EXPECT_EQ(take(c, PRESENCE, milliseconds(2000)), "1101/1/");
     EXPECT_TRUE(eventually([&] { return c.ask(912) == "912/13/"; }, milliseconds(1000)));
 
@@ -188,9 +153,9 @@ TEST(PresenceTest, LeavingDuringADialIsReportedAtOnceAndTheLinkComesUpAfterTheRe
     EXPECT_EQ(take(c, PRESENCE, milliseconds(20000)), "1101/0/");
     EXPECT_TRUE(c.state_becomes("Connected"));
     std::vector<std::string> sent = commands_since(b.emu, from);
-    EXPECT_TRUE(in_order(sent, EC200T_DIAL)) << joined(sent);
+    EXPECT_TRUE(in_order(sent, EC200_DIAL)) << joined(sent);
     EXPECT_TRUE(b.board.called(DHCP + "usb0"));
-    EXPECT_EQ(b.board.lines().size(), lines) << joined(texts(b.board.lines()));
+    EXPECT_EQ(texts(b.board.lines(), lines), NONE);
 }
 
 // Nobody to tell: the daemon takes the link down by itself (its interface-down
@@ -204,7 +169,7 @@ TEST(PresenceTest, AModuleThatLeavesWithNoClientConnectedIsTakenBackAndDialledAg
     b.client.reset();
     auto downs = [&] { return count(texts(b.board.calls()), "ifconfig usb0 down"); };
     size_t lines = b.board.lines().size(), downs_before = downs();
-    ASSERT_TRUE(unplug(b.board));
+    ASSERT_TRUE(b.board.unplug());
     EXPECT_TRUE(sim_board::wait_until([&] { return downs() > downs_before && b.board.called(DOWN_SCRIPT); },
                                       milliseconds(5000)))
         << joined(texts(b.board.calls()));
@@ -215,7 +180,7 @@ TEST(PresenceTest, AModuleThatLeavesWithNoClientConnectedIsTakenBackAndDialledAg
     EXPECT_TRUE(c->state_becomes("Connected"));
     EXPECT_TRUE(sim_board::wait_until(
         [&] { return count(texts(b.board.calls()), DHCP + "usb0") == 2; }, milliseconds(5000)));
-    EXPECT_EQ(b.board.lines().size(), lines) << joined(texts(b.board.lines()));
+    EXPECT_EQ(texts(b.board.lines(), lines), NONE);
 }
 
 // A restart's power cycle takes the module off the bus too (the board plugs
@@ -230,15 +195,11 @@ TEST(PresenceTest, TheDaemonsOwnPowerCycleIsNoDepartureButOneAfterItIs) {
     size_t lines = b.board.lines().size();
     ASSERT_TRUE(c.send(901));
     EXPECT_EQ(take(c, 901, milliseconds(90000)), "901/0/");
-    std::vector<record> all = b.board.lines();
-    std::vector<std::string> since;
-    for (size_t i = lines; i < all.size(); ++i)
-        since.push_back(all[i].text);
-    EXPECT_EQ(since, POWER_CYCLE);
+    EXPECT_EQ(texts(b.board.lines(), lines), POWER_CYCLE);
     EXPECT_EQ(take(c, PRESENCE, milliseconds(1000)), "<none>");
 
     ASSERT_EQ(c.ask_settled(102), "102/0/20");
-    ASSERT_TRUE(unplug(b.board));
+    ASSERT_TRUE(b.board.unplug());
     EXPECT_EQ(take(c, PRESENCE, milliseconds(2000)), "1101/1/");
     ASSERT_TRUE(b.board.plug());
     EXPECT_EQ(take(c, PRESENCE, milliseconds(10000)), "1101/0/");
@@ -256,7 +217,7 @@ TEST(PresenceSlowTest, AModuleNotBackWithinAMinuteIsPowerCycledOnceAndReportedBa
     client_conn &c = *b.client;
     ASSERT_TRUE(c.state_becomes("Connected"));
     size_t lines = b.board.lines().size();
-    ASSERT_TRUE(unplug(b.board));
+    ASSERT_TRUE(b.board.unplug());
     long long gone = monotonic_ms();
     EXPECT_EQ(take(c, PRESENCE, milliseconds(2000)), "1101/1/");
 
@@ -271,7 +232,7 @@ TEST(PresenceSlowTest, AModuleNotBackWithinAMinuteIsPowerCycledOnceAndReportedBa
     EXPECT_EQ(take(c, PRESENCE, milliseconds(60000)), "1101/0/");
     EXPECT_GE(monotonic_ms() - cycle.back().ms, 19000);
     EXPECT_TRUE(c.state_becomes("Connected"));
-    EXPECT_EQ(b.board.lines().size(), lines + POWER_CYCLE.size()) << joined(texts(b.board.lines()));
+    EXPECT_EQ(texts(b.board.lines(), lines), POWER_CYCLE);
     EXPECT_EQ(take(c, PRESENCE, milliseconds(500)), "<none>");
 }
 
