@@ -59,32 +59,6 @@ TEST(ClientRestartTest, AskedBeforeTheModuleIsOnTheBusItIsReportedOnceTheModuleI
     EXPECT_EQ(texts(board.lines()), (std::vector<std::string>{"rst0", "pwr1"}));
 }
 
-TEST(ClientRestartTest, CancelsTheRunningWorkerPowerCyclesTheModuleAndFreesThePort) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
-    client_conn &c = *b.client;
-    ASSERT_TRUE(b.emu.set_reply("AT+QLBS", modem_reply::standard().until_released().one_shot()));
-    ASSERT_TRUE(c.send(452));
-    ASSERT_TRUE(b.emu.wait_for_command("AT+QLBS", 15000));
-    size_t lines_before = b.board.lines().size();
-    int64_t asked = monotonic_ms();
-    ASSERT_TRUE(c.send(901));
-    // Refused while restarting (sent again if it shared a read with the restart).
-    EXPECT_TRUE(eventually([&] { return c.send(102) && show(c.reply(102, milliseconds(500))) == "102/13/"; }));
-    EXPECT_EQ(show(c.reply(901, milliseconds(90000))), "901/0/");
-    // A power cycle of 6 s and the 20 s the module gets to settle.
-    EXPECT_GE(monotonic_ms() - asked, 25000);
-    for (const reply_frame &f : c.others)
-        EXPECT_NE(f.code, 452) << "the cancelled worker answered";
-    EXPECT_EQ(texts(b.board.lines(), lines_before), POWER_CYCLE);
-
-    // The port is free again for a worker and for the supervisor's dial.
-    EXPECT_EQ(c.ask_settled(102), "102/0/20");
-    EXPECT_EQ(c.ask(501, {"1"}), "501/0/");
-    EXPECT_TRUE(c.state_becomes("Connected"));
-}
-
 // True when the daemon closes the connection without a frame (a reset when
 // it closed with the requests still unread).
 bool closed_without_reply(int fd) {

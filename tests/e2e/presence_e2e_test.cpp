@@ -183,8 +183,10 @@ TEST(PresenceTest, AModuleThatLeavesWithNoClientConnectedIsTakenBackAndDialledAg
     EXPECT_EQ(texts(b.board.lines(), lines), NONE);
 }
 
-// A restart's power cycle takes the module off the bus too (the board plugs
-// it back): no 1101 for it. A departure after it is still noticed.
+// A restart cancels the running worker (which never answers), refuses
+// requests meanwhile and power-cycles the module, which takes it off the bus
+// too (the board plugs it back): no 1101 for that, and the port is free again
+// for a worker and the supervisor's dial. A departure after it is noticed.
 TEST(PresenceTest, TheDaemonsOwnPowerCycleIsNoDepartureButOneAfterItIs) {
     SKIP_WITHOUT_BOARD();
     board_config config;
@@ -192,13 +194,23 @@ TEST(PresenceTest, TheDaemonsOwnPowerCycleIsNoDepartureButOneAfterItIs) {
     ready_board b(config);
     ASSERT_TRUE(b.start());
     client_conn &c = *b.client;
+    ASSERT_TRUE(b.emu.set_reply("AT+QLBS", modem_reply::standard().until_released().one_shot()));
+    ASSERT_TRUE(c.send(452));
+    ASSERT_TRUE(b.emu.wait_for_command("AT+QLBS", 15000));
     size_t lines = b.board.lines().size();
+    long long asked = monotonic_ms();
     ASSERT_TRUE(c.send(901));
+    // Sent again if it shared a read with the restart.
+    EXPECT_TRUE(eventually([&] { return c.send(102) && take(c, 102, milliseconds(500)) == "102/13/"; }));
     EXPECT_EQ(take(c, 901, milliseconds(90000)), "901/0/");
+    EXPECT_GE(monotonic_ms() - asked, 25000); // a power cycle of 6 s, 20 s to settle
     EXPECT_EQ(texts(b.board.lines(), lines), POWER_CYCLE);
     EXPECT_EQ(take(c, PRESENCE, milliseconds(1000)), "<none>");
-
+    EXPECT_EQ(take(c, 452, milliseconds(0)), "<none>");
     ASSERT_EQ(c.ask_settled(102), "102/0/20");
+    EXPECT_EQ(c.ask(501, {"1"}), "501/0/");
+    EXPECT_TRUE(c.state_becomes("Connected"));
+
     ASSERT_TRUE(b.board.unplug());
     EXPECT_EQ(take(c, PRESENCE, milliseconds(2000)), "1101/1/");
     ASSERT_TRUE(b.board.plug());
