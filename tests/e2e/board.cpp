@@ -287,12 +287,6 @@ pid_t sim_board::daemon_pid() const {
     return -1;
 }
 
-size_t open_descriptors(pid_t pid) {
-    std::error_code none; // no process: no descriptors
-    std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", none);
-    return static_cast<size_t>(std::distance(fds, std::filesystem::directory_iterator()));
-}
-
 long resident_kb(pid_t pid) {
 #ifdef ZOLVIN_DAEMON_MEMORY
     const unsigned long long range[] = {ZOLVIN_DAEMON_MEMORY};

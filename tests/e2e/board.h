@@ -143,10 +143,8 @@ private:
     std::optional<int> exit_status_;
 };
 
-// What a process holds: its open descriptors, and its resident memory in kB or
-// -1: VmRSS, or under an emulator the resident pages of the daemon's own
-// address range.
-size_t open_descriptors(pid_t pid);
+// A process's resident memory in kB or -1: VmRSS, or under an emulator the
+// resident pages of the daemon's own address range.
 long resident_kb(pid_t pid);
 
 // One connection to the daemon's socket.

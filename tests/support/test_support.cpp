@@ -231,3 +231,9 @@ std::string read_file(const std::string &path) {
     s << in.rdbuf();
     return s.str();
 }
+
+size_t open_descriptors(pid_t pid) {
+    std::error_code none; // no process: no descriptors
+    std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", none);
+    return static_cast<size_t>(std::distance(fds, std::filesystem::directory_iterator()));
+}

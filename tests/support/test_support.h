@@ -45,6 +45,8 @@ private:
 };
 
 std::string read_file(const std::string &path);
+// The descriptors process `pid` holds open.
+size_t open_descriptors(pid_t pid);
 
 // Polls `cond` every `poll_ms` until it holds or `timeout_ms` passes.
 template <typename F> bool wait_until(F cond, long timeout_ms, long poll_ms = 1) {
