@@ -5,7 +5,6 @@
 #include "ctl/ctl.h"
 #include "support/test_support.h"
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -152,22 +151,6 @@ std::map<uint16_t, reply_frame> replies(const std::vector<reply_frame> &frames) 
     std::map<uint16_t, reply_frame> out;
     for (const reply_frame &f : frames)
         out[f.code] = f;
-    return out;
-}
-
-// What a real JSON parser makes of `json`: its members in order, as Python
-// writes them back, or the parser's complaint.
-std::string parsed_json(const std::string &json) {
-    temp_dir dir;
-    std::string path = dir.write("status.json", json);
-    FILE *p = popen(("python3 -c 'import json,sys; print(json.dumps(list(json.load(sys.stdin).items())))' <" +
-                     path + " 2>&1").c_str(),
-                    "r");
-    std::string out;
-    char buf[1024];
-    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;)
-        out.append(buf, n);
-    EXPECT_TRUE(p != nullptr && pclose(p) == 0) << out;
     return out;
 }
 
