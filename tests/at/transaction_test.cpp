@@ -2,7 +2,6 @@
 #include "core/text.h"
 #include "support/test_support.h"
 
-#include <cstring>
 #include <thread>
 
 namespace {
