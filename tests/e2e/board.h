@@ -204,6 +204,13 @@ struct ready_board {
     std::unique_ptr<client_conn> client;
 };
 
+// Skips without root; else declares `b`, a ready_board of the arguments, and
+// ends the test if the daemon does not come up on it with a client.
+#define READY_BOARD(b, ...)                                                                           \
+    SKIP_WITHOUT_BOARD();                                                                             \
+    ready_board b{__VA_ARGS__};                                                                       \
+    ASSERT_TRUE(b.start())
+
 #define SKIP_WITHOUT_BOARD()                                                                          \
     do {                                                                                              \
         std::string reason_ = sim_board::skip_reason();                                               \

@@ -12,9 +12,7 @@
 namespace {
 
 TEST(ClientSettingsTest, ReachTheSupervisorsDialWhichKeepsWorkersOut) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t", "apn_name=cmnet\n"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec200t", "apn_name=cmnet\n"));
     client_conn &c = *b.client;
     EXPECT_EQ(c.ask(521, {"0", "1"}), "521/0/1:cmnet");
     EXPECT_EQ(c.ask(521, {"1", "1", "internet"}), "521/0/1:internet");
@@ -99,9 +97,7 @@ TEST(ClientInterfaceTest, ServesRootAndClientGroupMembersOnlyAndStrangersChangeN
 }
 
 TEST(ClientInterfaceTest, OneClientAtATimeAndAWorkerOutlivesItsClient) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b);
     // No listening socket while a client is connected: a second is refused at once.
     client_conn second(b.board.connect_client(milliseconds(0)));
     EXPECT_FALSE(second.valid());
@@ -122,9 +118,7 @@ TEST(ClientInterfaceTest, OneClientAtATimeAndAWorkerOutlivesItsClient) {
 }
 
 TEST(ClientWorkerTest, CodesRunTheirCommandsAndPassThroughBelongsToItsClient) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec20"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec20"));
     client_conn &c = *b.client;
     ASSERT_TRUE(b.emu.set_reply("AT+CSMS=0", modem_reply::error().one_shot()));
     // Speaking ends with a late "+QWTTS: 0": kept out of the pass-through below.
@@ -173,9 +167,7 @@ std::pair<int, std::string> run_tool(const sim_board &board, const std::vector<s
 }
 
 TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b);
     const std::string refused = "cannot connect to @phone_server";
     std::pair<int, std::string> busy = run_tool(b.board, {"version"});
     EXPECT_EQ(busy.first, 3);
@@ -208,9 +200,7 @@ TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {
 // After the dial the statistics show the link up and the one dial, and the
 // tool's summary of them is one JSON object that says so.
 TEST(ClientToolTest, StatusAfterTheDialShowsTheLinkUp) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t", "auto_dial=1\napn_name=cmnet\n"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec200t", "auto_dial=1\napn_name=cmnet\n"));
     ASSERT_TRUE(b.client->state_becomes("Connected"));
     // The supervisor marks the link just after it stores `connected`.
     std::string stats;

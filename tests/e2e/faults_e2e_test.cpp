@@ -14,9 +14,7 @@ const std::string CALLER = "13912345678";
 const std::string CLIP = "+CLIP: \"" + CALLER + "\",129";
 
 TEST(FaultModuleTest, AfterGarbageOnThePortRequestsAndEventsComeThroughIntact) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b);
     client_conn &c = *b.client;
     std::string junk(64, '\0');
     for (int v = 128; v < 256; ++v)
@@ -88,9 +86,7 @@ TEST(FaultClientTest, ThreeHundredClientsThatLeaveWithoutReadingLeaveNothingBehi
 }
 
 TEST(FaultClientTest, AClientThatStopsReadingUnderAThousandEventsHoldsUpNeitherTheSupervisorNorTheNext) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t", "apn_name=cmnet\n"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec200t", "apn_name=cmnet\n"));
     client_conn &stalled = *b.client; // reads nothing from here on
     ASSERT_TRUE(b.emu.inject_lines(std::vector<std::string>(1000, CLIP)));
     // The supervisor dials on the stalled client's word, through the same port.

@@ -100,9 +100,7 @@ TEST(PresenceTest, AnEc20BackWithinAMinuteIsOpenedAgainWithoutAPowerCycleAndDial
 // With auto_dial=0: the request in flight ends on its own time-out, the next
 // ones are refused as not ready, and the module back is not dialled.
 TEST(PresenceTest, LeavingDuringARequestFailsItOnItsTimeOutAndRefusesTheNextAsNotReady) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b);
     client_conn &c = *b.client;
     ASSERT_TRUE(b.emu.set_reply("AT+COPS?", modem_reply::standard().until_released().one_shot()));
     ASSERT_TRUE(c.send(103));
@@ -135,9 +133,7 @@ TEST(PresenceTest, LeavingDuringARequestFailsItOnItsTimeOutAndRefusesTheNextAsNo
 // The supervisor waits in a dial step: the client still hears at once, and
 // the dial starts over once the module is back.
 TEST(PresenceTest, LeavingDuringADialIsReportedAtOnceAndTheLinkComesUpAfterTheReturn) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t", "apn_name=cmnet\n"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec200t", "apn_name=cmnet\n"));
     client_conn &c = *b.client;
     ASSERT_TRUE(b.emu.set_reply("AT+QNETDEVCTL=1,1", modem_reply::standard().until_released().one_shot()));
     ASSERT_EQ(c.ask(501, {"1"}), "501/0/");
@@ -162,9 +158,7 @@ TEST(PresenceTest, LeavingDuringADialIsReportedAtOnceAndTheLinkComesUpAfterTheRe
 // command and the down script show it), and a client that comes after the
 // return finds the module working and the link up again.
 TEST(PresenceTest, AModuleThatLeavesWithNoClientConnectedIsTakenBackAndDialledAgain) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t", AUTO_DIAL));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec200t", AUTO_DIAL));
     ASSERT_TRUE(b.client->state_becomes("Connected"));
     b.client.reset();
     auto downs = [&] { return count(texts(b.board.calls()), "ifconfig usb0 down"); };
