@@ -2,15 +2,10 @@
 // rings with their waits, and the receive thread on a pty.
 #include "at/at.h"
 #include "at/serial.h"
-#include "core/daemon_state.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 

@@ -2,9 +2,6 @@
 #include "core/text.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <thread>
 
 namespace {

@@ -4,15 +4,9 @@
 #include "at/at.h"
 #include "client/client.h"
 #include "core/config.h"
-#include "core/daemon_state.h"
 #include "modem/modem.h"
 #include "sms/send.h"
 #include "support/test_support.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -1,10 +1,5 @@
 #include "core/config.h"
-#include "core/daemon_state.h"
 #include "support/test_support.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
 
 namespace {
 

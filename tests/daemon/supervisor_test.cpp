@@ -3,25 +3,27 @@
 // no reset action run on the test host. The re-opens after a firmware download
 // run on a scratch bus and /dev, the emulator's pty the port that comes and goes.
 #include "at/at.h"
-#include "core/daemon_state.h"
 #include "daemon/supervisor.h"
 #include "modem/modem.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <fcntl.h>
 #include <functional>
 #include <cstring>
 #include <memory>
-#include <thread>
 #include <unistd.h>
 
 namespace {
 
 int64_t g_now = 0;
 int64_t test_clock() { return g_now; }
+
+// A worker takes the port (its AT gate and worker_busy), or gives it back.
+void worker_holds(bool holds) {
+    daemon_state &s = state();
+    holds ? s.at_mutex.lock() : s.at_mutex.unlock();
+    s.worker_busy.store(holds);
+}
 
 class SupervisorTest : public testing::Test {
 protected:
@@ -81,8 +83,7 @@ TEST_F(SupervisorTest, FailedDialsComeEvery5100MsAndTheTenthRaisesOneReset) {
 // given back, and until then serves whatever else is asked of it.
 TEST_F(SupervisorTest, ADueDialIsPutOffWhileAWorkerHoldsThePortAndRunsOnItsRelease) {
     daemon_state &s = state();
-    s.at_mutex.lock(); // a worker runs
-    s.worker_busy.store(1);
+    worker_holds(true);
     EXPECT_EQ(supervisor_pass(sv), NO_DEADLINE);
     EXPECT_EQ(port->module().command_count(), 0u);
     EXPECT_EQ(s.dial_in_progress.load(), 0);
@@ -102,18 +103,14 @@ TEST_F(SupervisorTest, DisconnectSkipsTheTearDownWhileAWorkerOwnsThePort) {
     for (bool worker : {true, false}) {
         s.auto_dial.store(0);
         s.connected.store(1);
-        if (worker) {
-            s.at_mutex.lock();
-            s.worker_busy.store(1);
-        }
+        if (worker)
+            worker_holds(true);
         EXPECT_EQ(supervisor_pass(sv), g_now + PASS_MS);
         EXPECT_EQ(s.connected.load(), 0);
         EXPECT_EQ(sent("AT+QNETDEVCTL=0,1"), worker ? 0u : 1u) << worker;
-        if (worker) {
-            s.worker_busy.store(0);
-            s.at_mutex.unlock();
-        }
-        EXPECT_EQ(s.worker_busy.load(), 0);
+        EXPECT_EQ(s.worker_busy.load(), worker);
+        if (worker)
+            worker_holds(false);
     }
 }
 
@@ -290,9 +287,7 @@ protected:
             EXPECT_FALSE(module_ready());
         };
     }
-    std::function<void()> returns() {
-        return [this] { plug(); };
-    }
+    std::function<void()> returns() { return [this] { plug(); }; }
 };
 
 using P = module_phase;
@@ -379,16 +374,14 @@ TEST_F(ModuleAwayTest, TheDaemonsOwnDeparturesAreNotLosses) {
 TEST_F(ReopenTest, AReopenIsServedWhileADialWaitsForTheUpdatesWorker) {
     daemon_state &s = state();
     s.auto_dial.store(1);
-    s.at_mutex.lock();
-    s.worker_busy.store(1);
+    worker_holds(true);
     EXPECT_EQ(supervisor_pass(sv), NO_DEADLINE);
     EXPECT_EQ(s.phase.load(), module_phase::dialling);
     supervisor_request(s.fota_reopen, 1);
     supervisor_pass(sv);
     EXPECT_EQ(s.phase.load(), module_phase::reopening);
     EXPECT_EQ(sv.step, sv_step::port_gone);
-    s.worker_busy.store(0);
-    s.at_mutex.unlock();
+    worker_holds(false);
 }
 
 TEST_F(ReopenTest, TheModuleLeavesAndComesBackAndThePortIsOpenedAgain) {

@@ -1,7 +1,5 @@
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -17,7 +15,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -63,11 +60,15 @@ bool runs_daemon(const std::string &dir) {
 
 } // namespace
 
-std::vector<std::string> texts(const std::vector<record> &records) {
+std::vector<std::string> texts(const std::vector<record> &records, size_t from) {
     std::vector<std::string> out;
-    for (const record &r : records)
-        out.push_back(r.text);
+    for (size_t i = from; i < records.size(); ++i)
+        out.push_back(records[i].text);
     return out;
+}
+
+size_t count(const std::vector<std::string> &all, const std::string &text) {
+    return static_cast<size_t>(std::count(all.begin(), all.end(), text));
 }
 
 sim_board::sim_board(board_config config) : config_(std::move(config)) {
@@ -189,10 +190,7 @@ std::vector<record> sim_board::lines() const {
     return out;
 }
 
-bool sim_board::called(const std::string &text) const {
-    std::vector<std::string> all = texts(calls());
-    return std::find(all.begin(), all.end(), text) != all.end();
-}
+bool sim_board::called(const std::string &text) const { return count(texts(calls()), text) > 0; }
 
 std::string sim_board::event(const std::string &prefix) const {
     for (const record &e : events()) {
@@ -289,12 +287,6 @@ pid_t sim_board::daemon_pid() const {
     return -1;
 }
 
-size_t open_descriptors(pid_t pid) {
-    std::error_code none; // no process: no descriptors
-    std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", none);
-    return static_cast<size_t>(std::distance(fds, std::filesystem::directory_iterator()));
-}
-
 long resident_kb(pid_t pid) {
 #ifdef ZOLVIN_DAEMON_MEMORY
     const unsigned long long range[] = {ZOLVIN_DAEMON_MEMORY};
@@ -336,6 +328,12 @@ std::optional<reply_frame> client_conn::next(milliseconds timeout) {
 }
 
 std::optional<reply_frame> client_conn::reply(uint16_t code, milliseconds timeout) {
+    auto early = std::find_if(others.begin(), others.end(), [&](const reply_frame &f) { return f.code == code; });
+    if (early != others.end()) {
+        reply_frame f = *early;
+        others.erase(early);
+        return f;
+    }
     auto deadline = clock_type::now() + timeout;
     for (;;) {
         auto left = std::chrono::duration_cast<milliseconds>(deadline - clock_type::now());

@@ -7,19 +7,15 @@
 // its control socket; a client_conn talks to the daemon's "@phone_server".
 #pragma once
 
-#include "core/frames.h"
-#include "modem_emu/modem_emu.h"
 #include "support/test_support.h"
 
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 using std::chrono::milliseconds;
 const milliseconds WAIT(15000);
@@ -44,11 +40,21 @@ struct record {
     long long ms; // CLOCK_MONOTONIC
     std::string text;
 };
-std::vector<std::string> texts(const std::vector<record> &records);
+// The records' texts from index `from` on.
+std::vector<std::string> texts(const std::vector<record> &records, size_t from = 0);
+size_t count(const std::vector<std::string> &all, const std::string &text);
 
 // What the daemon runs at start-up and to dial.
 const std::vector<std::string> DRIVERS = {"modprobe rndis_host", "modprobe cdc_ether", "modprobe option"};
 const std::string DHCP = "busybox udhcpc -f -n -t 5 -q -s /usr/share/udhcpc/zolvin_4g.script -i ";
+// The fake ifconfig records its calls, so it shows when a down script of this name ran.
+const std::string DOWN_SCRIPT = "ifconfig down_script_ran";
+// Each family's dial with the APN cmnet, and a power cycle on the control lines.
+const std::string QICSGP = "AT+QICSGP=1,1,\"cmnet\",\"\",\"\",1";
+const std::vector<std::string> EC200_DIAL = {"ATE0", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1", "AT+QNETDEVCTL=1,1"};
+const std::vector<std::string> EC20_DIAL = {"ATE0", "AT$QCRMCALL=0,1,1,2,1", "AT+QIDEACT=1", QICSGP, "AT+QIACT=1",
+                                            "AT$QCRMCALL=1,1,1,2,1"};
+const std::vector<std::string> POWER_CYCLE = {"rst1", "pwr0", "rst0", "pwr1"};
 
 inline std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string> &b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -113,6 +119,7 @@ public:
     // One command on the board's control socket; its reply line.
     std::string control(const std::string &command);
     bool plug() { return control("plug").rfind("ok", 0) == 0; }
+    bool unplug() { return control("unplug").rfind("ok unplugged", 0) == 0; }
     // Connects `control` to the modem emulator; false when it could not in time.
     bool modem(modem_control *control) {
         return wait_until([&] { return control->connect(path("modem.ctl"), 200); });
@@ -136,10 +143,8 @@ private:
     std::optional<int> exit_status_;
 };
 
-// What a process holds: its open descriptors, and its resident memory in kB or
-// -1: VmRSS, or under an emulator the resident pages of the daemon's own
-// address range.
-size_t open_descriptors(pid_t pid);
+// A process's resident memory in kB or -1: VmRSS, or under an emulator the
+// resident pages of the daemon's own address range.
 long resident_kb(pid_t pid);
 
 // One connection to the daemon's socket.
@@ -156,7 +161,8 @@ public:
     bool send(uint16_t code, const std::vector<std::string> &fields = {});
     // The next frame from the daemon; none after the time-out.
     std::optional<reply_frame> next(milliseconds timeout);
-    // The first frame with `code`; frames of other codes met meanwhile go to `others`.
+    // The first frame with `code`, also one met before while waiting for
+    // another; frames of other codes met meanwhile go to `others`.
     std::optional<reply_frame> reply(uint16_t code, milliseconds timeout = WAIT);
     // "code/status/text" of the reply to a request.
     std::string ask(uint16_t code, const std::vector<std::string> &fields = {});
@@ -197,6 +203,13 @@ struct ready_board {
     modem_control emu;
     std::unique_ptr<client_conn> client;
 };
+
+// Skips without root; else declares `b`, a ready_board of the arguments, and
+// ends the test if the daemon does not come up on it with a client.
+#define READY_BOARD(b, ...)                                                                           \
+    SKIP_WITHOUT_BOARD();                                                                             \
+    ready_board b{__VA_ARGS__};                                                                       \
+    ASSERT_TRUE(b.start())
 
 #define SKIP_WITHOUT_BOARD()                                                                          \
     do {                                                                                              \

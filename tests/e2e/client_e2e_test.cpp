@@ -5,20 +5,14 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <memory>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 namespace {
 
 TEST(ClientSettingsTest, ReachTheSupervisorsDialWhichKeepsWorkersOut) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t", "apn_name=cmnet\n"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec200t", "apn_name=cmnet\n"));
     client_conn &c = *b.client;
     EXPECT_EQ(c.ask(521, {"0", "1"}), "521/0/1:cmnet");
     EXPECT_EQ(c.ask(521, {"1", "1", "internet"}), "521/0/1:internet");
@@ -62,34 +56,6 @@ TEST(ClientRestartTest, AskedBeforeTheModuleIsOnTheBusItIsReportedOnceTheModuleI
     EXPECT_EQ(texts(board.lines()), (std::vector<std::string>{"rst0", "pwr1"}));
 }
 
-TEST(ClientRestartTest, CancelsTheRunningWorkerPowerCyclesTheModuleAndFreesThePort) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
-    client_conn &c = *b.client;
-    ASSERT_TRUE(b.emu.set_reply("AT+QLBS", modem_reply::standard().until_released().one_shot()));
-    ASSERT_TRUE(c.send(452));
-    ASSERT_TRUE(b.emu.wait_for_command("AT+QLBS", 15000));
-    size_t lines_before = b.board.lines().size();
-    int64_t asked = monotonic_ms();
-    ASSERT_TRUE(c.send(901));
-    // Refused while restarting (sent again if it shared a read with the restart).
-    EXPECT_TRUE(eventually([&] { return c.send(102) && show(c.reply(102, milliseconds(500))) == "102/13/"; }));
-    EXPECT_EQ(show(c.reply(901, milliseconds(90000))), "901/0/");
-    // A power cycle of 6 s and the 20 s the module gets to settle.
-    EXPECT_GE(monotonic_ms() - asked, 25000);
-    for (const reply_frame &f : c.others)
-        EXPECT_NE(f.code, 452) << "the cancelled worker answered";
-    std::vector<std::string> lines = texts(b.board.lines());
-    EXPECT_EQ(std::vector<std::string>(lines.begin() + static_cast<long>(lines_before), lines.end()),
-              (std::vector<std::string>{"rst1", "pwr0", "rst0", "pwr1"}));
-
-    // The port is free again for a worker and for the supervisor's dial.
-    EXPECT_EQ(c.ask_settled(102), "102/0/20");
-    EXPECT_EQ(c.ask(501, {"1"}), "501/0/");
-    EXPECT_TRUE(c.state_becomes("Connected"));
-}
-
 // True when the daemon closes the connection without a frame (a reset when
 // it closed with the requests still unread).
 bool closed_without_reply(int fd) {
@@ -131,9 +97,7 @@ TEST(ClientInterfaceTest, ServesRootAndClientGroupMembersOnlyAndStrangersChangeN
 }
 
 TEST(ClientInterfaceTest, OneClientAtATimeAndAWorkerOutlivesItsClient) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b);
     // No listening socket while a client is connected: a second is refused at once.
     client_conn second(b.board.connect_client(milliseconds(0)));
     EXPECT_FALSE(second.valid());
@@ -154,9 +118,7 @@ TEST(ClientInterfaceTest, OneClientAtATimeAndAWorkerOutlivesItsClient) {
 }
 
 TEST(ClientWorkerTest, CodesRunTheirCommandsAndPassThroughBelongsToItsClient) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec20"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec20"));
     client_conn &c = *b.client;
     ASSERT_TRUE(b.emu.set_reply("AT+CSMS=0", modem_reply::error().one_shot()));
     // Speaking ends with a late "+QWTTS: 0": kept out of the pass-through below.
@@ -199,22 +161,13 @@ std::pair<int, std::string> run_tool(const sim_board &board, const std::vector<s
     std::string command = ZOLVIN_CTL_BIN;
     for (const std::string &a : args) // none holds a quote
         command += " '" + a + "'";
-    std::string text;
-    int status = -1;
-    board.in_network([&] { // the child starts in this thread's namespace
-        FILE *out = popen((command + " 2>&1").c_str(), "r");
-        char buf[4096];
-        for (size_t n; out != nullptr && (n = fread(buf, 1, sizeof buf, out)) > 0;)
-            text.append(buf, n);
-        status = out != nullptr ? pclose(out) : -1;
-    });
-    return {status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+    std::pair<int, std::string> run;
+    board.in_network([&] { run = run_command(command); }); // the child starts in this thread's namespace
+    return run;
 }
 
 TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b;
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b);
     const std::string refused = "cannot connect to @phone_server";
     std::pair<int, std::string> busy = run_tool(b.board, {"version"});
     EXPECT_EQ(busy.first, 3);
@@ -247,9 +200,7 @@ TEST(ClientToolTest, PrintsTheRepliesToRequestsFromTheCommandLine) {
 // After the dial the statistics show the link up and the one dial, and the
 // tool's summary of them is one JSON object that says so.
 TEST(ClientToolTest, StatusAfterTheDialShowsTheLinkUp) {
-    SKIP_WITHOUT_BOARD();
-    ready_board b(board_config("ec200t", "auto_dial=1\napn_name=cmnet\n"));
-    ASSERT_TRUE(b.start());
+    READY_BOARD(b, board_config("ec200t", "auto_dial=1\napn_name=cmnet\n"));
     ASSERT_TRUE(b.client->state_becomes("Connected"));
     // The supervisor marks the link just after it stores `connected`.
     std::string stats;
@@ -263,16 +214,9 @@ TEST(ClientToolTest, StatusAfterTheDialShowsTheLinkUp) {
         return (run = run_tool(b.board, {"status", "--json"})).second.find("cannot connect") == std::string::npos;
     }));
     EXPECT_EQ(run.first, 0) << run.second;
-    temp_dir dir;
-    std::string path = dir.write("status.json", run.second);
-    FILE *p = popen(("python3 -c 'import json,sys; d=json.load(sys.stdin); "
-                     "print(d[\"link\"], d[\"dials\"], d[\"state\"], d[\"signal\"])' <" + path + " 2>&1").c_str(),
-                    "r");
-    ASSERT_NE(p, nullptr);
-    char buf[512];
-    std::string parsed(buf, fread(buf, 1, sizeof buf, p));
-    EXPECT_EQ(pclose(p), 0) << parsed << run.second;
-    EXPECT_EQ(parsed, "1 1 Connected 20\n") << run.second;
+    std::string json = parsed_json(run.second);
+    for (const char *member : {R"(["state", "Connected"])", R"(["link", 1])", R"(["dials", 1])", R"(["signal", 20])"})
+        EXPECT_NE(json.find(member), std::string::npos) << json;
 }
 
 } // namespace

@@ -4,9 +4,6 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <fstream>
 
 namespace {
@@ -22,11 +19,6 @@ std::vector<std::string> fota_frames(client_conn &c, milliseconds timeout, size_
             break;
     }
     return out;
-}
-
-size_t power_offs(sim_board &board) {
-    std::vector<std::string> all = texts(board.lines());
-    return static_cast<size_t>(std::count(all.begin(), all.end(), "pwr0"));
 }
 
 // A file on the EC200T (one reboot, after the update) and a URL on the EC200S
@@ -57,7 +49,7 @@ TEST(FotaTest, TheModuleRebootsOffTheBusAndTheDaemonFollowsItBack) {
             if (!seen.empty() || e == "fota reboot")
                 seen.push_back(e.substr(0, e.find(' ', 8)));
         EXPECT_EQ(seen, file ? reboot : reboot + reboot);
-        EXPECT_EQ(power_offs(b.board), 0u);
+        EXPECT_EQ(count(texts(b.board.lines()), "pwr0"), 0u);
         std::optional<std::vector<modem_command>> got = b.emu.commands(from);
         ASSERT_TRUE(got && !got->empty());
         if (file) {
@@ -90,7 +82,7 @@ TEST(FotaSlowTest, TheEc20sLongerRebootAndAModuleThatNeverComesBack) {
         if (ec20)
             EXPECT_EQ(b.client->ask_settled(52), "52/0/861234567890123");
         else
-            EXPECT_TRUE(eventually([&] { return power_offs(b.board) == 1; }));
+            EXPECT_TRUE(eventually([&] { return count(texts(b.board.lines()), "pwr0") == 1; }));
     }
 }
 

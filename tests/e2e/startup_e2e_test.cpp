@@ -3,8 +3,6 @@
 
 #include "e2e/board.h"
 
-#include <gtest/gtest.h>
-
 #include <regex>
 
 namespace {

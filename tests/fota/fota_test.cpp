@@ -6,8 +6,6 @@
 #include "fota/fota.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <memory>
 #include <thread>

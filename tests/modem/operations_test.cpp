@@ -6,15 +6,11 @@
 #include "modem/modem.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <functional>
 #include <future>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -1,11 +1,6 @@
 #include "module/module.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 namespace {
 
 // A sysfs USB device tree as the kernel lays it out, with the module at 1-1

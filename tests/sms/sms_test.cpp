@@ -9,14 +9,11 @@
 #include "sms/send.h"
 #include "support/test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <optional>
-#include <string>
 #include <thread>
 
 namespace {

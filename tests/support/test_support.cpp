@@ -2,7 +2,6 @@
 
 #include "at/at.h"
 #include "client/client.h"
-#include "core/daemon_state.h"
 
 #include <cstdlib> // mkdtemp, posix_openpt
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -231,4 +231,28 @@ std::string read_file(const std::string &path) {
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+size_t open_descriptors(pid_t pid) {
+    std::error_code none; // no process: no descriptors
+    std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", none);
+    return static_cast<size_t>(std::distance(fds, std::filesystem::directory_iterator()));
+}
+
+std::pair<int, std::string> run_command(const std::string &command) {
+    std::string out;
+    FILE *p = popen((command + " 2>&1").c_str(), "r");
+    char buf[4096];
+    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;)
+        out.append(buf, n);
+    int status = p != nullptr ? pclose(p) : -1;
+    return {status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+std::string parsed_json(const std::string &json) {
+    temp_dir dir;
+    auto [status, out] = run_command("python3 -c 'import json,sys; print(json.dumps(list(json.load(sys.stdin).items())))' <" +
+                                     dir.write("status.json", json));
+    EXPECT_EQ(status, 0) << out;
+    return out;
 }

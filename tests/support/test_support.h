@@ -14,6 +14,7 @@
 
 #include <pthread.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 // A fresh daemon state and statistics for the life of the object.
@@ -45,6 +46,14 @@ private:
 };
 
 std::string read_file(const std::string &path);
+// The descriptors process `pid` holds open.
+size_t open_descriptors(pid_t pid);
+// The exit status of `command` run by the shell (-1: none) and what it printed
+// on its standard output and error.
+std::pair<int, std::string> run_command(const std::string &command);
+// What a real JSON parser makes of `json`: its members in order, as Python
+// writes them back, or the parser's complaint (and a failure).
+std::string parsed_json(const std::string &json);
 
 // Polls `cond` every `poll_ms` until it holds or `timeout_ms` passes.
 template <typename F> bool wait_until(F cond, long timeout_ms, long poll_ms = 1) {
