@@ -26,6 +26,8 @@ size_t icmp_build_echo(unsigned char *buf, size_t size, uint16_t ident, uint16_t
 int icmp_check_reply(const unsigned char *datagram, size_t len, uint16_t ident);
 // One echo request to `address` (dotted IPv4 or a host name) leaving through
 // `ifname` only: 0 when the reply came, -1 on any failure or a 3 s silence.
+// A host name's look-up is no cancellation point; a cancel asked during it
+// takes effect as it ends.
 int icmp_ping(const char *ifname, const char *address);
 // Probes ping_address1..6 in order, skipping empty ones, on `net_if_name`:
 // 0 at the first answer, -1 when none answered or nothing can be probed.
@@ -75,7 +77,10 @@ bool check_round(check_counters &c, const check_env &env);
 
 // Cancels and joins the check thread if one runs, and clears `check_tid`.
 // Whoever takes `check_tid` first joins it, so the supervisor and a firmware
-// update may both call this.
+// update may both call this. A host name's look-up is not cancelled, so the
+// stop may wait for it: with silent name servers, up to the resolver's own
+// time-outs (by its defaults 10 s for one server, 28 s for three, twice that
+// when a search domain adds a second name; resolv.conf's options shorten it).
 void check_thread_stop();
 
 // Thread entry; `arg` is the supervisor's const module_paths *. Returns only

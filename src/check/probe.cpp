@@ -11,6 +11,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -39,13 +40,26 @@ bool resolve(const char *address, sockaddr_in *dest) {
         dest->sin_addr.s_addr = a;
         return true;
     }
-    // Only the check thread resolves names, so the shared result is safe here.
-    hostent *host = gethostbyname(address);
-    if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr)
-        return false;
-    size_t n = static_cast<size_t>(host->h_length);
-    memcpy(&dest->sin_addr, host->h_addr_list[0], n < sizeof dest->sin_addr ? n : sizeof dest->sin_addr);
-    return true;
+    // The C library's resolver is not safe to cancel: a thread cancelled while
+    // it waits on a name server leaves the resolver's lock taken, and the next
+    // look-up of any thread then blocks where no cancel reaches it. So the
+    // look-up runs to its end (the resolver's own time-outs bound it), and a
+    // stop asked meanwhile takes effect right after.
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM; // any one type: one entry per address
+    int cancel_state;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+    addrinfo *found = nullptr;
+    int failed = getaddrinfo(address, nullptr, &hints, &found);
+    bool ok = failed == 0 && found->ai_family == AF_INET;
+    if (ok)
+        dest->sin_addr = reinterpret_cast<const sockaddr_in *>(found->ai_addr)->sin_addr;
+    if (failed == 0)
+        freeaddrinfo(found);
+    pthread_setcancelstate(cancel_state, nullptr);
+    pthread_testcancel();
+    return ok;
 }
 
 // Waits for the matching reply; every unrelated datagram starts a new 3 s wait.
@@ -115,10 +129,8 @@ int icmp_check_reply(const unsigned char *datagram, size_t len, uint16_t ident) 
 }
 
 int icmp_ping(const char *ifname, const char *address) {
-    protoent *proto = getprotobyname("icmp");
-    if (proto == nullptr)
-        return -1;
-    int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, proto->p_proto);
+    // The protocol number is fixed: a board without /etc/protocols probes too.
+    int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
     if (fd < 0)
         return -1;
     socket_hold hold(fd);

@@ -23,10 +23,11 @@ void log_vprintf_at(FILE *out, time_t now, const char *fmt, va_list ap) {
     format_alloc(&msg, fmt, ap);
     if (msg == nullptr)
         return;
-    struct tm *t = localtime(&now);
-    if (t != nullptr)
-        fprintf(out, "[%04d-%02d-%02d %02d:%02d:%02d] %s", t->tm_year + 1900, t->tm_mon + 1,
-                t->tm_mday, t->tm_hour, t->tm_min, t->tm_sec, msg);
+    // Every thread logs: localtime()'s one shared result would mix their stamps.
+    struct tm t;
+    if (localtime_r(&now, &t) != nullptr)
+        fprintf(out, "[%04d-%02d-%02d %02d:%02d:%02d] %s", t.tm_year + 1900, t.tm_mon + 1,
+                t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, msg);
     free(msg);
 }
 

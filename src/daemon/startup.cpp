@@ -33,6 +33,7 @@ void parse_command_line(int argc, char **argv) {
 pthread_attr_t *thread_attributes() { return &g_thread_attr; }
 
 int daemon_main(int argc, char **argv) {
+    setvbuf(stdout, nullptr, _IOLBF, 0); // a pipe or the journal gets each line as it is logged
     stats_start(monotonic_ms());
     daemon_state &s = state();
     parse_command_line(argc, argv);

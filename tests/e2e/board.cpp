@@ -116,6 +116,10 @@ bool sim_board::start(const std::vector<std::string> &command) {
         std::ofstream(path("board.conf"), std::ios::binary) << *config_.conf;
         a.insert(a.end(), {"--conf", path("board.conf")});
     }
+    for (const auto &[name, content] : config_.etc) {
+        std::ofstream(path("etc." + name), std::ios::binary) << content;
+        a.insert(a.end(), {"--etc", name, path("etc." + name)});
+    }
     for (const std::vector<std::string> &words : config_.spawn) {
         a.emplace_back("--spawn");
         a.insert(a.end(), words.begin(), words.end());

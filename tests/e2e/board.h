@@ -33,6 +33,7 @@ struct board_config {
     std::string fota_return;         // --fota-return: milliseconds or "never"; "": the board's
     int power_replug_ms = -1;        // --power-replug: a power cycle plugs the module back; -1: it does not
     std::vector<std::vector<std::string>> spawn; // idle processes, by command line
+    std::vector<std::pair<std::string, std::string>> etc; // more files in /etc: name, content
 };
 
 // One line of a board record: "modprobe option", "rst0", "plugged ec200t ...".

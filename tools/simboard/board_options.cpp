@@ -31,7 +31,7 @@ bool valid_name(const std::string &name) {
 
 const char *const BOARD_USAGE =
     "usage: zolvin_simboard --work DIR [--family ec20|ec200t|ec200s|none] [--tty NAME]\n"
-    "         [--ifname NAME] [--usb-upper] [--no-net-dir] [--conf FILE | --no-conf]\n"
+    "         [--ifname NAME] [--usb-upper] [--no-net-dir] [--conf FILE | --no-conf] [--etc NAME FILE]...\n"
     "         [--no-power-line] [--no-reset-line] [--modem emu|relay] [--power-replug MS]\n"
     "         [--unplugged] [--spawn ARGV0 [ARGS...] --]... -- COMMAND [ARGS...]\n";
 
@@ -94,6 +94,16 @@ bool parse_board_options(int argc, char **argv, board_options *out, std::string 
             if (v == nullptr)
                 return false;
             o.conf_path = v;
+        } else if (a == "--etc") {
+            const char *name = value("--etc");
+            const char *file = name != nullptr ? value("--etc") : nullptr;
+            if (file == nullptr)
+                return false;
+            if (!valid_name(name)) {
+                *error = "--etc needs a plain name";
+                return false;
+            }
+            o.etc_files.emplace_back(name, file);
         } else if (a == "--no-conf") {
             no_conf = true;
         } else if (a == "--no-power-line") {

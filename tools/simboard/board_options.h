@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 // How a module family enumerates on USB: its ids, which interfaces carry a
@@ -34,6 +35,8 @@ struct board_options {
     bool power_line = true;
     bool reset_line = true;
     std::string conf_path; // empty: no configuration file on the board
+    // More files in the board's /etc: the name there, the file whose content it gets.
+    std::vector<std::pair<std::string, std::string>> etc_files;
     bool relay_modem = false; // the AT port relayed to a socket instead of the emulator
     int power_replug_ms = -1; // >= 0: power "0" unplugs, power "1" plugs back after this delay
     // After a firmware update's reboot the module is back on the bus this

@@ -136,6 +136,13 @@ bool build_etc(const board_options &o, const std::string &conf, std::string *err
     } else if (unlink(CONFIG_FILE) != 0 && errno != ENOENT) {
         return set_error(error, CONFIG_FILE);
     }
+    // The work directory is not under /etc: the files still read as on the host.
+    // A rename replaces a link there too (resolv.conf often is one).
+    for (const auto &[name, file] : o.etc_files) {
+        std::string content;
+        if (!read_file(file, &content) || !write_file_atomic("/etc/" + name, content))
+            return set_error(error, "--etc " + name + " " + file);
+    }
     return true;
 }
 
