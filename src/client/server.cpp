@@ -263,18 +263,19 @@ void client_gone() {
     state().at_passthrough.store(0, std::memory_order_release);
 }
 
-// One read of the client is one request. With MSG_DONTWAIT, only what is
-// there already. False once the client has gone (end of file or an error).
-bool serve_client(int flags, bool *read_one) {
+enum class client_read { request, nothing, gone };
+
+// One read of the client is one request; gone: end of file or an error. With
+// MSG_DONTWAIT, only what is there already.
+client_read serve_client(int flags) {
     static uint8_t buf[REQUEST_MAX];
-    *read_one = false;
     ssize_t n = recv(g_client, buf, sizeof buf, flags);
     if (n > 0) {
-        *read_one = true;
         handle_request(buf, static_cast<size_t>(n), g_peer);
-        return true;
+        return client_read::request;
     }
-    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    bool nothing = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    return nothing ? client_read::nothing : client_read::gone;
 }
 
 // A new connection: the client if none is connected and it may be one, else
@@ -282,9 +283,9 @@ bool serve_client(int flags, bool *read_one) {
 void take_connection(int fresh) {
     // A client whose end of file waits to be read has gone: the newcomer is
     // its successor. What it sent before is served first.
-    bool read_one = true;
-    while (g_client >= 0 && read_one) {
-        if (!serve_client(MSG_DONTWAIT, &read_one))
+    client_read r = client_read::request;
+    while (g_client >= 0 && r == client_read::request) {
+        if ((r = serve_client(MSG_DONTWAIT)) == client_read::gone)
             client_gone();
     }
     if (g_client >= 0 || !client_admit(fresh, &g_peer)) {
@@ -327,8 +328,7 @@ void *interface_thread(void *) {
         pollfd fds[2] = {{g_client, POLLIN, 0}, {listening ? listener : -1, POLLIN, 0}};
         if (poll(fds, 2, listening ? -1 : poll_timeout(accept_again_ms)) < 0)
             continue; // interrupted
-        bool read_one = false;
-        if (fds[0].revents != 0 && !serve_client(0, &read_one))
+        if (fds[0].revents != 0 && serve_client(0) == client_read::gone)
             client_gone();
         if ((fds[1].revents & POLLIN) == 0)
             continue;
