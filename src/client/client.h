@@ -12,15 +12,18 @@
 // Thread entry of the server; returns only after a socket error.
 void *interface_thread(void *arg);
 
-// Answers one request read from the client (`len` bytes). Exposed for tests.
-void handle_request(const uint8_t *buf, size_t len);
+// Answers one request read from the connected client (`len` bytes), who is
+// `from`. Exposed for tests.
+void handle_request(const uint8_t *buf, size_t len, const client_peer &from);
 
 // The raw request a worker runs, with the number of bytes that were read:
-// fields are taken only from those bytes; and who sent it.
+// fields are taken only from those bytes; and who sent it: the client's
+// credentials and its generation (client_attach), to which the replies go.
 struct worker_request {
     size_t len;
     uint8_t bytes[REQUEST_MAX];
     client_peer peer;
+    uint32_t generation;
 };
 
 // Worker thread bodies, one per module family; the argument is a worker_request.
@@ -44,6 +47,6 @@ struct client_identity {
 bool client_allowed(const client_identity &peer, uid_t self, const gid_t *group);
 // A group name or number; false when empty or not a group.
 bool client_group_resolve(const char *text, gid_t *gid);
-// Reads the peer's credentials from a connected socket and decides; a refusal
-// is logged with debug.
-bool client_admit(int fd);
+// Reads the peer's credentials from a connected socket into `peer` and
+// decides; a refusal is logged with debug.
+bool client_admit(int fd, client_peer *peer);

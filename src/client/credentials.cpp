@@ -50,21 +50,21 @@ bool client_group_resolve(const char *text, gid_t *gid) {
     return true;
 }
 
-bool client_admit(int fd) {
+bool client_admit(int fd, client_peer *out) {
     ucred cred{};
     socklen_t len = sizeof cred;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
         log_printf("Client refused: no credentials\n");
         return false;
     }
-    client_identity peer{cred.uid, cred.gid, nullptr, 0};
-    static gid_t groups[CLIENT_GROUPS_MAX];
+    out->uid = cred.uid;
+    out->gid = cred.gid;
+    out->group_count = 0;
     // A process in more groups than this is judged by its primary group alone.
-    socklen_t groups_len = sizeof groups;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups, &groups_len) == 0) {
-        peer.groups = groups;
-        peer.group_count = groups_len / sizeof groups[0];
-    }
+    socklen_t groups_len = sizeof out->groups;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, out->groups, &groups_len) == 0)
+        out->group_count = groups_len / sizeof out->groups[0];
+    client_identity peer{out->uid, out->gid, out->groups, out->group_count};
     if (client_allowed(peer, geteuid(), nullptr))
         return true;
     const char *group_text = state().client_group;

@@ -6,9 +6,11 @@
 #include "core/stats.h"
 #include "core/text.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -176,6 +178,9 @@ void statistics(const request_frame &f) {
 struct local_code {
     uint16_t code;
     void (*handle)(const request_frame &f);
+    // A write ("1" in field 1) changes what the daemon runs as root: only a
+    // root client may make it.
+    bool root_writes = false;
 };
 
 const local_code LOCAL_CODES[] = {
@@ -188,10 +193,16 @@ const local_code LOCAL_CODES[] = {
     {522, check_switch},
     {523, ping_setting},
     {524, check_period},
-    {525, down_script_setting},
+    {525, down_script_setting, true},
 };
 
-void start_worker(const uint8_t *buf, size_t len, uint16_t code) {
+// A worker's replies go to the client that sent its request, or nowhere.
+template <void *(*entry)(void *)> void *bound_worker(void *request_copy) {
+    client_reply_bind(static_cast<const worker_request *>(request_copy)->generation);
+    return entry(request_copy);
+}
+
+void start_worker(const uint8_t *buf, size_t len, uint16_t code, const client_peer &from) {
     daemon_state &s = state();
     if (!module_ready()) {
         reply(code, STATUS_NOT_READY);
@@ -205,89 +216,128 @@ void start_worker(const uint8_t *buf, size_t len, uint16_t code) {
     g_request_copy.len = len < sizeof g_request_copy.bytes ? len : sizeof g_request_copy.bytes;
     memset(g_request_copy.bytes, 0, sizeof g_request_copy.bytes);
     memcpy(g_request_copy.bytes, buf, g_request_copy.len);
+    g_request_copy.peer = from;
+    g_request_copy.generation = s.client_generation.load(std::memory_order_acquire);
     int32_t type = s.module_type.load(std::memory_order_acquire);
-    void *(*worker)(void *) =
-        type == MODULE_EC200T || type == MODULE_EC200S ? request_worker_ec200 : request_worker_ec20;
+    void *(*worker)(void *) = type == MODULE_EC200T || type == MODULE_EC200S
+                                  ? bound_worker<request_worker_ec200>
+                                  : bound_worker<request_worker_ec20>;
     // Supervisor work may have taken the port since the test above.
     if (worker_start(worker, &g_request_copy) == worker_start_result::busy)
         reply(code, STATUS_BUSY);
 }
 
-void close_quietly(int fd) {
-    if (fd >= 0)
-        close(fd);
+// The listening socket, made once: while the daemon runs no other process
+// can take the name. -1 after a failure, which is reported.
+int open_listener() {
+    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener < 0) {
+        perror("cannot create communication socket");
+        return -1;
+    }
+    int on = 1;
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_un addr;
+    socklen_t addr_len = server_address(&addr);
+    if (bind(listener, reinterpret_cast<sockaddr *>(&addr), addr_len) != 0) {
+        perror("cannot bind server socket");
+        close(listener);
+        return -1;
+    }
+    if (listen(listener, 1) != 0) {
+        perror("cannot listen the client connect request");
+        close(listener);
+        return -1;
+    }
+    return listener;
 }
+
+// The connected client, the server thread's alone.
+int g_client = -1;
+client_peer g_peer;
+
+void client_gone() {
+    client_detach();
+    close(g_client);
+    g_client = -1;
+    state().at_passthrough.store(0, std::memory_order_release);
+}
+
+enum class client_read { request, nothing, gone };
+
+// One read of the client is one request; gone: end of file or an error. With
+// MSG_DONTWAIT, only what is there already.
+client_read serve_client(int flags) {
+    static uint8_t buf[REQUEST_MAX];
+    ssize_t n = recv(g_client, buf, sizeof buf, flags);
+    if (n > 0) {
+        handle_request(buf, static_cast<size_t>(n), g_peer);
+        return client_read::request;
+    }
+    bool nothing = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    return nothing ? client_read::nothing : client_read::gone;
+}
+
+// A new connection: the client if none is connected and it may be one, else
+// closed at once without a reply (a stranger learns nothing).
+void take_connection(int fresh) {
+    // A client whose end of file waits to be read has gone: the newcomer is
+    // its successor. What it sent before is served first.
+    client_read r = client_read::request;
+    while (g_client >= 0 && r == client_read::request) {
+        if ((r = serve_client(MSG_DONTWAIT)) == client_read::gone)
+            client_gone();
+    }
+    if (g_client >= 0 || !client_admit(fresh, &g_peer)) {
+        close(fresh);
+        return;
+    }
+    g_client = fresh;
+    client_attach(g_client);
+}
+
+constexpr int64_t ACCEPT_RETRY_MS = 1000;
 
 } // namespace
 
-void handle_request(const uint8_t *buf, size_t len) {
+void handle_request(const uint8_t *buf, size_t len, const client_peer &from) {
     request_frame f;
     if (request_parse(buf, len, &f) != 0)
         return; // not ours: no reply at all
     for (const local_code &c : LOCAL_CODES) {
-        if (c.code == f.code) {
+        if (c.code != f.code)
+            continue;
+        if (c.root_writes && switch_is(f, 0, '1') && from.uid != 0)
+            reply(f.code, STATUS_NOT_SERVED);
+        else
             c.handle(f);
-            return;
-        }
+        return;
     }
-    start_worker(buf, len, f.code);
+    start_worker(buf, len, f.code, from);
 }
 
 void *interface_thread(void *) {
     pthread_setname_np(pthread_self(), "zolvin_client");
-    daemon_state &s = state();
-    uint8_t buf[REQUEST_MAX];
+    int listener = open_listener();
+    if (listener < 0)
+        return nullptr;
+    int64_t accept_again_ms = 0; // after a failed accept, such as no descriptor left
     for (;;) {
-        int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (listener < 0) {
-            perror("cannot create communication socket");
-            return nullptr;
-        }
-        int on = 1;
-        setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        sockaddr_un addr;
-        socklen_t addr_len = server_address(&addr);
-        if (bind(listener, reinterpret_cast<sockaddr *>(&addr), addr_len) != 0) {
-            perror("cannot bind server socket");
-            close(listener);
-            return nullptr;
-        }
-        if (listen(listener, 1) != 0) {
-            perror("cannot listen the client connect request");
-            close(listener);
-            return nullptr;
-        }
-        sockaddr_un peer;
-        socklen_t peer_len = sizeof peer;
-        int client = accept4(listener, reinterpret_cast<sockaddr *>(&peer), &peer_len, SOCK_CLOEXEC);
-        if (client < 0) {
-            perror("cannot accept client connect request");
-            close(listener);
-            return nullptr;
-        }
-        // No listening socket while a client is connected: a second one is refused at once.
-        close_quietly(listener);
-        if (!client_admit(client)) {
-            close(client); // no reply: a stranger learns nothing
+        bool listening = monotonic_ms() >= accept_again_ms;
+        // poll() passes over a negative descriptor.
+        pollfd fds[2] = {{g_client, POLLIN, 0}, {listening ? listener : -1, POLLIN, 0}};
+        if (poll(fds, 2, listening ? -1 : poll_timeout(accept_again_ms)) < 0)
+            continue; // interrupted
+        if (fds[0].revents != 0 && serve_client(0) == client_read::gone)
+            client_gone();
+        if ((fds[1].revents & POLLIN) == 0)
             continue;
+        int fresh = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fresh >= 0) {
+            take_connection(fresh);
+        } else if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED) {
+            perror("cannot accept client connect request");
+            accept_again_ms = monotonic_ms() + ACCEPT_RETRY_MS;
         }
-        {
-            rw_hold change(&s.client_lock, rw_hold::write);
-            s.client_fd.store(client, std::memory_order_release);
-            s.client_connected.store(1, std::memory_order_release);
-        }
-        for (;;) {
-            ssize_t n = read(client, buf, sizeof buf);
-            if (n <= 0)
-                break;
-            handle_request(buf, static_cast<size_t>(n));
-        }
-        // No send is under way when the descriptor goes, nor starts after.
-        {
-            rw_hold change(&s.client_lock, rw_hold::write);
-            s.client_connected.store(0, std::memory_order_release);
-            close(client);
-        }
-        s.at_passthrough.store(0, std::memory_order_release);
     }
 }

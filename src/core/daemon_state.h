@@ -154,6 +154,8 @@ struct daemon_state {
     // descriptor that is being closed.
     std::atomic<int32_t> client_fd{0};
     std::atomic<uint8_t> client_connected{0};
+    // Which connection the client is (0: none); see client_attach.
+    std::atomic<uint32_t> client_generation{0};
     pthread_rwlock_t client_lock = PTHREAD_RWLOCK_INITIALIZER;
 
     // Module identity

@@ -29,6 +29,7 @@ enum : int {
     STATUS_PASSTHROUGH_OFF = 11,
     STATUS_BUSY = 12,
     STATUS_NOT_READY = 13,
+    STATUS_NOT_SERVED = 14, // not allowed to this client
     STATUS_UNKNOWN_CODE = 20,
 };
 

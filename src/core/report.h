@@ -12,6 +12,19 @@
 // not fit in the client's socket buffer is dropped (logged with `debug`).
 void client_report(int code, int status, const char *text);
 
+// The server's hand-over of the client. Attach makes an admitted connection
+// the client under a new generation (never 0) and returns it; after detach no
+// frame goes to the descriptor any more, so the server may close it.
+uint32_t client_attach(int fd);
+void client_detach();
+
+// Binds the calling thread's replies to the client of `generation`: a request
+// worker's, to the client that sent the request. Its frames below code 1000
+// reach that client only and are dropped once it has gone, so a successor
+// that got the same descriptor number never receives them; its events (1000
+// and above) go to whoever is connected, as every frame of an unbound thread does.
+void client_reply_bind(uint32_t generation);
+
 // Who a request came from: the connected client's credentials as the server
 // read them when it admitted the connection (SO_PEERCRED, SO_PEERGROUPS).
 constexpr size_t CLIENT_GROUPS_MAX = 256; // supplementary groups looked at

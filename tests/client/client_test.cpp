@@ -8,9 +8,12 @@
 #include "sms/send.h"
 #include "support/test_support.h"
 
+#include <thread>
+
 namespace {
 
 enum family : unsigned { EC200 = 1, EC20 = 2, BOTH = 3 };
+const client_peer ROOT{};
 
 class WorkerTest : public port_test {
 protected:
@@ -113,7 +116,7 @@ TEST(WorkerCancelTest, ARestartDuringAClientsDialLeavesThePortFree) {
     b.port.module().set_reply("AT+QIACT=1", modem_reply::standard().until_released());
     auto send = [](uint16_t code) {
         std::string raw = request_bytes(code);
-        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size());
+        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), ROOT);
     };
     send(370);
     ASSERT_TRUE(b.port.module().wait_for_command("AT+QIACT=1", 5000).has_value());
@@ -127,6 +130,36 @@ TEST(WorkerCancelTest, ARestartDuringAClientsDialLeavesThePortFree) {
     EXPECT_EQ(b.client.frames(1, 5000), "102 0 20|");
 }
 
+// A worker's reply belongs to the client that asked: one that has gone gets
+// it nowhere, least of all through its successor on the same descriptor
+// number. Events go to whoever is connected.
+TEST(ClientGenerationTest, AWorkersReplyNeverReachesTheNextClientOnTheSameNumber) {
+    emulated_bench b;
+    daemon_state &s = state();
+    s.module_restarting = 0;
+    s.phase = module_phase::idle;
+    s.module_type = MODULE_EC200T;
+    b.port.module().set_reply("AT+CSQ", modem_reply::standard().until_released().one_shot());
+    auto send = [](uint16_t code) {
+        std::string raw = request_bytes(code);
+        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), ROOT);
+    };
+    const uint32_t first = s.client_generation.load();
+    send(102);
+    ASSERT_TRUE(b.port.module().wait_for_command("AT+CSQ", 5000).has_value());
+    b.client.successor();
+    b.port.module().release();
+    ASSERT_TRUE(worker_wait_ended(monotonic_ms() + 5000));
+    std::thread([first] { // a thread of the first client's worker
+        client_reply_bind(first);
+        client_report(EVENT_CALL, 1, "10086");
+        client_report(102, STATUS_OK, "late");
+    }).join();
+    send(102);
+    EXPECT_EQ(b.client.frames(2, 5000), "1001 1 10086|102 0 20|");
+    EXPECT_EQ(b.client.frames(), "");
+}
+
 // Local codes are answered by handle_request itself, before it returns.
 class LocalCodeTest : public port_test {
 protected:
@@ -135,13 +168,14 @@ protected:
         state().phase = module_phase::idle;
     }
     void send(const std::string &raw) {
-        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size());
+        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), from);
     }
     // Every frame the request brought, as "code status text|".
     std::string ask(uint16_t code, const std::vector<std::string> &fields = {}) {
         send(request_bytes(code, fields));
         return client.frames();
     }
+    client_peer from; // root
 };
 
 // Not ready while the module starts, is reset or is away, and as soon as a
@@ -217,6 +251,17 @@ TEST_F(LocalCodeTest, SettingsReadAndWritten) {
         EXPECT_TRUE(r.app_cmd == nullptr || std::string(r.app_cmd) == state().app_cmd)
             << state().app_cmd;
     }
+}
+
+// The down script is a command run as root: only a root client sets it; any
+// client reads it, and the other settings stay open.
+TEST_F(LocalCodeTest, OnlyARootClientSetsTheDownScript) {
+    EXPECT_EQ(ask(525, {"1", "echo by root"}), "525 0 echo by root|");
+    from.uid = 1000;
+    EXPECT_EQ(ask(525, {"1", "touch /x"}), "525 14 |");
+    EXPECT_EQ(ask(525, {"1"}), "525 14 |");
+    EXPECT_EQ(ask(525, {"0"}), "525 0 echo by root|");
+    EXPECT_EQ(ask(524, {"1", "45"}), "524 0 45|");
 }
 
 TEST_F(LocalCodeTest, OneReadIsOneFrame) {

@@ -1,6 +1,7 @@
 #include "e2e/board.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -251,18 +252,39 @@ void sim_board::in_network(const std::function<void()> &fn) const {
     close(ns_fd);
 }
 
+namespace {
+// The calling thread takes the credentials of `as` (none: it stays as it is).
+// The raw calls change this thread alone (the C library's wrappers would
+// change every thread); in_network's thread ends with them.
+bool become(const client_user *as) {
+    return as == nullptr || (syscall(SYS_setgroups, as->groups.size(), as->groups.data()) == 0 &&
+                             syscall(SYS_setresgid, as->gid, as->gid, as->gid) == 0 &&
+                             syscall(SYS_setresuid, as->uid, as->uid, as->uid) == 0);
+}
+} // namespace
+
+int sim_board::bind_server_name(const client_user &as) {
+    int error = -1;
+    in_network([&] {
+        if (!become(&as))
+            return;
+        sockaddr_un addr;
+        socklen_t len = server_address(&addr);
+        int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        error = bind(s, reinterpret_cast<sockaddr *>(&addr), len) == 0 ? 0 : errno;
+        ::close(s);
+    });
+    return error;
+}
+
 int sim_board::connect_client(milliseconds timeout, const client_user *as) {
     // The board has its network namespace once it serves its control socket.
     wait_until([&] { return access(path("control.sock").c_str(), F_OK) == 0; }, timeout);
     int fd = -1;
     // For `as`, the thread takes that user's credentials: the daemon sees
-    // those of the connecting thread. The raw calls change this thread alone
-    // (the C library's wrappers would change every thread), and the thread
-    // ends with them.
+    // those of the connecting thread.
     in_network([&] {
-        if (as != nullptr && (syscall(SYS_setgroups, as->groups.size(), as->groups.data()) != 0 ||
-                              syscall(SYS_setresgid, as->gid, as->gid, as->gid) != 0 ||
-                              syscall(SYS_setresuid, as->uid, as->uid, as->uid) != 0))
+        if (!become(as))
             return;
         sockaddr_un addr;
         socklen_t len = server_address(&addr);

@@ -129,6 +129,9 @@ public:
     // or -1 when none could connect in time. With `as`, a thread of that
     // user and groups makes the connection, so the daemon sees those credentials.
     int connect_client(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
+    // Binds the daemon's socket name in the board's network namespace as
+    // `as`, and lets it go at once: 0 when the name was free, else the errno.
+    int bind_server_name(const client_user &as);
     // Runs `fn` on a thread of its own in the board's network namespace.
     void in_network(const std::function<void()> &fn) const;
     // The daemon's pid on the host, or -1.
@@ -180,10 +183,8 @@ private:
     std::vector<uint8_t> pending_;
 };
 
-// A client that has been answered (911). One that connects while the one
-// ahead of it still waits to be taken sits in the backlog and goes with the
-// listening socket the daemon closes on taking that one: it connects again,
-// as a real client does.
+// A client that has been answered (911). One that connects while another is
+// still served is closed at once: it connects again, as a real client does.
 std::unique_ptr<client_conn> served_client(sim_board &board);
 std::string show(const std::optional<reply_frame> &f);
 // Polls `ready` every 50 ms, as each poll may be a request to the daemon.

@@ -56,7 +56,7 @@ TEST(FaultClientTest, ThreeHundredClientsThatLeaveWithoutReadingLeaveNothingBehi
         return c.send(code);
     };
     // Measured with a client connected and answered: the daemon then holds
-    // that client and no listening socket.
+    // that client beside its listening socket.
     auto measure = [&](size_t *fds, long *rss) {
         std::unique_ptr<client_conn> c = served_client(b.board);
         EXPECT_EQ(c->ask_settled(102), "102/0/20");

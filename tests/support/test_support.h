@@ -77,11 +77,13 @@ std::string request_bytes(uint16_t code, const std::vector<std::string> &fields 
 // The connected client's side of the daemon's socket.
 class client_end {
 public:
-    client_end();  // connects state().client_fd / client_connected
+    client_end();  // attaches as the daemon's client (client_attach)
     ~client_end(); // disconnects them
     client_end(const client_end &) = delete;
     client_end &operator=(const client_end &) = delete;
 
+    // The client goes and a successor takes its place on the same descriptor number.
+    void successor();
     // Next frame within the deadline; false on time-out.
     bool next(reply_frame *out, long timeout_ms);
     // The frames sent so far, as "code status text|": a marker sent now

@@ -6,7 +6,13 @@
 #include "support/test_support.h"
 
 #include <cstring>
+#include <cstddef>
 #include <filesystem>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -91,6 +97,47 @@ TEST(CtlTest, RepliesEndTheRequestAndArePrintedOnOneLine) {
     EXPECT_EQ(ctl::format_frame(reply(402, 0, "a\r\nb\\c\x01"), plain, false), "402 ok(0) a\\r\\nb\\\\c\\x01");
     EXPECT_EQ(ctl::format_frame(reply(1031, 0, "say \"hi\"\xFF"), json, false),
               "{\"code\":1031,\"status\":0,\"status_name\":\"ok\",\"text\":\"say \\\"hi\\\"\\ufffd\"}");
+}
+
+// Anyone may bind the daemon's name while it is not running: the tool sends
+// nothing to a socket of another user than the daemon's.
+TEST(CtlTest, SendsNothingToASocketOfAnotherUserThanTheDaemons) {
+    const std::string name = "@zolvin_ctl_test." + std::to_string(getpid());
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path + 1, name.data() + 1, name.size() - 1);
+    const socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), len), 0);
+    ASSERT_EQ(listen(listener, 2), 0);
+    const std::string self = std::to_string(getuid());
+    ctl::options opts;
+    std::string error;
+    ASSERT_TRUE(ctl::parse_options({"--socket", name, "--server-uid", std::to_string(getuid() + 1), "version"},
+                                   &opts, &error)) << error;
+    std::ostringstream out, err;
+    EXPECT_EQ(ctl::run(opts, out, err), ctl::EXIT_UNTRUSTED);
+    EXPECT_NE(err.str().find("belongs to uid " + self + " "), std::string::npos) << err.str();
+    int squatter = accept(listener, nullptr, nullptr);
+    char byte;
+    EXPECT_EQ(recv(squatter, &byte, 1, 0), 0); // the tool left without a byte
+    close(squatter);
+
+    ASSERT_TRUE(ctl::parse_options({"--socket", name, "--server-uid", self, "version"}, &opts, &error)) << error;
+    std::thread daemon([&] {
+        int c = accept(listener, nullptr, nullptr);
+        char request[64];
+        uint8_t frame[REPLY_MAX];
+        if (recv(c, request, sizeof request, 0) > 0)
+            send(c, frame, reply_build(frame, 911, 0, "V"), MSG_NOSIGNAL);
+        close(c);
+    });
+    EXPECT_EQ(ctl::run(opts, out, err), ctl::EXIT_OK) << err.str();
+    daemon.join();
+    close(listener);
+    EXPECT_EQ(out.str(), "911 ok(0) V\n");
+    for (const char *bad : {"", "x", "-1", "4294967295", "12x"})
+        EXPECT_FALSE(ctl::parse_options({"--server-uid", bad, "version"}, &opts, &error)) << bad;
 }
 
 TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {

@@ -413,10 +413,28 @@ int connect_to(const std::string &name, std::string *error) {
         close(fd);
         *error = "cannot connect to " + name + ": " + strerror(e);
         if (e == ECONNREFUSED || e == ENOENT)
-            *error += " (is the daemon running? it serves one client at a time)";
+            *error += " (is the daemon running?)";
         return -1;
     }
     return fd;
+}
+
+// Any local process could have bound the name while the daemon was not
+// running: a request (an APN password) or an answer (a call, a message) is
+// only as trustworthy as the process on the other end.
+bool server_trusted(int fd, uid_t expected, std::string *error) {
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
+        *error = std::string("cannot read the server's credentials: ") + strerror(errno);
+        return false;
+    }
+    if (cred.uid == expected)
+        return true;
+    *error = "the socket belongs to uid " + std::to_string(cred.uid) + " (pid " + std::to_string(cred.pid) +
+             "), not to uid " + std::to_string(expected) +
+             ": not the daemon; nothing was sent (--server-uid UID names the daemon's user)";
+    return false;
 }
 
 bool send_all(int fd, const std::vector<uint8_t> &bytes) {
@@ -533,7 +551,9 @@ int session::failed_wait(wait_result w, const request *r) {
         err_ << "zolvin_4g_ctl: the daemon sent bytes that are not a reply frame" << std::endl;
         return EXIT_NO_ANSWER;
     default:
-        err_ << "zolvin_4g_ctl: the daemon closed the connection" << std::endl;
+        err_ << "zolvin_4g_ctl: the daemon closed the connection (it serves one client at a "
+                "time, and only root, its own user and the members of client_group)"
+             << std::endl;
         return EXIT_NO_ANSWER;
     }
 }
@@ -718,6 +738,7 @@ std::string status_name(uint16_t code, uint16_t status) {
     case STATUS_PASSTHROUGH_OFF: return "passthrough-off";
     case STATUS_BUSY: return "busy";
     case STATUS_NOT_READY: return "not-ready";
+    case STATUS_NOT_SERVED: return "not-allowed";
     case STATUS_UNKNOWN_CODE: return "unknown-code";
     default: return "status-" + std::to_string(status);
     }
@@ -1240,7 +1261,7 @@ bool parse_options(const std::vector<std::string> &a, options *out, std::string 
             out->events = true;
         } else if (o == "-h" || o == "--help") {
             out->help = true;
-        } else if (o == "--timeout" || o == "--socket") {
+        } else if (o == "--timeout" || o == "--socket" || o == "--server-uid") {
             if (i + 1 >= a.size()) {
                 *error = o + " needs a value";
                 return false;
@@ -1248,6 +1269,19 @@ bool parse_options(const std::vector<std::string> &a, options *out, std::string 
             const std::string &v = a[++i];
             if (o == "--socket") {
                 out->socket_name = v;
+                continue;
+            }
+            if (o == "--server-uid") {
+                char *end = nullptr;
+                errno = 0;
+                unsigned long uid = strtoul(v.c_str(), &end, 10);
+                // (uid_t)-1 is nobody's.
+                if (v.empty() || !isdigit(static_cast<unsigned char>(v[0])) || *end != '\0' || errno != 0 ||
+                    uid >= static_cast<uid_t>(-1)) {
+                    *error = "--server-uid takes a user number";
+                    return false;
+                }
+                out->server_uid = static_cast<uid_t>(uid);
                 continue;
             }
             char *end = nullptr;
@@ -1280,14 +1314,16 @@ bool parse_options(const std::vector<std::string> &a, options *out, std::string 
 
 std::string usage() {
     std::string u =
-        "usage: zolvin_4g_ctl [--json] [--events] [--timeout SECONDS] [--socket NAME] COMMAND [ARGS...]\n"
-        "       zolvin_4g_ctl [--json] [--socket NAME] listen [COMMAND [ARGS...]]\n"
+        "usage: zolvin_4g_ctl [--json] [--events] [--timeout SECONDS] [--socket NAME] [--server-uid UID]\n"
+        "                     COMMAND [ARGS...]\n"
+        "       zolvin_4g_ctl [--json] [--socket NAME] [--server-uid UID] listen [COMMAND [ARGS...]]\n"
         "\n"
         "Sends one request to the daemon and prints its reply as CODE STATUS-NAME(STATUS) TEXT,\n"
         "or a JSON object per line with --json. listen prints every frame as it arrives (after\n"
         "running COMMAND, if given) until SIGINT or SIGTERM.\n"
+        "The socket must belong to root (or to --server-uid UID), or nothing is sent.\n"
         "Exit status: 0 success, 1 failure status (1, 10 to 20), 2 usage, 3 no connection,\n"
-        "no reply in time, or the daemon went away.\n"
+        "no reply in time, or the daemon went away, 4 the socket belongs to another user.\n"
         "\n"
         "commands:\n";
     for (const command_spec &c : COMMANDS)
@@ -1314,6 +1350,11 @@ int run(const options &opts, std::ostream &out, std::ostream &err, int stop_fd) 
     if (fd < 0) {
         err << "zolvin_4g_ctl: " << error << std::endl;
         return EXIT_NO_ANSWER;
+    }
+    if (!server_trusted(fd, opts.server_uid, &error)) {
+        close(fd);
+        err << "zolvin_4g_ctl: " << error << std::endl;
+        return EXIT_UNTRUSTED;
     }
     session s(fd, opts, out, err, opts.listen ? stop_fd : -1);
     int status = EXIT_OK;

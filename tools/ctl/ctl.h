@@ -8,6 +8,7 @@
 #include "core/frames.h"
 
 #include <cstdint>
+#include <sys/types.h>
 #include <iosfwd>
 #include <map>
 #include <optional>
@@ -22,6 +23,7 @@ enum : int {
     EXIT_FAILED = 1,      // the daemon answered with a failure status (1, 10 .. 20)
     EXIT_USAGE = 2,       // the command line is wrong
     EXIT_NO_ANSWER = 3,   // no connection, no reply in time, or the daemon went away
+    EXIT_UNTRUSTED = 4,   // the socket reached belongs to another user than the daemon's
 };
 
 // How the replies to a request are recognised.
@@ -167,6 +169,9 @@ struct options {
     bool events = false;     // print unrelated frames met while waiting for a reply
     int timeout_ms = -1;     // -1: the command's own default
     std::string socket_name; // "@name" abstract, else a path; empty: the daemon's
+    // Whose socket the daemon's is (checked before anything is sent): root
+    // unless --server-uid names another user.
+    uid_t server_uid = 0;
     bool listen = false;
     bool tty = false;        // standard output is a terminal: progress as a bar
     bool help = false;
