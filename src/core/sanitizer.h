@@ -1,4 +1,4 @@
-// Builds with the address sanitizer: one test for GCC and Clang.
+// Builds with the address or thread sanitizer: one test for GCC and Clang.
 #pragma once
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -6,5 +6,13 @@
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define ZOLVIN_ASAN 1
+#endif
+#endif
+
+#if defined(__SANITIZE_THREAD__)
+#define ZOLVIN_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ZOLVIN_TSAN 1
 #endif
 #endif

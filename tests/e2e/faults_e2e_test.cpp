@@ -3,6 +3,7 @@
 // reading while the module floods it with events. (A module that leaves the
 // bus, a restart meanwhile included, is the presence and supervisor tests'.)
 
+#include "core/sanitizer.h"
 #include "e2e/board.h"
 
 #include <cstdlib>
@@ -82,7 +83,9 @@ TEST(FaultClientTest, ThreeHundredClientsThatLeaveWithoutReadingLeaveNothingBehi
     EXPECT_GT(fds_before, 3u);
     EXPECT_LE(fds_after, fds_before);
     ASSERT_GT(rss_before, 0);
+#ifndef ZOLVIN_TSAN // the thread sanitizer keeps its own records of every thread that ever ran
     EXPECT_LE(rss_after - rss_before, 256);
+#endif
 }
 
 TEST(FaultClientTest, AClientThatStopsReadingUnderAThousandEventsHoldsUpNeitherTheSupervisorNorTheNext) {
