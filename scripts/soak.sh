@@ -131,6 +131,7 @@ woken() { # previous snapshot, current snapshot: switches in between
 counts_file="$work/counts"
 sent=0; answered=0; refused=0; failed=0; events=0; resets=0
 by_departure=0 # failures of requests in flight at an unplug
+at_return=0    # failures after a departure's return, the daemon ready again, before its dial
 at_send=0      # answers "at send error!"
 restarts=0; short_departures=0; long_departures=0; faults=0
 save_counts() {
@@ -181,22 +182,25 @@ quiet_sample() {
 #   dep.unplug   "U0 U1": the unplug command's start and end (U1 "-" until done)
 #   dep.plug     the time the module was back on the bus
 #   dep.error    what the board refused
-#   departures   "U0 U1 OVER" of each departure that has ended
+#   departures   "U0 U1 PLUG OVER" of each departure that has ended
 dep_active=0
 departures=0
 
 # Where a failed request (its start and end, ms) stands to the departures:
 # "unplug" when it was in flight at an unplug (it began before the unplug
-# command was done and ended after it began), "away" when it fell in an
-# absence (from the unplug until the daemon had taken the module back), else
-# nothing.
+# command was done and ended after it began), "away" when the module was off
+# the bus during it, "return" when it fell between the plug and the end of
+# the departure, else nothing.
 departure_of() {
   { cat "$work/departures" 2>/dev/null || true
-    if [ "$dep_active" -eq 1 ] && [ -s "$work/dep.unplug" ]; then echo "$(cat "$work/dep.unplug") -"; fi; } |
+    if [ "$dep_active" -eq 1 ] && [ -s "$work/dep.unplug" ]; then
+      echo "$(cat "$work/dep.unplug") $(cat "$work/dep.plug" 2>/dev/null || echo -) -"
+    fi; } |
     awk -v s="$1" -v e="$2" '
-      { u0 = $1; u1 = ($2 == "-" ? 1e18 : $2); over = ($3 == "-" ? 1e18 : $3)
+      { u0 = $1; u1 = ($2 == "-" ? 1e18 : $2); plug = ($3 == "-" ? 1e18 : $3); over = ($4 == "-" ? 1e18 : $4)
         if (s < u1 && e >= u0) { print "unplug"; exit }
-        if (s < over && e >= u0) { print "away"; exit } }'
+        if (s < plug && e >= u0) { print "away"; exit }
+        if (s < over && e >= plug) { print "return"; exit } }'
 }
 
 # The module leaves the bus, short (2 to 10 s) or long (65 to 70 s, past the
@@ -253,7 +257,7 @@ leave_reset() { # short|long
   [ "$slow" -eq 0 ] || request sms send +8613912345678 "soak $sent, in flight"
 }
 departure_end() { # the time it ended
-  echo "$(cat "$work/dep.unplug") $1" >>"$work/departures"
+  echo "$(cat "$work/dep.unplug") $(cat "$work/dep.plug" 2>/dev/null || echo "$1") $1" >>"$work/departures"
   rm -f "$work/dep.unplug" "$work/dep.plug"
   wait "$leave_pid" 2>/dev/null || true
   leave_pid=""
@@ -304,8 +308,13 @@ modem() { "$boardctl_bin" "$work/modem.ctl" "$@" >>"$actions" 2>&1 || note "(the
 # One request ended (start and end in ms, verdict, its output, what was asked).
 # While the module is away, a request is refused with 13; one in flight at the
 # unplug may end with its own failure; any other failure then is a fault, and
-# so is "at send error!" at any time.
+# so is "at send error!" at any time. The module is away while it is off the
+# bus and, once it is back on the bus, for as long as 912 still answers 13:
+# after that the daemon serves the module again and dials, and a request may
+# fail as at any other time (a raw exchange waiting for the port ends with 11
+# when the dial's first exchange ends pass-through mode).
 tally() {
+  local state
   sent=$((sent + 1))
   case "$3" in
     answered) answered=$((answered + 1)) ;;
@@ -313,7 +322,20 @@ tally() {
     *) failed=$((failed + 1))
        case "$(departure_of "$1" "$2")" in
          unplug) by_departure=$((by_departure + 1)); note "FAILED, ended by the departure: $5" ;;
-         away) fault "failed while the module was away, not with status 13: $5: $(head -n 1 <<<"$4")" ;;
+         away) fault "failed while the module was off the bus, not with status 13: $5: $(head -n 1 <<<"$4")" ;;
+         return)
+           # Asked at once: the daemon does not go back to 13 without a new
+           # departure. 912 says busy (12) while a worker is ending: ready too.
+           for _ in 1 2 3; do
+             state=$(ctl_raw --timeout 5 state 2>&1) || true
+             grep -q '^912 ' <<<"$state" && break
+             sleep 0.2
+           done
+           if grep -Eq '^912 (ok\(0\)|busy\(12\))' <<<"$state"; then
+             at_return=$((at_return + 1)); note "FAILED after the module's return (912: $state): $5"
+           else
+             fault "failed while the daemon still had the module away (912 after it: $state), not with status 13: $5: $(head -n 1 <<<"$4")"
+           fi ;;
          *) note "FAILED: $5" ;;
        esac
        echo "$4" | sed 's/^/      /' >>"$actions" ;;
@@ -515,7 +537,7 @@ say "$(awk '{if (NR == 1 || $2 < fmin) fmin = $2; if ($2 > fmax) fmax = $2;
               if (NR == 1 || $3 < rmin) rmin = $3; if ($3 > rmax) rmax = $3; h = $4}
              END {printf "descriptors min %d max %d; VmRSS min %d max %d kB; VmHWM %d kB", fmin, fmax, rmin, rmax, h}' "$work/samples")"
 say "first vs last (the link up, no client): descriptors $first_fds -> $last_fds, VmRSS $first_rss -> $last_rss kB"
-say "requests sent $sent, answered $answered, refused $refused, failed $failed ($by_departure ended by a departure); \"at send error!\" $at_send; events $events"
+say "requests sent $sent, answered $answered, refused $refused, failed $failed ($by_departure ended by a departure, $at_return after a return, the daemon ready again); \"at send error!\" $at_send; events $events"
 say "resets $resets: restarts $restarts, departures $departures ($short_departures short, $long_departures long); power cycles $cycles"
 say "daemon: $stats"
 if [ "$faults" -eq 0 ]; then
