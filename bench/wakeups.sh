@@ -3,7 +3,10 @@
 # auto_dial=1, the link check on with its default 600 s period and the board's
 # far end as its target), waits for the data call, then counts every thread's context
 # switches over a window with the link up and nothing happening, and again with
-# the module unplugged; in between, the daemon's resident memory (VmRSS, its
+# the module gone from the bus (unplugged: the daemon looks for it once a
+# second; the window starts once it has noticed, 913 counting the departure,
+# and ends inside its 60 s search, before any power cycle); in between, the
+# daemon's resident memory (VmRSS, its
 # anonymous and file-backed parts, the proportional set size that shares the
 # libraries' pages among their users) and its largest mappings. Run by hand as
 # root, not in CI.
@@ -30,12 +33,15 @@ while [ $# -gt 0 ]; do
     *) echo "wakeups.sh: unknown argument '$1'" >&2; exit 2 ;;
   esac
 done
+case "$seconds" in ''|*[!0-9]*|0) echo "wakeups.sh: --seconds needs a whole number above 0" >&2; exit 2 ;; esac
+# The second window must end inside the daemon's 60 s search for the module.
+[ "$seconds" -le 50 ] || { echo "wakeups.sh: --seconds is at most 50" >&2; exit 2; }
 [ "$(id -u)" -eq 0 ] || { echo "wakeups.sh: the simulated board needs root" >&2; exit 1; }
 
 if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
-cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl -j 2 >/dev/null
+cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl zolvin_4g_ctl -j 2 >/dev/null
 daemon_bin="${daemon_bin:-$build/zolvin_4g}"
 run=("$daemon_bin")
 if [ -n "$arch" ]; then
@@ -123,6 +129,16 @@ else
   echo "   largest resident mappings of the daemon's range (KiB):"
   printf '%s' "$largest" | sort -n -r | head -n 8 | sed 's/^/   /'
 fi
+# The daemon's command socket lives in the board's network namespace.
+ctl() { nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" "$@" 2>&1; }
 echo "== board: $("$build/tools/simboard/zolvin_boardctl" "$work/control.sock" unplug)"
-sleep 1
-measure "module unplugged"
+until=$(( $(date +%s) + 5 ))
+until [[ "$(ctl stats || true)" == *" lost=1 "* ]]; do
+  [ "$(date +%s)" -lt "$until" ] || { echo "wakeups.sh: 913 did not count the departure within 5 s" >&2; exit 1; }
+  sleep 0.1
+done
+echo "== the daemon noticed: $(ctl state || true)"
+sleep 1 # the last request's tail stays out of the window
+measure "module gone from the bus"
+# Still searching: no power cycle began, the module's requests are refused.
+echo "== after the window: $(ctl state || true); power cycles: $(grep -c ' pwr 0' "$work/lines.log" || true)"
