@@ -258,7 +258,9 @@ int set_sms_call_defaults() {
 int voice_dial(const char *number) {
     daemon_state &s = state();
     char line[50];
-    if (strlen(number) > 43) {
+    // The number stands bare after "ATD": a quote, a control byte or a ';'
+    // would let it carry commands of its own.
+    if (strlen(number) > 43 || !at_bare_text_ok(number)) {
         client_report(304, STATUS_BAD_PARAM, nullptr);
         return -1;
     }

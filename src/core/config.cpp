@@ -13,6 +13,7 @@ namespace {
 struct text_key {
     const char *key;
     char *(*field)(daemon_state &);
+    bool at_text = false; // also goes into AT command lines
 };
 
 char *field_app_name(daemon_state &s) { return s.app_name; }
@@ -29,8 +30,8 @@ char *field_down_script(daemon_state &s) { return s.down_script; }
 char *field_client_group(daemon_state &s) { return s.client_group; }
 
 const text_key TEXT_KEYS[] = {
-    {"app_name", field_app_name},           {"apn_name", field_apn_name},
-    {"apn_user", field_apn_user},           {"apn_passwd", field_apn_passwd},
+    {"app_name", field_app_name},           {"apn_name", field_apn_name, true},
+    {"apn_user", field_apn_user, true},     {"apn_passwd", field_apn_passwd, true},
     {"ping_address1", field_ping1},         {"ping_address2", field_ping2},
     {"ping_address3", field_ping3},         {"ping_address4", field_ping4},
     {"ping_address5", field_ping5},         {"ping_address6", field_ping6},
@@ -56,6 +57,11 @@ int config_apply(const char *key, const char *value) {
     }
     for (const text_key &k : TEXT_KEYS) {
         if (strcmp(key, k.key) == 0) {
+            if (k.at_text && !at_text_ok(value)) {
+                // The module's APN command would carry it: the value so far stays.
+                printf("%s: value with '\"' or a control character ignored\n", key);
+                return 0;
+            }
             char *field = k.field(s);
             text_copy(field, TEXT_FIELD_SIZE, value, CONFIG_VALUE_MAX);
             pause_if_debug();

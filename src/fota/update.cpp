@@ -289,7 +289,9 @@ int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_dela
     const int32_t type = s.module_type.load(std::memory_order_acquire);
     const fota_variant &v = variant_of(type);
     const bool file_mode = mode == 0;
-    if (chunk_size < 1 || chunk_delay_us < 0 || (file_mode && !v.takes_file)) {
+    // A URL goes into the command line.
+    if (chunk_size < 1 || chunk_delay_us < 0 || (file_mode && !v.takes_file) ||
+        (!file_mode && !at_text_ok(source))) {
         client_report(FOTA_CODE, STATUS_BAD_PARAM, nullptr);
         return -1;
     }
