@@ -1,14 +1,18 @@
 // The configuration file read from memory through the same parse as the file
 // on disk, then the external program's command built from what it set. Every
-// text setting and the command must stay terminated within their fields.
+// text setting and the command must stay terminated within their fields, the
+// APN texts fit for an AT command line, and the words run be those the
+// command shows.
 #include "core/config.h"
 #include "core/daemon_state.h"
+#include "core/text.h"
 
 #include "fuzz_support.h"
 
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
+#include <string>
 #include <vector>
 
 namespace {
@@ -65,5 +69,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(s.apn_auth.load() <= 3);
     // The command names the program whenever it is run at all.
     check(s.app_cmd[0] == '\0' || strncmp(s.app_cmd, s.app_name, strlen(s.app_name)) == 0);
+    for (const char *apn : {s.apn_name, s.apn_user, s.apn_passwd})
+        check(at_text_ok(apn));
+    app_command c;
+    std::string shown;
+    if (app_command_get(&c)) {
+        for (int i = 0; i < c.count; ++i)
+            shown += (i == 0 ? "" : " ") + std::string(c.words[i]);
+        shown += c.background ? " &" : "";
+    }
+    check(shown == s.app_cmd);
     return 0;
 }

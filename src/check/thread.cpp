@@ -67,11 +67,7 @@ int reassert_ec20() {
     });
 }
 
-void start_app() {
-    char cmd[CMD_FIELD_SIZE];
-    setting_read(cmd, sizeof cmd, state().app_cmd);
-    run_shell(cmd);
-}
+void start_app() { app_start(); }
 
 // Step 6 for the EC20 family with an external program: false to give up.
 bool keep_app_running(check_counters &c, const check_env &env) {

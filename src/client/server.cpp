@@ -96,6 +96,8 @@ void slot_setting(const request_frame &f, const text_slot *slots, int slot_count
         reply(f.code, STATUS_OK, text);
         return;
     }
+    if (is_apn && write && f.field_count >= 3 && !at_text_ok(f.fields[2]))
+        return reply(f.code, STATUS_BAD_PARAM); // the APN texts go into AT command lines
     char *field = slots[slot - 1].field;
     settings_edit([&] {
         if (write) {

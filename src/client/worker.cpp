@@ -94,14 +94,14 @@ int64_t integer_field(const char *field) {
     return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : v;
 }
 
-void firmware_update(const request_frame &f, uint8_t family) {
+void firmware_update(const request_frame &f, uint8_t family, const client_peer &peer) {
     const int mode = digit(f);
     if (family == FAMILY_EC20) {
         // The EC20 family fetches its image itself; it takes no file.
         if (mode == 0)
             client_report(f.code, STATUS_BAD_PARAM, nullptr);
         else
-            fota_update(mode, f.fields[1], FOTA_CHUNK_EC200T, FOTA_PAUSE_US);
+            fota_update(mode, f.fields[1], FOTA_CHUNK_EC200T, FOTA_PAUSE_US, peer);
         return;
     }
     int chunk = state().module_type.load(std::memory_order_acquire) == MODULE_EC200S
@@ -112,7 +112,7 @@ void firmware_update(const request_frame &f, uint8_t family) {
         chunk = static_cast<int>(integer_field(f.fields[2]));
         pause_us = integer_field(f.fields[3]) * 1000;
     }
-    fota_update(mode, f.fields[1], chunk, pause_us);
+    fota_update(mode, f.fields[1], chunk, pause_us, peer);
 }
 
 struct worker_code {
@@ -120,6 +120,8 @@ struct worker_code {
     uint8_t families;
     int min_fields; // fewer answer status 10
     void (*run)(const request_frame &f, uint8_t family);
+    // Instead of run, for a code that acts for the client as who it is.
+    void (*run_as)(const request_frame &f, uint8_t family, const client_peer &peer) = nullptr;
 };
 
 // What each code runs. Operations send their own replies.
@@ -165,7 +167,7 @@ const worker_code WORKER_CODES[] = {
     {451, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { location_config(f); }},
     {452, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_qlbs(); }},
     {551, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_usbifc(digit(f), 1); }},
-    {561, FAMILY_BOTH, 2, firmware_update},
+    {561, FAMILY_BOTH, 2, nullptr, firmware_update},
 };
 
 #ifdef ZOLVIN_ASAN
@@ -209,6 +211,8 @@ void run_request(const worker_request &raw, uint8_t family) {
             continue;
         if (f.field_count < c.min_fields)
             client_report(f.code, STATUS_BAD_PARAM, nullptr);
+        else if (c.run_as != nullptr)
+            c.run_as(f, family, raw.peer);
         else
             c.run(f, family);
         return;
@@ -258,7 +262,9 @@ int set_sms_call_defaults() {
 int voice_dial(const char *number) {
     daemon_state &s = state();
     char line[50];
-    if (strlen(number) > 43) {
+    // The number stands bare after "ATD": a quote, a control byte or a ';'
+    // would let it carry commands of its own.
+    if (strlen(number) > 43 || !at_bare_text_ok(number)) {
         client_report(304, STATUS_BAD_PARAM, nullptr);
         return -1;
     }

@@ -13,6 +13,7 @@ namespace {
 struct text_key {
     const char *key;
     char *(*field)(daemon_state &);
+    bool at_text = false; // also goes into AT command lines
 };
 
 char *field_app_name(daemon_state &s) { return s.app_name; }
@@ -29,8 +30,8 @@ char *field_down_script(daemon_state &s) { return s.down_script; }
 char *field_client_group(daemon_state &s) { return s.client_group; }
 
 const text_key TEXT_KEYS[] = {
-    {"app_name", field_app_name},           {"apn_name", field_apn_name},
-    {"apn_user", field_apn_user},           {"apn_passwd", field_apn_passwd},
+    {"app_name", field_app_name},           {"apn_name", field_apn_name, true},
+    {"apn_user", field_apn_user, true},     {"apn_passwd", field_apn_passwd, true},
     {"ping_address1", field_ping1},         {"ping_address2", field_ping2},
     {"ping_address3", field_ping3},         {"ping_address4", field_ping4},
     {"ping_address5", field_ping5},         {"ping_address6", field_ping6},
@@ -41,6 +42,32 @@ const text_key TEXT_KEYS[] = {
 void pause_if_debug() {
     if (state().debug.load(std::memory_order_acquire))
         sleep_for(0, 1000);
+}
+
+// The words of the external program's command. Without a program there are
+// none; without an APN the program alone runs in the foreground. A password
+// without a user is not passed, nor a user without a password's auth.
+void app_words(const daemon_state &s, app_command *c) {
+    c->count = 0;
+    c->background = false;
+    if (s.app_name[0] == '\0')
+        return;
+    auto add = [c](const char *word) { text_set(c->words[c->count++], word); };
+    add(s.app_name);
+    if (s.apn_name[0] == '\0')
+        return;
+    c->background = true;
+    add("-s");
+    add(s.apn_name);
+    if (s.apn_user[0] == '\0')
+        return;
+    add(s.apn_user);
+    if (s.apn_passwd[0] == '\0')
+        return;
+    add(s.apn_passwd);
+    const char auth[2] = {static_cast<char>('0' + s.apn_auth.load(std::memory_order_acquire) % 10u),
+                          '\0'};
+    add(auth);
 }
 
 } // namespace
@@ -56,6 +83,11 @@ int config_apply(const char *key, const char *value) {
     }
     for (const text_key &k : TEXT_KEYS) {
         if (strcmp(key, k.key) == 0) {
+            if (k.at_text && !at_text_ok(value)) {
+                // The module's APN command would carry it: the value so far stays.
+                printf("%s: value with '\"' or a control character ignored\n", key);
+                return 0;
+            }
             char *field = k.field(s);
             text_copy(field, TEXT_FIELD_SIZE, value, CONFIG_VALUE_MAX);
             pause_if_debug();
@@ -123,20 +155,16 @@ void config_parse(FILE *f) {
 
 void app_cmd_build() {
     daemon_state &s = state();
-    char cmd[256];
+    app_command c;
+    app_words(s, &c);
+    char cmd[APP_WORDS_MAX * sizeof c.words[0] + 8] = "";
     int n = 0;
-    if (s.app_name[0] == '\0' || s.apn_name[0] == '\0') {
-        n = snprintf(cmd, sizeof cmd, "%s", s.app_name);
-    } else if (s.apn_user[0] == '\0') {
-        n = snprintf(cmd, sizeof cmd, "%s -s %s &", s.app_name, s.apn_name);
-    } else if (s.apn_passwd[0] == '\0') {
-        // A password without a user is not passed, nor a user without a password's auth.
-        n = snprintf(cmd, sizeof cmd, "%s -s %s %s &", s.app_name, s.apn_name, s.apn_user);
-    } else {
-        n = snprintf(cmd, sizeof cmd, "%s -s %s %s %s %u &", s.app_name, s.apn_name, s.apn_user,
-                     s.apn_passwd, s.apn_auth.load(std::memory_order_acquire) % 10u);
-    }
-    if (n < 0 || n >= CMD_FIELD_SIZE) {
+    for (int i = 0; i < c.count; ++i)
+        n += snprintf(cmd + n, sizeof cmd - static_cast<size_t>(n), i == 0 ? "%s" : " %s",
+                      c.words[i]);
+    if (c.background)
+        n += snprintf(cmd + n, sizeof cmd - static_cast<size_t>(n), " &");
+    if (n >= CMD_FIELD_SIZE) {
         // Never run a cut command line: the program would get a wrong APN or password.
         memset(s.app_cmd, 0, sizeof s.app_cmd);
         printf("app_cmd too long (%d characters, at most %d): external program not started\n", n,
@@ -144,6 +172,18 @@ void app_cmd_build() {
         return;
     }
     text_set(s.app_cmd, cmd);
+}
+
+bool app_command_get(app_command *out) {
+    daemon_state &s = state();
+    settings_edit([&] {
+        // An empty app_cmd with a program named is one refused as too long.
+        if (s.app_cmd[0] == '\0')
+            out->count = 0;
+        else
+            app_words(s, out);
+    });
+    return out->count > 0;
 }
 
 void settings_lock_take() { pthread_mutex_lock(&state().settings_lock); }

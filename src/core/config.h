@@ -17,6 +17,19 @@ int config_apply(const char *key, const char *value);
 // Fills `app_cmd` from app_name, apn_name, apn_user, apn_passwd and apn_auth.
 void app_cmd_build();
 
+// The external program's command as it is run: the words of app_cmd, each
+// one argument whatever it holds, and whether app_cmd puts it in the
+// background (" &"). app_cmd itself is for the log; no shell reads it.
+constexpr int APP_WORDS_MAX = 6; // program, "-s", APN, user, password, authentication
+struct app_command {
+    char words[APP_WORDS_MAX][52];
+    int count;
+    bool background;
+};
+// The command for the settings of now; false when none is to be run (no
+// app_name, or an app_cmd refused as too long).
+bool app_command_get(app_command *out);
+
 // Run-time changes by clients meet readers on other threads: the texts of the
 // data call, the ping addresses and the down script are written inside
 // settings_edit() and read through these copies.

@@ -1,19 +1,23 @@
 #include "core/shell.h"
 
+#include "core/config.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
+#include "core/text.h"
 #include "core/wait.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,8 +29,9 @@
 
 namespace {
 
-// One command on its way. The shell leads its process group, so its pid is
-// the group's id: it is reaped only after any kill of the group, so that the
+// One command on its way. The shell (or the program, or the middle process
+// of a background one; "the shell" below) leads its process group, so its pid
+// is the group's id: it is reaped only after any kill of the group, so that the
 // id cannot have passed to someone else by then.
 struct shell_run {
     pid_t pid = -1;      // the shell; -1 once reaped
@@ -36,31 +41,70 @@ struct shell_run {
     pthread_t waiter_tid{};
 };
 
-bool spawn_shell(const char *cmd, pid_t *pid) {
+// What is run: the shell with a command, or a program with its arguments.
+struct launch {
+    const char *path;   // as execve takes it
+    char *const *argv;  // ended by nullptr
+    bool background;    // started by a middle process that ends at once
+    const char *label;  // for the log
+};
+
+// What system() gives its shell: no blocked signals, default handling of the
+// ones the daemon may have set aside.
+const int DEFAULT_SIGNALS[] = {SIGCHLD, SIGINT, SIGQUIT};
+
+bool spawn_direct(const launch &l, pid_t *pid) {
     posix_spawnattr_t attr;
     if (posix_spawnattr_init(&attr) != 0)
         return false;
-    // What system() gives its shell: no blocked signals, default handling of
-    // the ones the daemon may have set aside.
     sigset_t none;
     sigset_t defaults;
     sigemptyset(&none);
     sigemptyset(&defaults);
-    sigaddset(&defaults, SIGCHLD);
-    sigaddset(&defaults, SIGINT);
-    sigaddset(&defaults, SIGQUIT);
+    for (int sig : DEFAULT_SIGNALS)
+        sigaddset(&defaults, sig);
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setpgroup(&attr, 0);
     posix_spawnattr_setflags(
         &attr, static_cast<short>(POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK |
                                   POSIX_SPAWN_SETSIGDEF));
-    char sh[] = "sh";
-    char dash_c[] = "-c";
-    char *argv[] = {sh, dash_c, const_cast<char *>(cmd), nullptr};
-    int err = posix_spawn(pid, "/bin/sh", nullptr, &attr, argv, environ);
+    int err = posix_spawn(pid, l.path, nullptr, &attr, l.argv, environ);
     posix_spawnattr_destroy(&attr);
     return err == 0;
+}
+
+// A shell's background job outlives the shell and is no child of the
+// daemon's, so nothing here has to reap it later. The same without a shell:
+// a middle process, in a group of its own with the signals set as above,
+// starts the program and ends at once. Between fork and exec only calls that
+// are safe in the child of a threaded process.
+bool spawn_background(const launch &l, pid_t *pid) {
+    struct sigaction dfl;
+    memset(&dfl, 0, sizeof dfl);
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigset_t none;
+    sigemptyset(&none);
+    pid_t middle = fork();
+    if (middle < 0)
+        return false;
+    if (middle == 0) {
+        setpgid(0, 0);
+        for (int sig : DEFAULT_SIGNALS)
+            sigaction(sig, &dfl, nullptr);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        pid_t program = fork();
+        if (program == 0) {
+            execve(l.path, l.argv, environ);
+            _exit(127);
+        }
+        _exit(program < 0 ? 127 : 0);
+    }
+    // Also here, so that the group exists before any kill of it.
+    setpgid(middle, middle);
+    *pid = middle;
+    return true;
 }
 
 // Whether the shell has not ended yet; it stays unreaped either way.
@@ -182,23 +226,41 @@ bool has_entry(const char *dir_path, const char *name) {
     closedir(dir);
     return found;
 }
-} // namespace
 
-void daemon_exit(int status) {
-    fflush(stdout);
-    fflush(stderr);
-    _exit(status);
+// Where execve finds `name`: itself when it holds a '/', else the first
+// executable file of that name along PATH, as a shell would look.
+bool find_program(const char *name, char *path, size_t size) {
+    if (name[0] == '\0')
+        return false;
+    if (strchr(name, '/') != nullptr)
+        return text_copy(path, size, name, size - 1) == strlen(name);
+    const char *dirs = getenv("PATH");
+    if (dirs == nullptr)
+        dirs = "/bin:/usr/bin";
+    for (;;) {
+        const char *end = strchr(dirs, ':');
+        size_t len = end != nullptr ? static_cast<size_t>(end - dirs) : strlen(dirs);
+        // An empty entry is the working directory.
+        int n = len == 0 ? snprintf(path, size, "%s", name)
+                         : snprintf(path, size, "%.*s/%s", static_cast<int>(len), dirs, name);
+        struct stat st;
+        if (n > 0 && static_cast<size_t>(n) < size && stat(path, &st) == 0 &&
+            S_ISREG(st.st_mode) && access(path, X_OK) == 0)
+            return true;
+        if (end == nullptr)
+            return false;
+        dirs = end + 1;
+    }
 }
 
-shell_outcome run_shell_limited(const char *cmd, int limit_ms, shell_waiter waiter) {
+shell_outcome run_limited(const launch &l, int limit_ms, shell_waiter waiter) {
     shell_outcome out = {shell_result::failed, 0};
-    if (cmd == nullptr)
-        return out;
     // Cancellation is taken only in the wait, where abandon_run knows what to undo.
     int cancel_state = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     shell_run run;
-    if (!spawn_shell(cmd, &run.pid)) {
+    const char *cmd = l.label;
+    if (!(l.background ? spawn_background(l, &run.pid) : spawn_direct(l, &run.pid))) {
         log_printf("Command not started: %s\n", cmd);
     } else if (!watch(&run, waiter)) {
         // Unwatched, the command could outlive any limit.
@@ -224,8 +286,46 @@ shell_outcome run_shell_limited(const char *cmd, int limit_ms, shell_waiter wait
     pthread_setcancelstate(cancel_state, nullptr);
     return out;
 }
+} // namespace
+
+void daemon_exit(int status) {
+    fflush(stdout);
+    fflush(stderr);
+    _exit(status);
+}
+
+shell_outcome run_shell_limited(const char *cmd, int limit_ms, shell_waiter waiter) {
+    if (cmd == nullptr)
+        return {shell_result::failed, 0};
+    char sh[] = "sh";
+    char dash_c[] = "-c";
+    char *argv[] = {sh, dash_c, const_cast<char *>(cmd), nullptr};
+    return run_limited({"/bin/sh", argv, false, cmd}, limit_ms, waiter);
+}
 
 void run_shell(const char *cmd) { run_shell_limited(cmd, SHELL_LIMIT_MS); }
+
+shell_outcome run_program_limited(const char *const argv[], run_mode mode, int limit_ms,
+                                  shell_waiter waiter) {
+    char path[256];
+    if (argv == nullptr || argv[0] == nullptr || !find_program(argv[0], path, sizeof path)) {
+        log_printf("Command not found: %s\n", argv != nullptr && argv[0] != nullptr ? argv[0] : "");
+        return {shell_result::failed, 0};
+    }
+    // Only the program's name is logged: its arguments may hold a password.
+    return run_limited({path, const_cast<char *const *>(argv), mode == run_mode::background, argv[0]},
+                       limit_ms, waiter);
+}
+
+void app_start() {
+    app_command c;
+    if (!app_command_get(&c))
+        return;
+    const char *argv[APP_WORDS_MAX + 1] = {};
+    for (int i = 0; i < c.count; ++i)
+        argv[i] = c.words[i];
+    run_program_limited(argv, c.background ? run_mode::background : run_mode::wait, SHELL_LIMIT_MS);
+}
 
 int app_running_in(const char *proc_dir, const char *name) {
     DIR *proc = opendir(proc_dir);

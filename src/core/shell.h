@@ -37,6 +37,24 @@ shell_outcome run_shell_limited(const char *cmd, int limit_ms,
 // SHELL_LIMIT_MS.
 void run_shell(const char *cmd);
 
+// How a program started without a shell lives: awaited as a shell command
+// is, or left in the background as a shell's "&" job is.
+enum class run_mode { wait, background };
+
+// Runs the program argv[0], found through PATH when it holds no '/', with the
+// arguments `argv` (ended by nullptr) and no shell between: each argument
+// reaches the program as it is. Awaited, it is treated as run_shell_limited
+// treats the shell. In the background a middle process starts it and ends at
+// once; the limit and the reaping are the middle process's, and the program
+// runs on, no child of the daemon's.
+shell_outcome run_program_limited(const char *const argv[], run_mode mode, int limit_ms,
+                                  shell_waiter waiter = shell_waiter::pidfd);
+
+// Starts the external connection program as app_cmd shows it, its settings
+// each one argument; awaited for at most SHELL_LIMIT_MS when app_cmd does not
+// put it in the background.
+void app_start();
+
 // 0 when a process whose first command-line word contains `app_name` runs, else -1.
 int app_running();
 // The same scan over any /proc-like directory, for any name.

@@ -25,3 +25,13 @@ int text_format(char *dst, size_t size, const char *fmt, ...) {
     va_end(ap);
     return n;
 }
+
+bool at_text_ok(const char *text) {
+    for (const unsigned char *c = reinterpret_cast<const unsigned char *>(text); *c != '\0'; ++c) {
+        if (*c == '"' || *c < 0x20)
+            return false;
+    }
+    return true;
+}
+
+bool at_bare_text_ok(const char *text) { return at_text_ok(text) && strchr(text, ';') == nullptr; }

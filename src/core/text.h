@@ -17,3 +17,11 @@ int text_format(char *dst, size_t size, const char *fmt, ...) __attribute__((for
 
 // True when `prefix` stands at the start of `line`.
 bool has_prefix(const char *line, const char *prefix);
+
+// Whether client text may stand inside an AT command line: no '"', which would
+// close the quoted parameter early, and no control byte (CR, LF, Ctrl-Z, ESC
+// among them), which would end the line or start a message body.
+bool at_text_ok(const char *text);
+// The same for a value that stands bare, outside quotes: nor ';' either, which
+// would end the command and start another on the same line.
+bool at_bare_text_ok(const char *text);

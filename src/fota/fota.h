@@ -7,6 +7,8 @@
 // told through the fota_* flags of daemon_state.
 #pragma once
 
+#include "core/report.h"
+
 #include <cstdint>
 
 constexpr int FOTA_CODE = 561;
@@ -32,10 +34,12 @@ int64_t fota_update_limit_ms(int32_t module_type);
 
 // Runs the update for the present `module_type`: mode 0 pushes the file
 // `source` in chunks of `chunk_size` bytes with `chunk_delay_us` after each,
-// any other mode has the module fetch the URL `source`. Reports every step
+// any other mode has the module fetch the URL `source`. The file is read as
+// root for `peer`, the client, so it must be a regular file that the client
+// could read itself; any other is "file not found!". Reports every step
 // under 561 (progress status 5, failure status 1, refused request status 10).
 // Returns 0 once the update ended or was handed to the supervisor as success,
 // -1 otherwise; a failure after the module was told raises
 // module_reset_request. The caller holds the AT port.
 int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
-                const fota_limits &limits = fota_limits());
+                const client_peer &peer, const fota_limits &limits = fota_limits());

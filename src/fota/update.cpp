@@ -155,16 +155,30 @@ struct image_file {
     }
 };
 
-// Reports why the file cannot be sent; false then.
-bool image_open(const char *path, image_file *f) {
-    f->fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (f->fd < 0) {
-        report(STATUS_FAIL, "file not found!");
-        return false;
-    }
+// Whether the file's mode bits let `peer` read it, the first class it belongs
+// to deciding (owner, then group, then others), as the kernel would.
+bool peer_may_read(const struct stat &st, const client_peer &peer) {
+    if (peer.uid == 0)
+        return true;
+    if (peer.uid == st.st_uid)
+        return (st.st_mode & S_IRUSR) != 0;
+    bool member = peer.gid == st.st_gid;
+    for (size_t i = 0; i < peer.group_count && i < CLIENT_GROUPS_MAX && !member; ++i)
+        member = peer.groups[i] == st.st_gid;
+    if (member)
+        return (st.st_mode & S_IRGRP) != 0;
+    return (st.st_mode & S_IROTH) != 0;
+}
+
+// Reports why the file cannot be sent; false then. The daemon opens it as
+// root: a link put in the client's way is not followed, a FIFO or device does
+// not hold the worker or act on its opening, and the client learns nothing of
+// a file it could not read itself.
+bool image_open(const char *path, const client_peer &peer, image_file *f) {
+    f->fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     struct stat st;
-    if (fstat(f->fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        report(STATUS_FAIL, "not a regular file!");
+    if (f->fd < 0 || fstat(f->fd, &st) != 0 || !S_ISREG(st.st_mode) || !peer_may_read(st, peer)) {
+        report(STATUS_FAIL, "file not found!");
         return false;
     }
     f->size = static_cast<long long>(st.st_size);
@@ -284,17 +298,19 @@ int64_t fota_update_limit_ms(int32_t module_type) {
 }
 
 int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
-                const fota_limits &limits) {
+                const client_peer &peer, const fota_limits &limits) {
     daemon_state &s = state();
     const int32_t type = s.module_type.load(std::memory_order_acquire);
     const fota_variant &v = variant_of(type);
     const bool file_mode = mode == 0;
-    if (chunk_size < 1 || chunk_delay_us < 0 || (file_mode && !v.takes_file)) {
+    // A URL goes into the command line.
+    if (chunk_size < 1 || chunk_delay_us < 0 || (file_mode && !v.takes_file) ||
+        (!file_mode && !at_text_ok(source))) {
         client_report(FOTA_CODE, STATUS_BAD_PARAM, nullptr);
         return -1;
     }
     image_file file;
-    if (file_mode && !image_open(source, &file))
+    if (file_mode && !image_open(source, peer, &file))
         return -1;
 
     // The link check must not touch the module while it takes its new firmware.

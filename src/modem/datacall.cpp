@@ -145,9 +145,7 @@ int dial_ec20(uint8_t report) {
     if (s.app_name[0] != '\0') {
         // The external program owns the connection; whether it came up is for
         // the link check to find out.
-        char cmd[CMD_FIELD_SIZE];
-        setting_read(cmd, sizeof cmd, s.app_cmd);
-        run_shell(cmd);
+        app_start();
         stat_add(stat_counter::dials);
         if (report)
             client_report(CODE_DIAL, STATUS_OK, nullptr);

@@ -46,11 +46,14 @@ void report_position(const char *line, at_outcome *out, void *) {
 
 int lbs_config(int32_t mode, const char *key, const char *value) {
     const lbs_key *k = lbs_key_find(key);
-    if (k == nullptr) {
+    bool setting = mode == 1;
+    // The key is matched by its start, so the whole of it is checked as the
+    // value is: both go into the command line, a bare value outside quotes.
+    if (k == nullptr || !at_text_ok(key) ||
+        (setting && !(k->quoted ? at_text_ok(value) : at_bare_text_ok(value)))) {
         client_report(CODE_LBS_CONFIG, STATUS_BAD_PARAM, nullptr);
         return -1;
     }
-    bool setting = mode == 1;
     // Room for a key and a value as long as request fields can carry.
     char cmd[2 * FIELD_SIZE + 32];
     bool formed = !setting ? format_command(cmd, sizeof cmd, CODE_LBS_CONFIG, 1,

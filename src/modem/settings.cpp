@@ -1,6 +1,8 @@
 #include "modem/member.h"
 #include "modem/modem.h"
 
+#include "core/text.h"
+
 namespace {
 
 constexpr uint32_t SETTING_TIMEOUT_MS = 350;
@@ -17,6 +19,11 @@ constexpr at_member USBIFC_ROW = at_setter(CODE_SET_USBIFC, SETTING_TIMEOUT_MS);
 int set_cscs(const char *charset, uint8_t report) {
     // Room for any name a request field can carry.
     char cmd[FIELD_SIZE + 16];
+    if (!at_text_ok(charset)) {
+        if (report)
+            client_report(CODE_SET_CSCS, STATUS_BAD_PARAM, nullptr);
+        return -1;
+    }
     if (!format_command(cmd, sizeof cmd, CODE_SET_CSCS, report, "AT+CSCS=\"%s\"\r\n", charset))
         return -1;
     return at_transaction(CSCS_ROW, cmd, report);

@@ -267,7 +267,11 @@ int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const 
 }
 
 void sms_send_text(const char *destination, const char *text) {
-    if (strnlen(destination, TEXT_DESTINATION_MAX + 1) > TEXT_DESTINATION_MAX) {
+    // The number goes into the command line. The text is the body after the
+    // prompt: quotes and line breaks are its own, but Ctrl-Z would end it
+    // early and let the rest run as commands, and ESC would cancel it.
+    if (strnlen(destination, TEXT_DESTINATION_MAX + 1) > TEXT_DESTINATION_MAX ||
+        !at_text_ok(destination) || strpbrk(text, "\x1A\x1B") != nullptr) {
         client_report(SMS_SEND_TEXT_CODE, STATUS_BAD_PARAM, nullptr);
         return;
     }

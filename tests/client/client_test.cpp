@@ -70,6 +70,26 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
     }
     rows.push_back({BOTH, request_bytes(251, {sms.begin(), sms.end() - 1}), "251 10 |"});
     rows.push_back({BOTH, request_bytes(252, {std::string(50, '1'), "hi"}), "252 10 |"});
+    // Client text that would end or leave its place in the command line: a
+    // quote or any control byte, and a ';' where the text stands bare. A
+    // message text is a body: only Ctrl-Z and ESC would end or cancel it.
+    for (char b : {'"', '\r', '\n', '\x1A', '\x1B', '\x01', ';'}) {
+        const std::string x = std::string("1") + b + "AT+QPOWD";
+        const bool bare_only = b == ';';
+        std::vector<std::pair<uint16_t, std::vector<std::string>>> refused = {
+            {304, {x}}, {451, {"1", "timeout", x}}};
+        if (!bare_only)
+            refused.insert(refused.end(), {{252, {x, "hi"}},
+                                           {237, {x}},
+                                           {451, {"1", "server" + x, "a"}},
+                                           {451, {"0", "server" + x}},
+                                           {451, {"1", "server", x}},
+                                           {561, {"1", "http://" + x}}});
+        if (b == '\x1A' || b == '\x1B')
+            refused.push_back({252, {"10086", "hi" + x}});
+        for (const auto &[code, fields] : refused)
+            rows.push_back({BOTH, request_bytes(code, fields), std::to_string(code) + " 10 |"});
+    }
     for (const row &c : rows) {
         for (family f : {EC200, EC20}) {
             if ((c.families & f) == 0)
@@ -262,6 +282,24 @@ TEST_F(LocalCodeTest, OnlyARootClientSetsTheDownScript) {
     EXPECT_EQ(ask(525, {"1"}), "525 14 |");
     EXPECT_EQ(ask(525, {"0"}), "525 0 echo by root|");
     EXPECT_EQ(ask(524, {"1", "45"}), "524 0 45|");
+}
+
+// The APN texts go into the module's APN command: one that would leave its
+// quotes or its line is refused and changes nothing. Blanks and ';' are text
+// there, and arguments like any other to the external program.
+TEST_F(LocalCodeTest, ApnTextsThatWouldLeaveTheirCommandAreRefused) {
+    config_apply("app_name", "dialer");
+    for (const std::string slot : {"1", "2", "3"})
+        EXPECT_EQ(ask(521, {"1", slot, "v"}), "521 0 " + slot + ":v|");
+    for (char b : {'"', '\r', '\n', '\x1A', '\x1B', '\x01'}) {
+        for (const std::string slot : {"1", "2", "3"}) {
+            SCOPED_TRACE(testing::Message() << "slot " << slot << " byte " << int(b));
+            EXPECT_EQ(ask(521, {"1", slot, std::string("a") + b + "b"}), "521 10 |");
+            EXPECT_EQ(ask(521, {"0", slot}), "521 0 " + slot + ":v|");
+        }
+    }
+    EXPECT_STREQ(state().app_cmd, "dialer -s v v v 1 &");
+    EXPECT_EQ(ask(521, {"1", "1", "my apn;x"}), "521 0 1:my apn;x|");
 }
 
 TEST_F(LocalCodeTest, OneReadIsOneFrame) {

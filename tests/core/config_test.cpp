@@ -44,7 +44,7 @@ TEST_F(ConfigTest, EachKeyTakesItsValue) {
          "ping_address1=8.8.8.8\nping_address6=example.org\napn_auth=2\napn_auth=9\nauto_dial=1\n"
          "auto_check=5\ncheck_timeS=5\ncheck_timeS=30x\n",
          "dialer| cmnet |u|p=q|/bin/d|8.8.8.8|||||example.org| 2 1 1 30 0"}, // not trimmed
-        {std::string("apn_passwd=a\x01\xff\x7f\0b\n", 17), "|||a\x01\xff\x7f|||||||| 1 0 0 600 0"},
+        {std::string("down_script=a\x01\xff\x7f\0b\n", 18), "||||a\x01\xff\x7f||||||| 1 0 0 600 0"},
         // Keys are exact and only a '#' at the start makes a comment.
         {"apn_name = a\n #apn_name=b\n#apn_name=c\n=d\n", "||||||||||| 1 0 0 600 0"},
         {"apn_auth=-1\nauto_dial=yes\ncheck_timeS=abc\ndebug=2\n", "||||||||||| 1 0 0 0 0"},
@@ -55,6 +55,26 @@ TEST_F(ConfigTest, EachKeyTakesItsValue) {
         std::string out = read_config(c.content);
         EXPECT_EQ(settings(), c.expected) << c.content;
         EXPECT_EQ(out.empty(), state().debug == 0) << out; // only debugging prints the values
+    }
+}
+
+// The APN texts go into the module's APN command: a value with a quote or a
+// control byte is named and left out, and the value before it stays.
+TEST_F(ConfigTest, ApnValuesThatWouldLeaveTheirCommandAreNamedAndSkipped) {
+    const struct {
+        std::string key;
+        char *field;
+    } keys[] = {{"apn_name", state().apn_name},
+                {"apn_user", state().apn_user},
+                {"apn_passwd", state().apn_passwd}};
+    for (const auto &k : keys) {
+        for (char b : {'"', '\x01', '\t', '\x1A', '\x1B'}) {
+            SCOPED_TRACE(k.key + " " + std::to_string(b));
+            daemon_state_reset();
+            std::string out = read_config(k.key + "=ok\n" + k.key + "=a" + b + "b\n");
+            EXPECT_EQ(out, k.key + ": value with '\"' or a control character ignored\n");
+            EXPECT_STREQ(k.field, "ok");
+        }
     }
 }
 

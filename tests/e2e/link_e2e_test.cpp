@@ -35,8 +35,14 @@ struct family_case {
 TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHangsUpItsOwnWay) {
     SKIP_WITHOUT_BOARD();
     temp_dir scratch;
-    // A stand-in for the external connection program: it notes its arguments and ends.
-    const std::string dialer = scratch.write("dialer", "#!/bin/sh\necho \"$*\" >>" + scratch.path() + "/calls\n");
+    // A user name that a shell would split and run: each setting is one
+    // argument, at the dial and at the check's restart alike.
+    const std::string ran = scratch.path() + "/ran", apn_user = "apn_user=my user;touch " + ran + "\n";
+    const std::string dialed = "[-s][cmnet][my user;touch " + ran + "]\n", two_dials = dialed + dialed;
+    // A stand-in for the external connection program: it notes its arguments,
+    // each in brackets, and ends.
+    const std::string dialer =
+        scratch.write("dialer", "#!/bin/sh\n{ printf '[%s]' \"$@\"; echo; } >>" + scratch.path() + "/calls\n");
     chmod(dialer.c_str(), 0755);
     const family_case cases[] = {
         {"ec200s", "", EC200_DIAL, "usb0", {QNETDEVCTL}, {"AT+QNETDEVCTL=0,1"}},
@@ -53,7 +59,8 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
     for (int i = 0; i < 3; ++i) {
         boards[i].board = std::make_unique<sim_board>(
             board_config(cases[i].family, CHECK_CONF + "ping_address1=" + FAR_ADDRESS + "\ndown_script=" + DOWN_SCRIPT +
-                                           "\napp_name=" + cases[i].app_name + "\n"));
+                                           "\napp_name=" + cases[i].app_name + "\n" +
+                                           (cases[i].app_name.empty() ? "" : apn_user)));
         ASSERT_TRUE(boards[i].board->start_daemon({"debug"}));
         ASSERT_EQ(boards[i].board->control("echo off"), "ok echo off");
         ASSERT_TRUE(boards[i].board->modem(&boards[i].emu));
@@ -64,7 +71,7 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
     // Each board is taken down once its call was re-asserted, before the next check.
     auto reasserted = [&](int i) {
         if (!cases[i].app_name.empty())
-            return read_file(scratch.path() + "/calls") == "-s cmnet\n-s cmnet\n";
+            return read_file(scratch.path() + "/calls") == two_dials;
         return commands_since(boards[i].emu).size() >= 5 + cases[i].dial.size() + cases[i].reassert.size();
     };
     for (int i = 0; i < 3; ++i) {
@@ -90,7 +97,8 @@ TEST(LinkDialTest, EachFamilyDialsOnceReassertsItsCallWhenTheFarEndIsSilentAndHa
         }
         EXPECT_EQ(board.stderr_text(), "");
     }
-    EXPECT_EQ(read_file(scratch.path() + "/calls"), "-s cmnet\n-s cmnet\n");
+    EXPECT_EQ(read_file(scratch.path() + "/calls"), two_dials);
+    EXPECT_NE(access(ran.c_str(), F_OK), 0);
 }
 
 TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACallAndAfterAHangUp) {

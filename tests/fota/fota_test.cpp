@@ -6,8 +6,11 @@
 #include "fota/fota.h"
 #include "support/test_support.h"
 
+#include <fcntl.h>
 #include <functional>
+#include <future>
 #include <memory>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -69,6 +72,7 @@ protected:
     std::unique_ptr<emulated_port> port;
     client_end client;
     fota_limits quick{300, 300, 300, 300, 5};
+    const client_peer root{};
 };
 
 // Files go unchanged in chunks of the given size (the family's own through the
@@ -113,7 +117,6 @@ TEST_F(FotaTest, RefusalsAndFailures) {
         {mf::ec200t, {}, "a", 320, -1000, "561 10 |", "0000 checking"},
         {mf::ec20, {}, "a", 320, 0, "561 10 |", "0000 checking"},
         {mf::ec200t, {}, "missing", 320, 0, "561 1 file not found!|", "0000 checking"},
-        {mf::ec200t, {}, "sub", 320, 0, "561 1 not a regular file!|", "0000 checking"},
         {mf::ec200t, {}, "one", 320, 0, "561 1 file is too small!|", "0000 checking"},
         {mf::ec200t, {FOTA + "\"FILEEND\",504"}, "a", 320, 0, downloading({100}) + "561 1 file_err = 504|", "0001"},
         {mf::ec20, {"ERROR"}, "http://x", 320, 0, "561 1 |", "0001"},
@@ -132,7 +135,6 @@ TEST_F(FotaTest, RefusalsAndFailures) {
     };
     dir.write("a", "ab");
     dir.write("one", "x");
-    dir.mkdir("sub");
     for (const auto &c : cases) {
         SCOPED_TRACE(c.frames);
         use(c.family);
@@ -141,11 +143,66 @@ TEST_F(FotaTest, RefusalsAndFailures) {
             port->module().set_reply("AT+QFOTADL=", file ? modem_reply::with_lines(c.lines).for_body()
                                                          : modem_reply::with_lines(c.lines), modem_match::prefix);
         std::string source = file ? dir.path() + "/" + c.source : c.source;
-        EXPECT_EQ(fota_update(file ? 0 : 1, source.c_str(), c.chunk, c.pause_us, quick), -1);
+        EXPECT_EQ(fota_update(file ? 0 : 1, source.c_str(), c.chunk, c.pause_us, root, quick), -1);
         EXPECT_EQ(client.frames(), c.frames);
         EXPECT_EQ(flags(), c.flags);
         EXPECT_EQ(urc(), c.urc);
         EXPECT_EQ(port->module().command_count() == 0, c.flags == "0000 checking");
+    }
+}
+
+// The image is opened as root for the client: only a regular file that the
+// client could read itself is sent, at once, and anything else is not found.
+TEST_F(FotaTest, OnlyARegularFileTheClientMayReadIsSent) {
+    const std::string fifo = dir.path() + "/fifo", img = dir.write("img", "ab");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0666), 0);
+    ASSERT_EQ(symlink(img.c_str(), (dir.path() + "/link").c_str()), 0);
+    dir.mkdir("sub");
+    client_peer user; // in group 50 besides its own
+    user.uid = 1000;
+    user.gid = 1000;
+    user.group_count = 1;
+    user.groups[0] = 50;
+    const struct {
+        std::string name;
+        const client_peer &peer;
+        bool sent;
+        uid_t uid = 0; // the image's owner, group and mode
+        gid_t gid = 0;
+        mode_t mode = 0644;
+    } cases[] = {
+        {"fifo", root, false}, {"sub", root, false}, {"link", root, false}, // a last link only
+        {"img", root, true, 0, 0, 0},
+        {"img", user, false, 0, 0, 0600},   {"img", user, true, 0, 0, 0604},
+        {"img", user, true, 0, 50, 0640},   {"img", user, true, 0, 1000, 0640},
+        {"img", user, true, 1000, 0, 0400}, // the first class the client is in decides
+        {"img", user, false, 1000, 0, 0044}, {"img", user, false, 0, 50, 0604},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.name << " uid " << c.peer.uid << " owner " << c.uid
+                                        << ":" << c.gid << " mode " << std::oct << c.mode);
+        use(mf::ec200t);
+        ASSERT_EQ(chown(img.c_str(), c.uid, c.gid), 0);
+        ASSERT_EQ(chmod(img.c_str(), c.mode), 0);
+        const std::string source = dir.path() + "/" + c.name;
+        auto update = std::async(std::launch::async, [&] {
+            return fota_update(0, source.c_str(), 320, 0, c.peer, quick);
+        });
+        if (update.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
+            ADD_FAILURE() << "the update is held in the opening";
+            close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK)); // lets it go
+        }
+        int result = update.get();
+        if (c.sent) {
+            auto record = port->module().wait_for_command("AT+QFOTADL=\"FILE:2\"", 1000);
+            EXPECT_EQ(record ? record->body : "<none>", "ab");
+        } else {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(client.frames(), "561 1 file not found!|");
+            EXPECT_EQ(flags(), "0000 checking");
+            EXPECT_EQ(port->module().command_count(), 0u);
+        }
+        client.frames();
     }
 }
 
@@ -178,7 +235,7 @@ TEST_F(FotaTest, EndsOnNewsFromOutside) {
         int result = 0;
         // The 2 s pause after each 100-byte chunk leaves time, even on a loaded
         // machine, to break the push after the first.
-        std::thread update([&] { result = fota_update(c.source == path ? 0 : 1, c.source.c_str(), 100, 2000000, quick); });
+        std::thread update([&] { result = fota_update(c.source == path ? 0 : 1, c.source.c_str(), 100, 2000000, root, quick); });
         EXPECT_EQ(client.frames(1, 2000), c.first);
         if (!c.then.empty()) {
             port->module().inject_line(FOTA + "\"START\"");

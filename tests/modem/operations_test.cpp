@@ -2,6 +2,7 @@
 // thread plays the module while the operation blocks on its own thread), then
 // the answer parsers on captured lines.
 #include "at/at.h"
+#include "core/config.h"
 #include "core/text.h"
 #include "modem/modem.h"
 #include "support/test_support.h"
@@ -11,6 +12,12 @@
 #include <cstring>
 #include <functional>
 #include <future>
+#include <csignal>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -167,6 +174,47 @@ TEST(AnswerParseTest, SignalLocationKeysAndSpeech) {
     size_t n = tts_command(std::string(200, 'a').c_str(), cmd);
     EXPECT_EQ(std::string(cmd), "AT+QWTTS=1,1,1,\"" + digits + "\"\r");
     EXPECT_EQ(n, strlen(cmd));
+}
+
+} // namespace
+
+namespace {
+
+// The EC20's external program gets each setting as one argument whatever it
+// holds: no shell reads them. With an APN it runs on in the background, no
+// child of the daemon's; without one it is awaited.
+TEST(ExternalProgramTest, EachSettingIsOneArgument) {
+    fresh_state fresh;
+    temp_dir dir;
+    const std::string out = dir.path() + "/argv";
+    // Notes its pid and arguments, then stays on while it has arguments.
+    const std::string program = dir.write(
+        "dialer", "#!/bin/sh\n{ echo $$; for a do printf '%s\\n' \"$a\"; done; } >" + out + ".new\nmv " + out +
+                      ".new " + out + "\n[ $# -eq 0 ] || exec sleep 30\n");
+    ASSERT_EQ(chmod(program.c_str(), 0755), 0);
+    auto arguments = [&] {
+        std::string got = read_file(out);
+        return got.substr(got.find('\n') + 1);
+    };
+    config_apply("app_name", program.c_str());
+    app_cmd_build();
+    ASSERT_EQ(dial_ec20(0), 0);
+    EXPECT_EQ(arguments(), ""); // already there: awaited
+    ASSERT_EQ(unlink(out.c_str()), 0);
+
+    for (const auto &[key, value] :
+         {std::pair{"apn_name", "my apn;x"}, {"apn_user", "u&"}, {"apn_passwd", "p w'"},
+          {"apn_auth", "2"}})
+        config_apply(key, value);
+    app_cmd_build();
+    ASSERT_EQ(dial_ec20(0), 0);
+    ASSERT_TRUE(wait_until([&] { return access(out.c_str(), F_OK) == 0; }, 5000))
+        << state().app_cmd;
+    EXPECT_EQ(arguments(), "-s\nmy apn;x\nu&\np w'\n2\n");
+    const pid_t pid = static_cast<pid_t>(std::stol(read_file(out)));
+    EXPECT_EQ(kill(pid, 0), 0);
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
+    kill(pid, SIGKILL);
 }
 
 } // namespace

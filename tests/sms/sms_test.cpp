@@ -90,6 +90,10 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
          "+CMS ERROR: 500|", {"AT+CMGF=0", cmgs + " [" + pdu + "]"}},
         {[](emu &) {}, text_hi, std::nullopt, "252 0 |", "+CMGS: 1|",
          {"AT+CMGF=1", "AT+CMGS=\"10086\" [hi]", "AT+CMGF=0"}},
+        // The text is a body: quotes and line breaks go out as they are (the
+        // echo, which would bring the body's lines back, is off as the daemon sets it).
+        {[](emu &m) { m.set_echo_dropped(true); }, [] { sms_send_text("10086", "say \"hi\"\r\nbye"); return 0; }, std::nullopt,
+         "252 0 |", "+CMGS: 1|", {"AT+CMGF=1", "AT+CMGS=\"10086\" [say \"hi\"\r\nbye]", "AT+CMGF=0"}},
         {[](emu &m) { m.set_reply("AT+CMGF=1", modem_reply::error()); }, text_hi, std::nullopt,
          "252 1 set_cmgf|", "", {"AT+CMGF=1", "AT+CMGF=0"}},
         // A module that may still wait for the body is not sent the switch back.
