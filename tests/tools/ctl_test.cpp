@@ -87,6 +87,19 @@ TEST(CtlTest, RepliesEndTheRequestAndArePrintedOnOneLine) {
     EXPECT_EQ(refused.take(reply(402, 0, "+CME ERROR: 10")), ctl::verdict::done);
     EXPECT_EQ(refused.exit_status(), ctl::EXIT_FAILED);
 
+    // A terminal redraws the update's bar in place; the label's control bytes
+    // (a fuzzing find: "\b 0%") are escaped like a frame's.
+    std::string label;
+    int percent = -1;
+    EXPECT_TRUE(ctl::progress_percent(reply(561, 5, "File downloading 32%"), &label, &percent));
+    EXPECT_EQ(ctl::progress_bar(label, percent), "File downloading     [#########.....................]  32%");
+    EXPECT_TRUE(ctl::progress_percent(reply(561, 5, "\b 0%"), &label, &percent));
+    EXPECT_EQ(ctl::progress_bar(label, percent), "\\x08                 [..............................]   0%");
+    EXPECT_TRUE(ctl::progress_percent(reply(561, 5, "Fota updating \x1b[2J 100%"), &label, &percent));
+    EXPECT_EQ(ctl::progress_bar(label, percent), "Fota updating \\x1B[2J [##############################] 100%");
+    for (const char *text : {"Fota updating 101%", "Fota updating x%", "50%", "Fota updating 50"})
+        EXPECT_FALSE(ctl::progress_percent(reply(561, 5, text), &label, &percent)) << text;
+
     ctl::print_style plain, json;
     json.json = true;
     EXPECT_EQ(ctl::format_frame(reply(1001, 2, "1"), plain, true), "event 1001 call-state(2) 1");
