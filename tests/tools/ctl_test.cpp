@@ -136,7 +136,9 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
     // Lengths that run past the end, a text longer than announced, no "14",
     // unknown call states and references: printed as frames.
     for (const reply_frame &f : {reply(1031, 0, "99+86"), reply(1031, 0, sms + "!"), reply(1031, 0, "0212152026112310154200"),
-                                 reply(1001, 2, "9"), reply(1032, 0, "x"), reply(1101, 2, ""),
+                                 reply(1001, 2, "9"), reply(1032, 0, "x"),
+                                 // A fuzzing find: 20 digits overflowed the reading of a reference.
+                                 reply(1032, 0, "99999929999299992992"), reply(1101, 2, ""),
                                  reply(1101, 1, "x"), reply(102, 0, "20")})
         EXPECT_EQ(ctl::format_event(f, plain), "") << std::string(f.text, f.text_len);
 }

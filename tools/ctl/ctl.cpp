@@ -947,8 +947,11 @@ std::string format_event(const reply_frame &f, const print_style &style) {
         return "sms from " + plain_escape(sms.from) + " at " + sms.time + ": " + plain_escape(sms.text);
     }
     case EVENT_SMS_REPORT: {
+        // The length first: a long run of digits would overflow the reading.
+        if (text.empty() || text.size() > 3)
+            return "";
         long reference = digits_at(text, 0, text.size());
-        if (text.empty() || text.size() > 3 || reference < 0)
+        if (reference < 0)
             return "";
         std::string status = std::to_string(f.status);
         if (json)
