@@ -43,3 +43,20 @@ int64_t fota_update_limit_ms(int32_t module_type);
 // module_reset_request. The caller holds the AT port.
 int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
                 const client_peer &peer, const fota_limits &limits = fota_limits());
+
+// What the update makes of one module line in one of its phases. Pure: the
+// caller carries out the report, the hand-over and the supervisor's word.
+enum class fota_phase { start, download, update };
+enum class fota_step {
+    waiting,    // the command's echo or OK, or a line that is not the update's
+    next_phase, // the phase ended well; in the update phase, progress
+    done,       // the update ended
+    failed,
+};
+struct fota_line {
+    int status = -1;                    // the report under 561; -1: none
+    char text[REPLY_TEXT_MAX + 1] = {}; // its text, empty for none
+    bool unsolicited = false;           // the line goes to the common thread
+    bool download_told = false;         // the family's supervisor flag is raised
+};
+fota_step fota_line_step(fota_phase phase, const char *line, int32_t module_type, fota_line *out);

@@ -53,80 +53,103 @@ constexpr const char *UPDATE_END = "+QIND: \"FOTA\",\"END\",0";
 
 void report(int status, const char *text) { client_report(FOTA_CODE, status, text); }
 
-// What a phase makes of one module line.
-enum class step { waiting, next_phase, done, failed };
+using step = fota_step;
 
 // Lines every phase treats alike; false when the phase must look at the line.
-bool common_line(const char *line, step *out) {
+bool common_line(const char *line, step *s, fota_line *out) {
     if (has_prefix(line, "OK") || has_prefix(line, "AT")) {
-        *out = step::waiting; // the answer to the command, and its echo
+        *s = step::waiting; // the answer to the command, and its echo
     } else if (has_prefix(line, "ERROR")) {
-        report(STATUS_FAIL, nullptr);
-        *out = step::failed;
+        out->status = STATUS_FAIL;
+        *s = step::failed;
     } else {
         return false;
     }
     return true;
 }
 
-step start_line(const char *line, const fota_variant &v) {
+step start_line(const char *line, const fota_variant &v, fota_line *out) {
     step s;
-    if (common_line(line, &s))
+    if (common_line(line, &s, out))
         return s;
     bool accepted = v.takes_file && has_prefix(line, FILE_START);
     for (const char *start : URL_STARTS)
         accepted = accepted || has_prefix(line, start);
     if (accepted)
         return step::next_phase;
-    urc_push(line);
+    out->unsolicited = true;
     return step::waiting;
 }
 
-step download_line(const char *line, const fota_variant &v) {
+step download_line(const char *line, const fota_variant &v, fota_line *out) {
     step s;
-    if (common_line(line, &s))
+    if (common_line(line, &s, out))
         return s;
     for (const download_end &end : DOWNLOAD_ENDS) {
         if (!has_prefix(line, end.prefix))
             continue;
         const char *result = strlen(line) > end.result_at ? line + end.result_at : "";
         if (result[0] != '0') {
-            char text[REPLY_TEXT_MAX + 1];
-            text_format(text, sizeof text, "%s = %s", end.error_name, result);
-            report(STATUS_FAIL, text);
+            out->status = STATUS_FAIL;
+            text_format(out->text, sizeof out->text, "%s = %s", end.error_name, result);
             return step::failed;
         }
-        report(STATUS_PROGRESS, end.done);
-        if (v.after_download != nullptr)
-            supervisor_request(state().*v.after_download, 1);
+        out->status = STATUS_PROGRESS;
+        text_set(out->text, end.done);
+        out->download_told = v.after_download != nullptr;
         return step::next_phase;
     }
-    urc_push(line);
+    out->unsolicited = true;
     return step::waiting;
 }
 
 // Progress lines restart the phase's timer (`next_phase`); END finishes it.
-step update_line(const char *line) {
+step update_line(const char *line, fota_line *out) {
     step s;
-    if (common_line(line, &s))
+    if (common_line(line, &s, out))
         return s;
     if (has_prefix(line, UPDATE_START)) {
-        report(STATUS_PROGRESS, "Fota start");
+        out->status = STATUS_PROGRESS;
+        text_set(out->text, "Fota start");
         return step::next_phase;
     }
     if (has_prefix(line, UPDATING)) {
-        char text[REPLY_TEXT_MAX + 1];
         const char *percent = strlen(line) > UPDATING_PERCENT_AT ? line + UPDATING_PERCENT_AT : "";
-        text_format(text, sizeof text, "Fota updating %s%%", percent);
-        report(STATUS_PROGRESS, text);
+        out->status = STATUS_PROGRESS;
+        text_format(out->text, sizeof out->text, "Fota updating %s%%", percent);
         return step::next_phase;
     }
     if (has_prefix(line, UPDATE_END)) {
-        report(STATUS_PROGRESS, "Fota end");
+        out->status = STATUS_PROGRESS;
+        text_set(out->text, "Fota end");
         return step::done;
     }
-    urc_push(line);
+    out->unsolicited = true;
     return step::waiting;
+}
+
+step line_step(fota_phase phase, const char *line, const fota_variant &v, fota_line *out) {
+    switch (phase) {
+    case fota_phase::start:
+        return start_line(line, v, out);
+    case fota_phase::download:
+        return download_line(line, v, out);
+    default:
+        return update_line(line, out);
+    }
+}
+
+// Carries out what a line of the phase asks for.
+step take_line(fota_phase phase, const char *line, const fota_variant &v) {
+    fota_line out;
+    step s = line_step(phase, line, v, &out);
+    if (out.status >= 0)
+        report(out.status, out.text);
+    if (out.unsolicited)
+        urc_push(line);
+    if (out.download_told)
+        supervisor_request(state().*v.after_download, 1);
+    return s;
 }
 
 // Takes lines until the deadline, or until one ends the phase.
@@ -219,12 +242,12 @@ step push_file(image_file &f, const fota_variant &v, size_t chunk_size, int64_t 
         // The pause is the wait for the module's lines: one deadline, however
         // many lines come meanwhile.
         step s = lines_until(monotonic_ms() + pause_ms,
-                             [&](const char *line) { return download_line(line, v); });
+                             [&](const char *line) { return take_line(fota_phase::download, line, v); });
         if (s != step::waiting)
             return s;
     }
     step s = lines_until(monotonic_ms() + end_limit_ms,
-                         [&](const char *line) { return download_line(line, v); });
+                         [&](const char *line) { return take_line(fota_phase::download, line, v); });
     return s == step::waiting ? timed_out() : s;
 }
 
@@ -236,7 +259,7 @@ step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms
         int64_t wait_until = v.watches_port ? monotonic_ms() + port_watch_ms : deadline;
         char line[RING_LINE_SIZE];
         if (at_next_line(line, sizeof line, wait_until < deadline ? wait_until : deadline)) {
-            step st = update_line(line);
+            step st = take_line(fota_phase::update, line, v);
             if (st == step::next_phase)
                 deadline = monotonic_ms() + limit_ms;
             else if (st != step::waiting)
@@ -264,7 +287,7 @@ step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int6
     const bool file_mode = file != nullptr;
     const int64_t sent_at = monotonic_ms();
     step st = lines_until(sent_at + limits.start_ms,
-                          [&](const char *line) { return start_line(line, v); });
+                          [&](const char *line) { return take_line(fota_phase::start, line, v); });
     if (st == step::waiting)
         return timed_out();
     if (st == step::failed)
@@ -273,7 +296,7 @@ step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int6
         st = push_file(*file, v, chunk_size, pause_ms, limits.file_end_ms);
     } else {
         st = lines_until(sent_at + limits.url_end_ms,
-                         [&](const char *line) { return download_line(line, v); });
+                         [&](const char *line) { return take_line(fota_phase::download, line, v); });
         if (st == step::waiting)
             st = timed_out();
     }
@@ -285,6 +308,11 @@ step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int6
 }
 
 } // namespace
+
+fota_step fota_line_step(fota_phase phase, const char *line, int32_t module_type, fota_line *out) {
+    *out = fota_line{};
+    return line_step(phase, line, variant_of(module_type), out);
+}
 
 int64_t fota_update_limit_ms(int32_t module_type) {
     switch (module_type) {

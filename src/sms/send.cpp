@@ -27,8 +27,6 @@ constexpr size_t USER_DATA_OCTETS_MAX = 140;
 constexpr size_t UCS2_CAPACITY = 255;
 constexpr size_t PACKED_SIZE = 256;
 
-// The reference the module gives the message: up to 10 characters.
-constexpr size_t MESSAGE_REF_SIZE = 11;
 // The text-mode number's work area is 50 bytes, its terminator included.
 constexpr size_t TEXT_DESTINATION_MAX = 49;
 
@@ -114,7 +112,7 @@ prompt_wait wait_for_prompt() {
 
 int wait_for_result(const cmgs_rules &r, const char *body) {
     const int64_t deadline = monotonic_ms() + RESULT_TIMEOUT_MS;
-    char ref[MESSAGE_REF_SIZE] = "";
+    char ref[SMS_MESSAGE_REF_SIZE] = "";
     char line[RING_LINE_SIZE];
     while (at_next_line(line, sizeof line, deadline)) {
         if (has_prefix(line, "OK")) {
@@ -123,12 +121,8 @@ int wait_for_result(const cmgs_rules &r, const char *body) {
             client_report(r.code, STATUS_OK, r.message_ref ? ref : nullptr);
             return 0;
         }
-        if (r.message_ref && has_prefix(line, "+CMGS:")) {
-            // "+CMGS: <ref>": the reference stands after the colon and its blank.
-            if (strlen(line) > 7)
-                text_set(ref, line + 7);
+        if (r.message_ref && cmgs_reference(line, ref))
             continue;
-        }
         if (at_module_error(line)) {
             client_report(r.code, STATUS_FAIL, nullptr);
             urc_push(line);
@@ -191,6 +185,14 @@ bool dialable(const char *number, bool may_be_empty) {
 }
 
 } // namespace
+
+bool cmgs_reference(const char *line, char (&ref)[SMS_MESSAGE_REF_SIZE]) {
+    if (!has_prefix(line, "+CMGS:"))
+        return false;
+    if (strlen(line) > 7)
+        text_set(ref, line + 7);
+    return true;
+}
 
 bool sms_submit_build(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
                       int validity, uint8_t status_report, sms_submit_pdu *out) {

@@ -27,6 +27,13 @@ struct sms_submit_pdu {
 bool sms_submit_build(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
                       int validity, uint8_t status_report, sms_submit_pdu *out);
 
+// The reference the module gives a sent message: up to 10 characters.
+constexpr size_t SMS_MESSAGE_REF_SIZE = 11;
+// True for the module's "+CMGS: <ref>" line; its reference, which stands after
+// the colon and its blank, then replaces `ref` (cut to 10 characters). A line
+// too short to hold one leaves `ref` as it was.
+bool cmgs_reference(const char *line, char (&ref)[SMS_MESSAGE_REF_SIZE]);
+
 // 0 after the module's "OK" (the message reference reported as text), -1 otherwise.
 // smsc "DEFAULT" (its first 7 characters) takes the stored centre, asking the
 // module for it when none is stored.

@@ -91,6 +91,19 @@ TEST(CtlTest, RepliesEndTheRequestAndArePrintedOnOneLine) {
     EXPECT_EQ(refused.take(reply(402, 0, "+CME ERROR: 10")), ctl::verdict::done);
     EXPECT_EQ(refused.exit_status(), ctl::EXIT_FAILED);
 
+    // A terminal redraws the update's bar in place; the label's control bytes
+    // (a fuzzing find: "\b 0%") are escaped like a frame's.
+    std::string label;
+    int percent = -1;
+    EXPECT_TRUE(ctl::progress_percent(reply(561, 5, "File downloading 32%"), &label, &percent));
+    EXPECT_EQ(ctl::progress_bar(label, percent), "File downloading     [#########.....................]  32%");
+    EXPECT_TRUE(ctl::progress_percent(reply(561, 5, "\b 0%"), &label, &percent));
+    EXPECT_EQ(ctl::progress_bar(label, percent), "\\x08                 [..............................]   0%");
+    EXPECT_TRUE(ctl::progress_percent(reply(561, 5, "Fota updating \x1b[2J 100%"), &label, &percent));
+    EXPECT_EQ(ctl::progress_bar(label, percent), "Fota updating \\x1B[2J [##############################] 100%");
+    for (const char *text : {"Fota updating 101%", "Fota updating x%", "50%", "Fota updating 50"})
+        EXPECT_FALSE(ctl::progress_percent(reply(561, 5, text), &label, &percent)) << text;
+
     ctl::print_style plain, json;
     json.json = true;
     EXPECT_EQ(ctl::format_frame(reply(1001, 2, "1"), plain, true), "event 1001 call-state(2) 1");
@@ -168,7 +181,9 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
     // Lengths that run past the end, a text longer than announced, no "14",
     // unknown call states and references: printed as frames.
     for (const reply_frame &f : {reply(1031, 0, "99+86"), reply(1031, 0, sms + "!"), reply(1031, 0, "0212152026112310154200"),
-                                 reply(1001, 2, "9"), reply(1032, 0, "x"), reply(1101, 2, ""),
+                                 reply(1001, 2, "9"), reply(1032, 0, "x"),
+                                 // A fuzzing find: 20 digits overflowed the reading of a reference.
+                                 reply(1032, 0, "99999929999299992992"), reply(1101, 2, ""),
                                  reply(1101, 1, "x"), reply(102, 0, "20")})
         EXPECT_EQ(ctl::format_event(f, plain), "") << std::string(f.text, f.text_len);
 }

@@ -762,8 +762,12 @@ std::string progress_bar(const std::string &label, int percent) {
     int filled = percent * WIDTH / 100;
     char tail[8];
     snprintf(tail, sizeof tail, "] %3d%%", percent);
+    // The label carries the module's bytes ("Fota updating <its line>"): escaped
+    // like every other line, so that none of them reaches the terminal raw.
     // Padded so that a shorter label overwrites a longer one.
-    std::string padded = label.size() < 20 ? label + std::string(20 - label.size(), ' ') : label;
+    std::string padded = plain_escape(label);
+    if (padded.size() < 20)
+        padded.resize(20, ' ');
     return padded + " [" + std::string(static_cast<size_t>(filled), '#') +
            std::string(static_cast<size_t>(WIDTH - filled), '.') + tail;
 }
@@ -964,8 +968,11 @@ std::string format_event(const reply_frame &f, const print_style &style) {
         return "sms from " + plain_escape(sms.from) + " at " + sms.time + ": " + plain_escape(sms.text);
     }
     case EVENT_SMS_REPORT: {
+        // The length first: a long run of digits would overflow the reading.
+        if (text.empty() || text.size() > 3)
+            return "";
         long reference = digits_at(text, 0, text.size());
-        if (text.empty() || text.size() > 3 || reference < 0)
+        if (reference < 0)
             return "";
         std::string status = std::to_string(f.status);
         if (json)
