@@ -125,19 +125,27 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     EXPECT_EQ(state().at_state.load(), AT_IDLE);
 }
 
-// A restart cancels a client's dial half-way: nothing of the dial stays
-// behind, so the next request is served instead of being told busy for ever.
-TEST(WorkerCancelTest, ARestartDuringAClientsDialLeavesThePortFree) {
-    emulated_bench b;
-    daemon_state &s = state();
-    s.module_restarting = 0;
-    s.phase = module_phase::idle;
-    s.module_type = MODULE_EC200T;
-    b.port.module().set_reply("AT+QIACT=1", modem_reply::standard().until_released());
-    auto send = [](uint16_t code) {
+// A root client's requests through the server, the emulated EC200T answering.
+class ServedTest : public testing::Test {
+protected:
+    ServedTest() {
+        daemon_state &s = state();
+        s.module_restarting = 0;
+        s.phase = module_phase::idle;
+        s.module_type = MODULE_EC200T;
+    }
+    void send(uint16_t code) {
         std::string raw = request_bytes(code);
         handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), ROOT);
-    };
+    }
+    emulated_bench b;
+};
+
+// A restart cancels a client's dial half-way: nothing of the dial stays
+// behind, so the next request is served instead of being told busy for ever.
+TEST_F(ServedTest, ARestartDuringAClientsDialLeavesThePortFree) {
+    daemon_state &s = state();
+    b.port.module().set_reply("AT+QIACT=1", modem_reply::standard().until_released());
     send(370);
     ASSERT_TRUE(b.port.module().wait_for_command("AT+QIACT=1", 5000).has_value());
     EXPECT_EQ(s.dial_in_progress.load(), 1);
@@ -153,17 +161,9 @@ TEST(WorkerCancelTest, ARestartDuringAClientsDialLeavesThePortFree) {
 // A worker's reply belongs to the client that asked: one that has gone gets
 // it nowhere, least of all through its successor on the same descriptor
 // number. Events go to whoever is connected.
-TEST(ClientGenerationTest, AWorkersReplyNeverReachesTheNextClientOnTheSameNumber) {
-    emulated_bench b;
+TEST_F(ServedTest, AWorkersReplyNeverReachesTheNextClientOnTheSameNumber) {
     daemon_state &s = state();
-    s.module_restarting = 0;
-    s.phase = module_phase::idle;
-    s.module_type = MODULE_EC200T;
     b.port.module().set_reply("AT+CSQ", modem_reply::standard().until_released().one_shot());
-    auto send = [](uint16_t code) {
-        std::string raw = request_bytes(code);
-        handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), ROOT);
-    };
     const uint32_t first = s.client_generation.load();
     send(102);
     ASSERT_TRUE(b.port.module().wait_for_command("AT+CSQ", 5000).has_value());

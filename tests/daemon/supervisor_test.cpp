@@ -44,6 +44,15 @@ protected:
         return n;
     }
 
+    // The EC20 with an external program: the dial starts it, runs no DHCP
+    // client, and connects.
+    void dial_through_external_program() {
+        daemon_state &s = state();
+        s.module_type.store(MODULE_EC20);
+        strcpy(s.app_name, "conn_app");
+        supervisor_pass(sv);
+    }
+
     fresh_state fresh; // the port goes before the state is reset
     std::unique_ptr<emulated_port> port;
     supervisor sv;
@@ -118,10 +127,7 @@ TEST_F(SupervisorTest, DisconnectSkipsTheTearDownWhileAWorkerOwnsThePort) {
 // while a firmware update has the module.
 TEST_F(SupervisorTest, TheCheckSwitchStartsAndStopsTheCheckWhileTheLinkIsUp) {
     daemon_state &s = state();
-    s.module_type.store(MODULE_EC20);
-    strcpy(s.app_name, "conn_app");
-    strcpy(s.app_cmd, "true");
-    supervisor_pass(sv);
+    dial_through_external_program();
     ASSERT_EQ(s.phase.load(), module_phase::connected);
     EXPECT_EQ(s.check_tid.load(), pthread_t{0});
     const struct {
@@ -142,12 +148,8 @@ TEST_F(SupervisorTest, TheCheckSwitchStartsAndStopsTheCheckWhileTheLinkIsUp) {
 
 TEST_F(SupervisorTest, ADialThatConnectsStartsOneCheckThreadAndTheResetPathStopsIt) {
     daemon_state &s = state();
-    // The EC20 with an external program: the dial starts it and runs no DHCP client.
-    s.module_type.store(MODULE_EC20);
-    strcpy(s.app_name, "conn_app");
-    strcpy(s.app_cmd, "true");
     s.auto_check.store(1);
-    supervisor_pass(sv);
+    dial_through_external_program();
     ASSERT_EQ(s.connected.load(), 1);
     EXPECT_EQ(stat_value("dials"), 1); // the program started is the dial
     EXPECT_EQ(stat_value("link"), 1);
