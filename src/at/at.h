@@ -34,6 +34,10 @@ void rings_reset();
 // Writes a command (with its own line end) or raw bytes to the AT port: the
 // length, or -1 (also while the port is closed).
 int at_send(const char *cmd, size_t len);
+// The reply to a write that failed: status 13 when the module is not ready
+// (it left the bus: the failed write may be the first sign), else status 1
+// "at send error!".
+void at_report_send_failure(int code);
 // Closes the port (`at_fd` -1) once no write is under way; the receive thread
 // must be stopped first. The supervisor's alone.
 void at_port_close();

@@ -11,9 +11,27 @@ int at_send(const char *cmd, size_t len) {
     daemon_state &s = state();
     if (s.atprint.load(std::memory_order_acquire))
         printf("send at data:%.*s\n", static_cast<int>(len), cmd);
-    rw_hold use(&s.port_lock, rw_hold::read);
-    int fd = s.at_fd.load(std::memory_order_acquire);
-    return fd < 0 ? -1 : serial_write(fd, cmd, len);
+    int written;
+    bool hung_up;
+    {
+        rw_hold use(&s.port_lock, rw_hold::read);
+        int fd = s.at_fd.load(std::memory_order_acquire);
+        if (fd < 0)
+            return -1;
+        written = serial_write(fd, cmd, len);
+        hung_up = written < 0 && (errno == EIO || errno == ENXIO || errno == ENODEV);
+    }
+    // The module may have left before the receive thread saw its port go.
+    if (hung_up)
+        at_port_hung_up();
+    return written;
+}
+
+void at_report_send_failure(int code) {
+    if (module_ready())
+        client_report(code, STATUS_FAIL, "at send error!");
+    else
+        client_report(code, STATUS_NOT_READY, nullptr);
 }
 
 void at_port_close() {

@@ -1,5 +1,7 @@
 #include "at/serial.h"
 
+#include <cerrno>
+
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -88,7 +90,9 @@ int serial_write(int fd, const void *buf, size_t len) {
     ssize_t n = write(fd, buf, len);
     if (n >= 0 && static_cast<size_t>(n) == len)
         return static_cast<int>(len);
+    int error = errno; // the caller tells a port that hung up by it
     tcflush(fd, TCOFLUSH);
+    errno = error;
     return -1;
 }
 

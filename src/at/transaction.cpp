@@ -95,7 +95,7 @@ int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse
     if (at_send(cmd, strlen(cmd)) == -1) {
         at_abort();
         if (report || m.send_error_always_reported)
-            client_report(m.report_code, STATUS_FAIL, "at send error!");
+            at_report_send_failure(m.report_code);
         return -1;
     }
     const int64_t deadline = monotonic_ms() + m.timeout_ms;

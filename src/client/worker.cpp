@@ -47,7 +47,7 @@ void raw_at_line(const request_frame &f) {
     memcpy(line + len, "\r\n", 3);
     // The answer comes back line by line as pass-through events.
     if (at_send(line, len + 2) == -1)
-        client_report(f.code, STATUS_FAIL, "at send error!");
+        at_report_send_failure(f.code);
 }
 
 void speak(const request_frame &f) {
@@ -274,7 +274,7 @@ int voice_dial(const char *number) {
     // Not a transaction: the module's answers come as call events.
     if (at_send(line, static_cast<size_t>(n)) == -1) {
         call_active_set(0);
-        client_report(304, STATUS_FAIL, "at send error!");
+        at_report_send_failure(304);
         return -1;
     }
     client_report(304, STATUS_OK, nullptr);

@@ -228,7 +228,7 @@ step push_file(image_file &f, const fota_variant &v, size_t chunk_size, int64_t 
             return step::failed;
         }
         if (at_send(buf, static_cast<size_t>(n)) == -1) {
-            report(STATUS_FAIL, "at send error!");
+            at_report_send_failure(FOTA_CODE);
             return step::failed;
         }
         sent += n;
@@ -351,16 +351,15 @@ int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_dela
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"FILE:%lld\"%s\r\n", file.size, v.file_suffix);
     else
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"%s\"\r\n", source);
-    // From here the module may reboot at any time; every end below hands it
-    // to the supervisor, whose reset or re-open clears the mark.
-    s.fota_active.store(1, std::memory_order_release);
     at_begin();
     if (at_send(cmd, strlen(cmd)) == -1) {
         at_abort();
-        s.fota_active.store(0, std::memory_order_release);
-        report(STATUS_FAIL, "at send error!");
+        at_report_send_failure(FOTA_CODE);
         return -1;
     }
+    // From here the module may reboot at any time; every end below hands it
+    // to the supervisor, whose reset or re-open clears the mark.
+    s.fota_active.store(1, std::memory_order_release);
     const size_t chunk = static_cast<size_t>(chunk_size < FOTA_CHUNK_MAX ? chunk_size : FOTA_CHUNK_MAX);
     const int64_t update_limit = limits.update_ms >= 0 ? limits.update_ms : fota_update_limit_ms(type);
     // Whole milliseconds, but a pause that was asked for is never dropped.

@@ -148,7 +148,7 @@ int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t
     at_begin();
     if (at_send(cmd, strlen(cmd)) == -1) {
         at_abort();
-        client_report(r.code, STATUS_FAIL, "at send error!");
+        at_report_send_failure(r.code);
         return -1;
     }
     prompt_wait p = wait_for_prompt();
@@ -161,7 +161,7 @@ int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t
     }
     if (at_send(body, body_len) == -1) {
         at_abort();
-        client_report(r.code, STATUS_FAIL, "at send error!");
+        at_report_send_failure(r.code);
         return -1;
     }
     *body_sent = true;

@@ -139,6 +139,19 @@ TEST(ReceiveThreadTest, AHungUpPortTellsTheModuleLeftAndEndsTheWaitingTransactio
     EXPECT_EQ(client.frames(), "");
 }
 
+// A write may meet the hung-up port before the receive thread does: the loss
+// is told then, and the request is refused as not ready, not failed.
+TEST(ReceiveThreadTest, AWriteToAHungUpPortTellsTheModuleLeft) {
+    fresh_state fresh;
+    at_port port;
+    client_end client;
+    port.hang_up();
+    EXPECT_EQ(at_send("ATI\r\n", 5), -1);
+    EXPECT_EQ(state().module_lost.load(), 1);
+    at_report_send_failure(51);
+    EXPECT_EQ(client.frames(), "1101 1 |51 13 |");
+}
+
 // The pty's slave stands for the module's ttyUSB node, opened by serial_open
 // while its line settings are still the cooked defaults.
 TEST(SerialTest, OpensRawAt115200WithNoFlowControl) {

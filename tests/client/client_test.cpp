@@ -128,12 +128,7 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
 // A root client's requests through the server, the emulated EC200T answering.
 class ServedTest : public testing::Test {
 protected:
-    ServedTest() {
-        daemon_state &s = state();
-        s.module_restarting = 0;
-        s.phase = module_phase::idle;
-        s.module_type = MODULE_EC200T;
-    }
+    ServedTest() { state().module_type = MODULE_EC200T; }
     void send(uint16_t code) {
         std::string raw = request_bytes(code);
         handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), ROOT);
@@ -183,10 +178,6 @@ TEST_F(ServedTest, AWorkersReplyNeverReachesTheNextClientOnTheSameNumber) {
 // Local codes are answered by handle_request itself, before it returns.
 class LocalCodeTest : public port_test {
 protected:
-    LocalCodeTest() {
-        state().module_restarting = 0;
-        state().phase = module_phase::idle;
-    }
     void send(const std::string &raw) {
         handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), from);
     }

@@ -127,6 +127,9 @@ at_port::at_port() {
         serial_open(&fd, ptsname(master_)) != 0)
         throw std::runtime_error("serial_open on a pty slave");
     state().at_fd.store(fd.load(), std::memory_order_release);
+    // The module's port is open: the module is served, as after start-up.
+    state().module_restarting.store(0, std::memory_order_release);
+    state().phase.store(module_phase::idle, std::memory_order_release);
 }
 
 at_port::~at_port() {
