@@ -22,9 +22,10 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=
 cmake --build "$build" -j "$(nproc)" --target fuzz_all
 
 mkdir -p "$build/artifacts"
-for exe in "$build"/fuzz/fuzz_*; do
-    name=${exe##*/fuzz_}
-    corpus=$build/corpus/$name
+# One target a core at a time: each writes its own log and status, read in order below.
+run_target() { # executable
+    local exe=$1 name=${1##*/fuzz_} max_len
+    local corpus=$build/corpus/$name
     mkdir -p "$corpus"
     if [ -d "fuzz/corpus/$name" ]; then
         cp -n fuzz/corpus/"$name"/* "$corpus"/ 2>/dev/null || true
@@ -32,11 +33,22 @@ for exe in "$build"/fuzz/fuzz_*; do
     # A request is one read of up to 1000 bytes; configuration lines are read
     # in pieces of 1023 bytes.
     case $name in request) max_len=1000 ;; config_file) max_len=2100 ;; *) max_len=600 ;; esac
-    echo "=== fuzz_$name: $what"
-    log=$build/fuzz_$name.log
-    if ! UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ASAN_OPTIONS=detect_leaks=1 \
+    local status=0
+    UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ASAN_OPTIONS=detect_leaks=1 \
         "$exe" "$limit" -max_len="$max_len" -print_final_stats=1 \
-        -artifact_prefix="$build/artifacts/$name-" "$corpus" >"$log" 2>&1; then
+        -artifact_prefix="$build/artifacts/$name-" "$corpus" >"$build/fuzz_$name.log" 2>&1 || status=$?
+    echo "$status" >"$build/fuzz_$name.status"
+}
+for exe in "$build"/fuzz/fuzz_*; do
+    while [ "$(jobs -rp | wc -l)" -ge "$(nproc)" ]; do wait -n || true; done
+    run_target "$exe" &
+done
+wait
+for exe in "$build"/fuzz/fuzz_*; do
+    name=${exe##*/fuzz_}
+    log=$build/fuzz_$name.log
+    echo "=== fuzz_$name: $what"
+    if [ "$(cat "$build/fuzz_$name.status")" != 0 ]; then
         tail -n 40 "$log"
         echo "fuzz_$name: finding, input left in $build/artifacts/"
         exit 1
