@@ -238,14 +238,8 @@ bool reopen_port(supervisor &sv) {
     char name[MODULE_NAME_SIZE] = {};
     if (module_find_at_port(sv.paths, name) != 0)
         return false;
-    char path[TEXT_FIELD_SIZE];
-    text_format(path, sizeof path, "%s/%s", sv.paths.dev_dir, name);
-    sleep_for(0, 100000); // the node follows the bus entry
-    if (serial_open(&s.at_fd, path) == -1) {
-        puts("Open at port failed!");
+    if (!module_open_port(sv.paths, name, &s.at_fd))
         daemon_exit(255);
-    }
-    text_set(s.at_port_path, path);
     supervisor_start_threads(sv);
     return true;
 }

@@ -61,6 +61,11 @@ void module_power_cycle(int power_line, int reset_line);
 // Discovery misses, 1 s apart, before the bring-up power-cycles the module.
 constexpr int BRING_UP_MISSES = 30;
 
+// Opens the AT port `at_name` under paths.dev_dir into `at_fd` (its node
+// follows the bus entry by up to 100 ms) and sets at_port_path; false after
+// "Open at port failed!".
+bool module_open_port(const module_paths &paths, const char *at_name, std::atomic<int32_t> *at_fd);
+
 // One look for the module: when it is there, its AT port is opened into
 // `at_fd` and net_if_name, ifdown_cmd and at_port_path are set.
 enum class module_open_result { opened, absent, failed };

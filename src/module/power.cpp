@@ -36,23 +36,28 @@ void module_power_cycle(int power_line, int reset_line) {
     }
 }
 
+bool module_open_port(const module_paths &paths, const char *at_name, std::atomic<int32_t> *at_fd) {
+    char device[TEXT_FIELD_SIZE];
+    text_format(device, sizeof device, "%s/%s", paths.dev_dir, at_name);
+    sleep_for(0, 100000); // the node follows the bus entry
+    if (serial_open(at_fd, device) == -1) {
+        puts("Open at port failed!");
+        return false;
+    }
+    text_set(state().at_port_path, device);
+    return true;
+}
+
 module_open_result module_try_open(const module_paths &paths, std::atomic<int32_t> *at_fd) {
     daemon_state &s = state();
     char at_name[MODULE_NAME_SIZE] = {};
     char net_name[MODULE_NAME_SIZE] = {};
     if (module_discover(paths, at_name, net_name) != 0)
         return module_open_result::absent;
-    char device[TEXT_FIELD_SIZE];
-    text_format(device, sizeof device, "%s/%s", paths.dev_dir, at_name);
     text_set(s.net_if_name, net_name);
     text_format(s.ifdown_cmd, sizeof s.ifdown_cmd, "ifconfig %s down", s.net_if_name);
-    sleep_for(0, 100000); // the node follows the bus entry
-    if (serial_open(at_fd, device) == -1) {
-        puts("Open at port failed!");
-        return module_open_result::failed;
-    }
-    text_set(s.at_port_path, device);
-    return module_open_result::opened;
+    return module_open_port(paths, at_name, at_fd) ? module_open_result::opened
+                                                   : module_open_result::failed;
 }
 
 int module_bring_up(const module_paths &paths, std::atomic<int32_t> *at_fd, int power_line,
