@@ -16,12 +16,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The first byte picks a destination size, small ones included.
     size_t room = size > 0 ? data[0] % 64 : 0;
 
-    std::unique_ptr<char[]> record(new char[SMS_RECORD_MAX]);
-    size_t n = sms_deliver_parse(pdu, size, record.get(), SMS_RECORD_MAX);
-    check(n == 0 || (n < SMS_RECORD_MAX && record[n] == '\0'));
-    std::unique_ptr<char[]> small(new char[room + 1]);
-    n = sms_deliver_parse(pdu, size, small.get(), room + 1);
-    check(n == 0 || (n <= room && small[n] == '\0'));
+    std::unique_ptr<sms_deliver> sms(new sms_deliver);
+    size_t n = 0;
+    if (sms_deliver_parse(pdu, size, sms.get())) {
+        check(sms->text_len <= sizeof sms->text);
+        check(strnlen(sms->sender, sizeof sms->sender) < sizeof sms->sender);
+        check(strnlen(sms->stamp, sizeof sms->stamp) == 14);
+        std::unique_ptr<char[]> record(new char[SMS_RECORD_MAX]);
+        n = sms_record_build(sms->sender, sms->stamp, sms->text, sms->text_len, record.get(),
+                             SMS_RECORD_MAX);
+        check(n > 0 && n < SMS_RECORD_MAX && record[n] == '\0');
+        std::unique_ptr<char[]> small(new char[room + 1]);
+        n = sms_record_build(sms->sender, sms->stamp, sms->text, sms->text_len, small.get(),
+                             room + 1);
+        check(n == 0 || (n <= room && small[n] == '\0'));
+    }
 
     std::unique_ptr<uint8_t[]> bytes(new uint8_t[room]);
     check(hex_to_bytes(bytes.get(), room, pdu, size) <= room);

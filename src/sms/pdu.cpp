@@ -3,6 +3,7 @@
 #include "core/convert.h"
 #include "core/report.h"
 #include "core/stats.h"
+#include "sms/alphabet.h"
 
 #include <cstdio>
 #include <cstring>
@@ -16,7 +17,6 @@ namespace {
 constexpr size_t ADDRESS_DIGITS_MAX = 20;
 constexpr size_t USER_DATA_MAX = 140;
 constexpr size_t NUMBER_MAX = 50;
-constexpr size_t TEXT_MAX = 500;
 
 constexpr int DCS_GSM7 = 0;
 constexpr int DCS_8BIT = 4;
@@ -114,41 +114,58 @@ bool time_stamp(pdu_cursor *c, struct tm *t) {
     return mktime(t) != static_cast<time_t>(-1);
 }
 
-// The text of the user data octets; returns its length or -1 for a coding
-// the client does not get.
-int user_text(int dcs, const uint8_t *ud, size_t n, char *text) {
+// The text of the user data octets into out->text; false for a coding the
+// client does not get.
+bool user_text(int dcs, const uint8_t *ud, size_t n, int udl, sms_deliver *out) {
     switch (dcs) {
-    case DCS_GSM7:
-        return static_cast<int>(gsm7_unpack(text, TEXT_MAX, ud, n));
-    case DCS_8BIT:
-        memcpy(text, ud, n);
-        return static_cast<int>(n);
-    case DCS_UCS2: {
-        size_t capacity = TEXT_MAX;
-        size_t written = ucs2_to_utf8(ud, n, reinterpret_cast<uint8_t *>(text), &capacity);
-        // The client's text ends at a NUL unit, and so does its announced length.
-        return static_cast<int>(strnlen(text, written));
+    case DCS_GSM7: {
+        uint8_t septets[USER_DATA_MAX * 8 / 7];
+        size_t count = gsm7_unpack_at(septets, sizeof septets, ud, n, 0, static_cast<size_t>(udl));
+        out->text_len = gsm7_to_utf8(septets, count, out->text, sizeof out->text);
+        return true;
     }
+    case DCS_8BIT:
+        memcpy(out->text, ud, n);
+        out->text_len = n;
+        return true;
+    case DCS_UCS2:
+        out->text_len = utf16_to_utf8(ud, n, out->text, sizeof out->text);
+        return true;
     default:
-        return -1;
+        return false;
     }
 }
 
 } // namespace
 
-size_t sms_deliver_parse(const char *pdu, size_t len, char *record, size_t record_size) {
-    if (!is_hex_line(pdu, len))
+size_t sms_record_build(const char *sender, const char *stamp, const char *text,
+                        size_t text_len, char *record, size_t size) {
+    if (text_len > SMS_TEXT_MAX)
         return 0;
+    int head = snprintf(record, size, "%02d%s14%s%03d", static_cast<int>(strlen(sender)), sender,
+                        stamp, static_cast<int>(text_len));
+    if (head < 0)
+        return 0;
+    size_t total = static_cast<size_t>(head) + text_len;
+    if (total + 1 > size)
+        return 0;
+    memcpy(record + head, text, text_len);
+    record[total] = '\0';
+    return total;
+}
+
+bool sms_deliver_parse(const char *pdu, size_t len, sms_deliver *out) {
+    if (!is_hex_line(pdu, len))
+        return false;
     pdu_cursor c{pdu, len};
-    char number[NUMBER_MAX];
     int dcs;
     int udl;
     struct tm t;
-    if (!skip_smsc(&c) || !c.address(number, sizeof number) || !c.skip(2) || !c.octet(&dcs) ||
-        !time_stamp(&c, &t) || !c.octet(&udl))
-        return 0;
+    if (!skip_smsc(&c) || !c.address(out->sender, sizeof out->sender) || !c.skip(2) ||
+        !c.octet(&dcs) || !time_stamp(&c, &t) || !c.octet(&udl))
+        return false;
     if (dcs != DCS_GSM7 && dcs != DCS_8BIT && dcs != DCS_UCS2)
-        return 0;
+        return false;
 
     // The user data is the rest of the line; its announced length, in
     // septets for 7-bit text, must not promise more than that.
@@ -156,23 +173,30 @@ size_t sms_deliver_parse(const char *pdu, size_t len, char *record, size_t recor
     size_t announced = dcs == DCS_GSM7 ? (static_cast<size_t>(udl) * 7 + 7) / 8
                                        : static_cast<size_t>(udl);
     if (n > USER_DATA_MAX || announced > n)
-        return 0;
+        return false;
+    n = announced;
     uint8_t ud[USER_DATA_MAX];
-    hex_to_bytes(ud, sizeof ud, c.p, c.left);
-    char text[TEXT_MAX];
-    int text_len = user_text(dcs, ud, n, text);
-    if (text_len < 0)
-        return 0;
-
-    int head = snprintf(record, record_size, "%02d%s%02d%04d%02d%02d%02d%02d%02d%03d",
-                        static_cast<int>(strlen(number)), number, 14, t.tm_year + 1900,
-                        t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, text_len);
-    size_t total = static_cast<size_t>(head) + static_cast<size_t>(text_len);
-    if (head < 0 || total + 1 > record_size)
-        return 0;
-    memcpy(record + head, text, static_cast<size_t>(text_len));
-    record[total] = '\0';
-    return total;
+    hex_to_bytes(ud, sizeof ud, c.p, 2 * n);
+    if (!user_text(dcs, ud, n, udl, out))
+        return false;
+    // Normalised fields stay in their widths: a two-digit year gives 2000 to 2099.
+    const int fields[6] = {t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec};
+    char *d = out->stamp;
+    for (int i = 0; i < 6; ++i) {
+        unsigned v = static_cast<unsigned>(fields[i]);
+        if (i == 0) {
+            *d++ = static_cast<char>('0' + v / 1000 % 10);
+            *d++ = static_cast<char>('0' + v / 100 % 10);
+        }
+        *d++ = static_cast<char>('0' + v / 10 % 10);
+        *d++ = static_cast<char>('0' + v % 10);
+    }
+    *d = '\0';
+    out->concatenated = false;
+    out->reference = 0;
+    out->part_count = 1;
+    out->part = 1;
+    return true;
 }
 
 bool sms_status_parse(const char *pdu, size_t len, int *status, int *reference) {
@@ -186,8 +210,10 @@ bool sms_status_parse(const char *pdu, size_t len, int *status, int *reference) 
 }
 
 void sms_deliver_decode(const char *pdu) {
+    static sms_deliver sms;
     char record[SMS_RECORD_MAX];
-    if (sms_deliver_parse(pdu, strlen(pdu), record, sizeof record) > 0) {
+    if (sms_deliver_parse(pdu, strlen(pdu), &sms) &&
+        sms_record_build(sms.sender, sms.stamp, sms.text, sms.text_len, record, sizeof record) > 0) {
         stat_add(stat_counter::sms_in);
         client_report(EVENT_SMS, STATUS_OK, record);
     }

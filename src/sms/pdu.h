@@ -8,25 +8,44 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr size_t SMS_RECORD_MAX = 500; // bytes of a record, terminator included
+// A record's text length has three digits; a sender is at most 20 digits or
+// 11 GSM characters, the time stamp 14 digits.
+constexpr size_t SMS_TEXT_MAX = 999;
+constexpr size_t SMS_SENDER_SIZE = 48;    // UTF-8, terminator included
+constexpr size_t SMS_PART_TEXT_MAX = 480; // one PDU's text as UTF-8
+constexpr size_t SMS_RECORD_MAX = 2 + SMS_SENDER_SIZE + 2 + 14 + 3 + SMS_TEXT_MAX + 1;
 
-// The record of one SMS-DELIVER: number length (2 digits), number ('+' first
-// for an international one), "14", the time stamp YYYYMMDDhhmmss, text length
-// (3 digits), text (7-bit characters, raw octets or UTF-8 from UCS-2).
-// The user data is the rest of the line: a 7-bit text of 7k octets thus ends
-// with a character of value 0, counted in the text length. The time stamp is
-// normalised as local time. Reads only the `len` characters of `pdu` (no
-// terminator needed). Returns the record's length in `record` (terminated;
-// a 7-bit text may hold bytes of value 0 before it), or 0 when the data
-// coding is not 7-bit, 8-bit or UCS-2 or the PDU does not add up:
+// One SMS-DELIVER taken apart. The text is UTF-8 for GSM 7-bit and UCS-2
+// coding, the raw octets for 8-bit data (then it may hold any byte).
+struct sms_deliver {
+    char sender[SMS_SENDER_SIZE]; // terminated; '+' first for an international number
+    char stamp[15];               // YYYYMMDDhhmmss, terminated
+    char text[SMS_PART_TEXT_MAX];
+    size_t text_len;
+    // A part of a concatenated message (user-data header element 00 or 08).
+    bool concatenated;
+    uint16_t reference;
+    uint8_t part_count; // 1 to 255
+    uint8_t part;       // 1 to part_count
+};
+
+// Writes the 1031 record of `sender`, `stamp` and `text_len` bytes of text:
+// sender length (2 digits), sender, "14", stamp, text length (3 digits),
+// text. Returns its length (terminated), or 0 when the text has more than
+// SMS_TEXT_MAX bytes or the record does not fit `size`.
+size_t sms_record_build(const char *sender, const char *stamp, const char *text,
+                        size_t text_len, char *record, size_t size);
+
+// Takes one SMS-DELIVER apart. Reads only the `len` characters of `pdu` (no
+// terminator needed). False, with `out` undefined, when the data coding gives
+// no event or the PDU does not add up:
 //  - an odd number of characters, or any character not '0'-'9' or 'A'-'F';
 //  - an SMSC length, address digit count or fixed field past the line's end,
 //    or an address of more than 20 digits;
 //  - a time-stamp field (year to second) that is not two decimal digits;
 //  - more than 140 octets of user data, or a user-data length (septets for
-//    7-bit) announcing more octets than the line carries;
-//  - a record longer than `record_size` - 1.
-size_t sms_deliver_parse(const char *pdu, size_t len, char *record, size_t record_size);
+//    7-bit) announcing more octets than the line carries.
+bool sms_deliver_parse(const char *pdu, size_t len, sms_deliver *out);
 
 // The status octet and the message reference of one status report; false
 // when the PDU does not add up (same rules for the characters, the lengths

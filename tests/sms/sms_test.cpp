@@ -143,7 +143,11 @@ struct status_vector {
 
 std::string parse_deliver(const std::string &pdu, size_t record_size = SMS_RECORD_MAX) {
     char record[SMS_RECORD_MAX];
-    return std::string(record, sms_deliver_parse(pdu.data(), pdu.size(), record, record_size));
+    sms_deliver sms;
+    if (!sms_deliver_parse(pdu.data(), pdu.size(), &sms))
+        return "";
+    return std::string(record, sms_record_build(sms.sender, sms.stamp, sms.text, sms.text_len,
+                                                record, record_size));
 }
 
 bool parse_status(const std::string &pdu, int *status, int *reference) {
