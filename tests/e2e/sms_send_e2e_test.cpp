@@ -60,6 +60,23 @@ TEST(SmsSendE2eTest, A400CharacterTextGoesOutAsThreePartsOfOneMessage) {
     EXPECT_EQ(cmgs_since(b.emu, from), want);
     std::string stats = b.client->ask_settled(913);
     EXPECT_NE(stats.find(" sms_out=1 "), std::string::npos) << stats;
+
+    // The same text from the command-line client: the next long message, so
+    // the next reference in every part's header.
+    b.client.reset(); // the tool is the client now
+    from = next_index(b.emu);
+    std::pair<int, std::string> run;
+    const std::string command = std::string(ZOLVIN_CTL_BIN) + " sms send " + v->destination + " '" + v->text + "'";
+    ASSERT_EQ(std::string(v->text).find('\''), std::string::npos);
+    b.board.in_network([&] { run = run_command(command); });
+    EXPECT_EQ(run.first, 0) << run.second;
+    EXPECT_EQ(run.second, "251 ok(0) 4,5,6\n");
+    for (std::string &w : want) {
+        size_t header = w.find("050003" + std::string("01"));
+        ASSERT_NE(header, std::string::npos);
+        w.replace(header + 6, 2, "02");
+    }
+    EXPECT_EQ(cmgs_since(b.emu, from), want);
 }
 
 TEST(SmsSendE2eTest, AfterARefusedTextModeSendAnIncomingSmsStillReachesTheClient) {
