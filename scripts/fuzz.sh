@@ -30,9 +30,9 @@ run_target() { # executable
     if [ -d "fuzz/corpus/$name" ]; then
         cp -n fuzz/corpus/"$name"/* "$corpus"/ 2>/dev/null || true
     fi
-    # A request is one read of up to 1000 bytes; configuration lines are read
-    # in pieces of 1023 bytes.
-    case $name in request) max_len=1000 ;; config_file) max_len=2100 ;; *) max_len=600 ;; esac
+    # A request is one read of up to 1000 bytes, an SMS text a field of up
+    # to 999; configuration lines are read in pieces of 1023 bytes.
+    case $name in request) max_len=1000 ;; sms_submit) max_len=1002 ;; config_file) max_len=2100 ;; *) max_len=600 ;; esac
     local status=0
     UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ASAN_OPTIONS=detect_leaks=1 \
         "$exe" "$limit" -max_len="$max_len" -print_final_stats=1 \

@@ -165,6 +165,8 @@ struct daemon_state {
     char operator_name[IDENTITY_SIZE];
     char signal_rssi[10];
     char smsc_number[20];
+    // The concatenation reference of the last long SMS sent (the worker's).
+    std::atomic<uint8_t> sms_reference{0};
 
     // Link check. The probe's socket, buffers and destination live on the
     // check thread's stack; only the sequence survives from one probe to the next.

@@ -1,5 +1,7 @@
 #include "sms/send.h"
 
+#include "sms/alphabet.h"
+
 #include "at/at.h"
 #include "core/convert.h"
 #include "core/daemon_state.h"
@@ -14,18 +16,25 @@
 namespace {
 
 constexpr char CTRL_Z = 0x1a;
+constexpr char ESC = 0x1b;
 constexpr uint32_t PROMPT_TIMEOUT_MS = 350;
 // The network may take its time to accept a message.
 constexpr uint32_t RESULT_TIMEOUT_MS = 120000;
 
 // 14 semi-octet digits, an 'F' pad and the terminator.
 constexpr size_t SEMI_OCTETS_SIZE = 20;
-constexpr size_t GSM7_CHARS_MAX = 160;
+// Text mode sends one message's characters.
+constexpr size_t TEXT_CHARS_MAX = 160;
 constexpr size_t USER_DATA_OCTETS_MAX = 140;
-// utf8_to_ucs2 is given 255 bytes, so at most 127 units: more than 140 octets
-// of user data anyway, cut below.
-constexpr size_t UCS2_CAPACITY = 255;
-constexpr size_t PACKED_SIZE = 256;
+// The concatenation header: its length, element 00 (8-bit reference) of
+// three octets, then reference, part count, part number.
+constexpr size_t CONCAT_HEADER_OCTETS = 6;
+// A 7-bit text after that header starts on a septet boundary: one fill bit.
+constexpr unsigned CONCAT_FILL_BITS = 1;
+constexpr size_t CONCAT_HEADER_SEPTETS = 7;
+constexpr uint8_t FIRST_OCTET_SUBMIT = 0x11; // SMS-SUBMIT, relative validity period
+constexpr uint8_t FIRST_OCTET_SRR = 0x20;    // status report requested
+constexpr uint8_t FIRST_OCTET_UDHI = 0x40;   // the user data begins with a header
 
 // The text-mode number's work area is 50 bytes, its terminator included.
 constexpr size_t TEXT_DESTINATION_MAX = 49;
@@ -54,26 +63,43 @@ struct pdu_writer {
         snprintf(hex, sizeof hex, "%02X", static_cast<unsigned>(v & 0xFF));
         put(hex, 2);
     }
+    void put_octets(const uint8_t *octets, size_t n) {
+        for (size_t i = 0; i < n; ++i)
+            put_octet(octets[i]);
+    }
 };
 
-// The user data in hexadecimal into `hex` (at most 280 characters); returns
-// the user-data length field: characters for 7-bit, octets for UCS-2.
-size_t user_data(uint8_t ucs2, const char *text, char (&hex)[2 * PACKED_SIZE]) {
-    uint8_t packed[PACKED_SIZE];
-    const auto *bytes = reinterpret_cast<const uint8_t *>(text);
-    size_t len = strlen(text);
-    if (!ucs2) {
-        size_t chars = len < GSM7_CHARS_MAX ? len : GSM7_CHARS_MAX;
-        size_t octets = gsm7_pack(packed, sizeof packed, bytes, chars);
-        hex[bytes_to_hex(hex, sizeof hex - 1, packed, octets)] = '\0';
-        return chars;
+bool is_high_surrogate(const uint8_t *unit) { return unit[0] >= 0xD8 && unit[0] <= 0xDB; }
+
+// One part's user data (header included) and its length field: septets for
+// 7-bit, octets for UCS-2. False when it would not fit 140 octets, which the
+// split's part sizes rule out.
+bool part_user_data(const sms_text_parts &t, size_t part, uint8_t reference, uint8_t *ud,
+                    size_t *ud_octets, size_t *udl) {
+    const uint8_t *data = t.data + t.start[part];
+    const size_t n = t.start[part + 1] - t.start[part];
+    size_t at = 0;
+    if (t.count > 1) {
+        const uint8_t header[CONCAT_HEADER_OCTETS] = {
+            5, 0x00, 3, reference, static_cast<uint8_t>(t.count), static_cast<uint8_t>(part + 1)};
+        memcpy(ud, header, sizeof header);
+        at = sizeof header;
     }
-    size_t capacity = UCS2_CAPACITY;
-    size_t octets = utf8_to_ucs2(bytes, len, packed, &capacity);
-    if (octets > USER_DATA_OCTETS_MAX)
-        octets = USER_DATA_OCTETS_MAX;
-    hex[bytes_to_hex(hex, sizeof hex - 1, packed, octets)] = '\0';
-    return octets;
+    if (t.ucs2) {
+        if (n > USER_DATA_OCTETS_MAX - at)
+            return false;
+        memcpy(ud + at, data, n);
+        *ud_octets = at + n;
+        *udl = at + n;
+        return true;
+    }
+    size_t packed = gsm7_pack_at(ud + at, USER_DATA_OCTETS_MAX - at, data, n,
+                                 at != 0 ? CONCAT_FILL_BITS : 0);
+    if (packed == 0 && n > 0)
+        return false;
+    *ud_octets = at + packed;
+    *udl = (at != 0 ? CONCAT_HEADER_SEPTETS : 0) + n;
+    return true;
 }
 
 // How one "AT+CMGS" exchange differs between the two codes.
@@ -110,11 +136,17 @@ prompt_wait wait_for_prompt() {
     return prompt_wait::timed_out;
 }
 
-int wait_for_result(const cmgs_rules &r, const char *body) {
+// With `part_ref`, "OK" hands the reference over and leaves the success
+// report to the caller, which has more parts to send.
+int wait_for_result(const cmgs_rules &r, const char *body, char (*part_ref)[SMS_MESSAGE_REF_SIZE]) {
     const int64_t deadline = monotonic_ms() + RESULT_TIMEOUT_MS;
     char ref[SMS_MESSAGE_REF_SIZE] = "";
     char line[RING_LINE_SIZE];
     while (at_next_line(line, sizeof line, deadline)) {
+        if (has_prefix(line, "OK") && part_ref != nullptr) {
+            memcpy(*part_ref, ref, sizeof ref);
+            return 0;
+        }
         if (has_prefix(line, "OK")) {
             // Counted before the reply, so a 913 asked on it includes this message.
             stat_add(stat_counter::sms_out);
@@ -141,9 +173,10 @@ int wait_for_result(const cmgs_rules &r, const char *body) {
 
 // The command, the prompt, the body (Ctrl-Z included), the result: one
 // transaction, so nothing else reaches the module between command and body.
-// *body_sent tells whether the module took a body.
+// *body_sent tells whether the module took a body; `part_ref` as for
+// wait_for_result.
 int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t body_len,
-                  bool *body_sent) {
+                  bool *body_sent, char (*part_ref)[SMS_MESSAGE_REF_SIZE] = nullptr) {
     *body_sent = false;
     at_begin();
     if (at_send(cmd, strlen(cmd)) == -1) {
@@ -165,7 +198,7 @@ int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t
         return -1;
     }
     *body_sent = true;
-    int result = wait_for_result(r, body);
+    int result = wait_for_result(r, body, part_ref);
     at_finish();
     return result;
 }
@@ -194,78 +227,141 @@ bool cmgs_reference(const char *line, char (&ref)[SMS_MESSAGE_REF_SIZE]) {
     return true;
 }
 
+bool sms_text_split(uint8_t ucs2, const char *text, size_t len, sms_text_parts *out) {
+    out->ucs2 = ucs2;
+    out->count = 0;
+    int encoded = ucs2 ? utf8_to_utf16(text, len, out->data, sizeof out->data)
+                       : utf8_to_gsm7(text, len, out->data, sizeof out->data);
+    if (encoded < 0)
+        return false;
+    // Counted in septets or in UTF-16 units.
+    const size_t unit = ucs2 ? 2 : 1;
+    const size_t n = static_cast<size_t>(encoded) / unit;
+    const size_t whole = ucs2 ? SMS_UNITS_MAX : SMS_SEPTETS_MAX;
+    const size_t part = ucs2 ? SMS_PART_UNITS : SMS_PART_SEPTETS;
+    out->start[0] = 0;
+    if (n <= whole) {
+        out->count = 1;
+        out->start[1] = n * unit;
+        return true;
+    }
+    size_t at = 0;
+    while (at < n) {
+        if (out->count == SMS_PARTS_MAX)
+            return false;
+        size_t end = at + part < n ? at + part : n;
+        // An escape (it is never an extension code itself) or a high
+        // surrogate left last would be parted from what it belongs to.
+        if (end < n && (ucs2 ? is_high_surrogate(out->data + (end - 1) * 2)
+                             : out->data[end - 1] == GSM7_ESCAPE))
+            --end;
+        out->start[++out->count] = end * unit;
+        at = end;
+    }
+    return true;
+}
+
 bool sms_submit_build(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
-                      int validity, uint8_t status_report, sms_submit_pdu *out) {
+                      int validity, uint8_t status_report, uint8_t reference, sms_submit *out) {
+    out->count = 0;
     if (validity < 0 || validity > 255 || !dialable(destination, false) || !dialable(smsc, true))
         return false;
-    if (!ucs2) {
-        // The packing keeps 7 bits of each character: a higher byte would be garbled.
-        for (const char *c = text; *c != '\0'; ++c) {
-            if (static_cast<unsigned char>(*c) > 127)
-                return false;
-        }
-    }
     char smsc_semi[SEMI_OCTETS_SIZE];
     char dest_semi[SEMI_OCTETS_SIZE];
     int smsc_len = number_to_semi_octets(smsc, smsc_semi, sizeof smsc_semi);
     int dest_len = number_to_semi_octets(destination, dest_semi, sizeof dest_semi);
     if (smsc_len < 0 || dest_len < 0)
         return false;
-    char ud_hex[2 * PACKED_SIZE];
-    size_t ud_len = user_data(ucs2, text, ud_hex);
-
-    pdu_writer w{out->text, sizeof out->text};
-    w.put_octet(static_cast<size_t>(smsc_len + 2) / 2);
-    w.put("91");
-    w.put(smsc_semi);
-    const size_t smsc_part = w.len;
-    // SMS-SUBMIT with a relative validity period; the module sets the reference.
-    w.put(status_report ? "3100" : "1100");
-    w.put_octet(strlen(destination) - (destination[0] == '+' ? 1 : 0));
-    // A number that begins with 86 is taken as international.
-    w.put(has_prefix(dest_semi, "68") ? "91" : "81");
-    w.put(dest_semi);
-    w.put("00");
-    w.put(ucs2 ? "08" : "00");
-    w.put_octet(static_cast<size_t>(validity));
-    w.put_octet(ud_len);
-    w.put(ud_hex);
-    w.put(&CTRL_Z, 1);
-    if (!w.ok)
+    sms_text_parts t;
+    if (!sms_text_split(ucs2, text, strlen(text), &t))
         return false;
-    out->len = w.len;
-    out->tpdu_octets = static_cast<int>((w.len - smsc_part) / 2);
+    const bool international = destination[0] == '+' || has_prefix(destination, "86");
+    uint8_t first = FIRST_OCTET_SUBMIT | (status_report ? FIRST_OCTET_SRR : 0) |
+                    (t.count > 1 ? FIRST_OCTET_UDHI : 0);
+    for (size_t i = 0; i < t.count; ++i) {
+        uint8_t ud[USER_DATA_OCTETS_MAX];
+        size_t ud_octets, udl;
+        if (!part_user_data(t, i, reference, ud, &ud_octets, &udl))
+            return false;
+        sms_submit_pdu &pdu = out->parts[i];
+        pdu_writer w{pdu.text, sizeof pdu.text};
+        w.put_octet(static_cast<size_t>(smsc_len + 2) / 2);
+        w.put("91");
+        w.put(smsc_semi);
+        const size_t smsc_part = w.len;
+        // The module sets the message reference.
+        w.put_octet(first);
+        w.put("00");
+        w.put_octet(strlen(destination) - (destination[0] == '+' ? 1 : 0));
+        // A number given with '+', or beginning with 86, is international.
+        w.put(international ? "91" : "81");
+        w.put(dest_semi);
+        w.put("00");
+        w.put(ucs2 ? "08" : "00");
+        w.put_octet(static_cast<size_t>(validity));
+        w.put_octet(udl);
+        w.put_octets(ud, ud_octets);
+        w.put(&CTRL_Z, 1);
+        if (!w.ok)
+            return false;
+        pdu.len = w.len;
+        pdu.tpdu_octets = static_cast<int>((w.len - smsc_part) / 2);
+    }
+    out->count = t.count;
     return true;
 }
 
 int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
                  int validity, uint8_t status_report) {
     const bool stored_smsc = strncmp(smsc, "DEFAULT", 7) == 0;
-    sms_submit_pdu pdu;
+    daemon_state &s = state();
+    // A long message takes the next reference; one that fits takes none.
+    const uint8_t reference = static_cast<uint8_t>(s.sms_reference.load() + 1);
+    sms_submit message;
     // Built before anything reaches the module, so a refused request sends
     // nothing; with the stored centre it is built again below.
     if (!sms_submit_build(ucs2, stored_smsc ? "" : smsc, destination, text, validity,
-                          status_report, &pdu)) {
+                          status_report, reference, &message)) {
         client_report(SMS_SEND_PDU_CODE, STATUS_BAD_PARAM, nullptr);
         return -1;
     }
     // A failed switch is not fatal: the module may be in PDU mode already.
     set_cmgf(0, 0);
     if (stored_smsc) {
-        daemon_state &s = state();
         if (s.smsc_number[0] == '\0')
             get_csca(0);
         // The module's centre may be longer than a PDU address holds.
         if (!sms_submit_build(ucs2, s.smsc_number, destination, text, validity, status_report,
-                              &pdu)) {
+                              reference, &message)) {
             client_report(SMS_SEND_PDU_CODE, STATUS_BAD_PARAM, nullptr);
             return -1;
         }
     }
-    char cmd[24];
-    snprintf(cmd, sizeof cmd, "AT+CMGS=%d\r", pdu.tpdu_octets);
-    bool body_sent;
-    return cmgs_exchange(PDU_RULES, cmd, pdu.text, pdu.len, &body_sent);
+    if (message.count > 1)
+        s.sms_reference.store(reference);
+    // Up to 10 references of up to 10 characters, joined by ','.
+    char refs[SMS_PARTS_MAX * SMS_MESSAGE_REF_SIZE] = "";
+    size_t refs_len = 0;
+    for (size_t i = 0; i < message.count; ++i) {
+        const sms_submit_pdu &pdu = message.parts[i];
+        char cmd[24];
+        snprintf(cmd, sizeof cmd, "AT+CMGS=%d\r", pdu.tpdu_octets);
+        bool body_sent;
+        char ref[SMS_MESSAGE_REF_SIZE];
+        // A failing part has reported itself; the parts after it are not sent.
+        if (cmgs_exchange(PDU_RULES, cmd, pdu.text, pdu.len, &body_sent, &ref) != 0)
+            return -1;
+        if (i > 0)
+            refs[refs_len++] = ',';
+        size_t n = strnlen(ref, sizeof ref - 1);
+        memcpy(refs + refs_len, ref, n);
+        refs_len += n;
+        refs[refs_len] = '\0';
+    }
+    // Counted before the reply, so a 913 asked on it includes this message.
+    stat_add(stat_counter::sms_out);
+    client_report(SMS_SEND_PDU_CODE, STATUS_OK, refs);
+    return 0;
 }
 
 void sms_send_text(const char *destination, const char *text) {
@@ -288,15 +384,20 @@ void sms_send_text(const char *destination, const char *text) {
     char cmd[TEXT_DESTINATION_MAX + 16];
     snprintf(cmd, sizeof cmd, "AT+CMGS=\"%s\"\r\n", destination);
     // One message's characters, Ctrl-Z and the terminator.
-    char body[GSM7_CHARS_MAX + 2];
-    size_t len = strnlen(text, GSM7_CHARS_MAX);
+    char body[TEXT_CHARS_MAX + 2];
+    size_t len = strnlen(text, TEXT_CHARS_MAX);
     memcpy(body, text, len);
     body[len] = CTRL_Z;
     body[len + 1] = '\0';
     bool body_sent;
-    cmgs_exchange(TEXT_RULES, cmd, body, len + 1, &body_sent);
-    // The receive side reads PDUs. Without a body taken, the module may still
-    // wait for one and would swallow the switch; the next PDU send makes it.
-    if (body_sent)
-        set_cmgf(0, 0);
+    if (cmgs_exchange(TEXT_RULES, cmd, body, len + 1, &body_sent) != 0) {
+        // The module may still wait for a body (a late prompt, a result that
+        // never came): ESC cancels it, and a module back at its command line
+        // passes over a byte before "AT". Without it the switch below would
+        // become the message.
+        at_send(&ESC, 1);
+    }
+    // The receive side reads PDUs: in text mode incoming messages would come
+    // as text, which it cannot take apart.
+    set_cmgf(0, 0);
 }

@@ -57,12 +57,12 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
         {EC20, request_bytes(360, {"1"}), "360 20 |"},
     };
     // SMS refused before any module traffic, even with no centre stored: a number
-    // of 15 digits or with other characters, a 7-bit text above 127, a validity
-    // that is no octet.
+    // of 15 digits or with other characters, a 7-bit text with a character in
+    // neither GSM table, a validity that is no octet.
     const std::vector<std::string> sms = {"0", "DEFAULT", "10086", "hi", "167", "0"};
     const std::pair<size_t, const char *> bad_sms[] = {
         {2, "+861391234567890"}, {1, "123456789012345"}, {2, "1008#"}, {2, "+"}, {1, "+86 138"},
-        {3, "caf\xC3\xA9"},     {4, "256"},             {4, "1x"}};
+        {3, "caf\xE4\xB8\xAD"},     {4, "256"},             {4, "1x"}};
     for (const auto &[field, value] : bad_sms) {
         std::vector<std::string> f = sms;
         f[field] = value;

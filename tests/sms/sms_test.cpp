@@ -37,18 +37,19 @@ TEST(SmsSubmitTest, BuildsTheHandCheckedPdus) {
     } cases[] = {
         {1, "8613800100500", "10086", "\xE4\xBD\xA0\xE5\xA5\xBD", 0, 1,
          "0891683108100005F0" "310005810180F6" "000800" "044F60597D", 15},
-        // Cut to 160 characters in 140 octets, and to 70 UCS-2 characters.
-        {0, "12345678901", "10086", std::string(200, 'a'), 255, 0,
+        // 160 characters in 140 octets, and 70 UCS-2 characters: still one message.
+        {0, "12345678901", "10086", std::string(160, 'a'), 255, 0,
          "07912143658709F1" "110005810180F6" "0000FF" "A0" + times("E170381C0E87C3", 20), 151},
-        {1, "12345678901", "12345678901234", times("\xE4\xBD\xA0", 100), 1, 0,
+        {1, "12345678901", "12345678901234", times("\xE4\xBD\xA0", 70), 1, 0,
          "07912143658709F1" "11000E8121436587092143" "000801" "8C" + times("4F60", 70), 155},
     };
     for (const auto &c : cases) {
-        sms_submit_pdu pdu;
+        sms_submit m;
         ASSERT_TRUE(sms_submit_build(c.ucs2, c.smsc, c.destination, c.text.c_str(), c.validity,
-                                     c.status_report, &pdu));
-        EXPECT_EQ(std::string(pdu.text, pdu.len), c.pdu + "\x1a");
-        EXPECT_EQ(pdu.tpdu_octets, c.tpdu_octets) << c.pdu;
+                                     c.status_report, 0, &m));
+        ASSERT_EQ(m.count, 1u);
+        EXPECT_EQ(std::string(m.parts[0].text, m.parts[0].len), c.pdu + "\x1a");
+        EXPECT_EQ(m.parts[0].tpdu_octets, c.tpdu_octets) << c.pdu;
     }
 }
 
@@ -97,9 +98,14 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
          "252 0 |", "+CMGS: 1|", {"AT+CMGF=1", "AT+CMGS=\"10086\" [say \"hi\"\r\nbye]", "AT+CMGF=0"}},
         {[](emu &m) { m.set_reply("AT+CMGF=1", modem_reply::error()); }, text_hi, std::nullopt,
          "252 1 set_cmgf|", "", {"AT+CMGF=1", "AT+CMGF=0"}},
-        // A module that may still wait for the body is not sent the switch back.
+        // A module that may still wait for the body has it cancelled before
+        // the switch back; a refused prompt or body is switched back too.
         {on_cmgs(modem_reply::standard().until_released()), text_hi, std::nullopt,
-         "252 1 time out|", ">|", {"AT+CMGF=1", "AT+CMGS=\"10086\" [esc ]"}, true},
+         "252 1 time out|", ">|OK|OK|", {"AT+CMGF=1", "AT+CMGS=\"10086\" [esc ]", "AT+CMGF=0"}, true},
+        {on_cmgs(modem_reply::error()), text_hi, std::nullopt, "252 1 |", "",
+         {"AT+CMGF=1", "AT+CMGS=\"10086\"", "AT+CMGF=0"}},
+        {on_cmgs(modem_reply::cms_error(500).for_body()), text_hi, std::nullopt, "252 1 |",
+         "+CMS ERROR: 500|", {"AT+CMGF=1", "AT+CMGS=\"10086\" [hi]", "AT+CMGF=0"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.reports);
@@ -118,7 +124,7 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
         b->port.module().inject_line("MARK");
         EXPECT_EQ(urc_before("MARK"), c.urc);
         if (c.held)
-            at_send("\x1b", 1); // ends the awaited body, showing what was sent after the prompt
+            at_send("\x1b", 1); // ends a body still awaited, showing what was sent after the prompt
         at_send("AT+END\r", 7);
         ASSERT_TRUE(b->port.module().wait_for_command("AT+END", 3000));
         std::vector<std::string> got;

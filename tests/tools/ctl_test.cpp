@@ -77,6 +77,41 @@ TEST(CtlTest, WordsBecomeTheRequestFrames) {
     }
 }
 
+TEST(CtlTest, SmsTextsOfAnyLengthGoInTheirCodingWithTimeForEveryPart) {
+    const std::string euro = "\xE2\x82\xAC", cjk = "\xE4\xB8\xAD";
+    auto times = [](const std::string &s, size_t n) {
+        std::string out;
+        while (n-- > 0)
+            out += s;
+        return out;
+    };
+    const struct {
+        std::string text;
+        const char *coding;
+        int parts; // of the time a message may take
+    } cases[] = {
+        {"caf\xC3\xA9 [ok] " + euro, "0", 1}, // accents and extension characters are GSM
+        {"`", "1", 1},                          // ASCII, but in neither GSM table
+        {"\t", "1", 1},
+        {std::string(160, 'a'), "0", 1},
+        {std::string(400, 'a'), "0", 3},
+        {std::string(900, 'a'), "0", 6},
+        {times(euro, 300), "0", 4},             // 600 septets
+        {times(cjk, 300), "1", 5},              // 900 bytes, 300 units
+    };
+    for (const auto &c : cases) {
+        ctl::command cmd = parsed({"sms", "send", "10086", c.text});
+        ASSERT_EQ(cmd.steps.size(), 1u);
+        EXPECT_EQ(cmd.steps[0].fields.at(0), c.coding) << c.text.size();
+        EXPECT_EQ(cmd.steps[0].fields.at(3), c.text);
+        EXPECT_EQ(cmd.steps[0].timeout_ms, c.parts * ctl::default_timeout_ms(251)) << c.text.size();
+    }
+    // Only the frame bounds a text: 1000 bytes with the other fields.
+    ctl::command too_long;
+    std::string error;
+    EXPECT_FALSE(ctl::parse_command({"sms", "send", "10086", std::string(990, 'a')}, &too_long, &error));
+}
+
 TEST(CtlTest, RepliesEndTheRequestAndArePrintedOnOneLine) {
     ctl::request query;
     query.code = 561;

@@ -1,6 +1,7 @@
 #include "ctl/ctl.h"
 
 #include "core/frames.h"
+#include "sms/alphabet.h"
 
 #include <algorithm>
 #include <cctype>
@@ -192,9 +193,23 @@ bool build_sms(const args &a, command *out, std::string *error) {
     const std::string &number = a[i], &text = a[i + 1];
     if (text_mode)
         return single(out, make(252, {number, text}));
-    bool ascii = std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; });
-    return single(out, make(251, {ascii ? "0" : "1", "DEFAULT", number, text, validity,
-                                  report ? "1" : "0"}));
+    // 7-bit when every character is in the GSM alphabet or its extension
+    // table, else UCS-2 (which the daemon refuses for malformed UTF-8).
+    std::vector<uint8_t> encoded(2 * text.size() + 2);
+    int septets = utf8_to_gsm7(text.data(), text.size(), encoded.data(), encoded.size());
+    bool seven = septets >= 0;
+    int octets = seven ? 0 : utf8_to_utf16(text.data(), text.size(), encoded.data(), encoded.size());
+    size_t units = octets > 0 ? static_cast<size_t>(octets) / 2 : 0;
+    if (!single(out, make(251, {seven ? "0" : "1", "DEFAULT", number, text, validity,
+                                report ? "1" : "0"})))
+        return false;
+    // A long text goes out part by part, each of which the module may take
+    // its two minutes over. A part holds at least 152 septets or 66 units.
+    size_t n = seven ? static_cast<size_t>(septets) : units;
+    size_t parts = n <= (seven ? 160u : 70u) ? 1 : (n + (seven ? 151 : 65)) / (seven ? 152 : 66);
+    parts = std::min<size_t>(parts, 10);
+    out->steps[0].timeout_ms = static_cast<int>(parts) * default_timeout_ms(251);
+    return true;
 }
 
 bool build_raw(const args &a, command *out, std::string *error) {
@@ -673,7 +688,8 @@ bool parse_command(const std::vector<std::string> &words, command *out, std::str
         if (!c.build(a, out, error))
             return false;
         for (request &r : out->steps) {
-            r.timeout_ms = default_timeout_ms(r.code);
+            if (r.timeout_ms == 0)
+                r.timeout_ms = default_timeout_ms(r.code);
             if (encode(r, error).empty())
                 return false;
         }

@@ -327,6 +327,10 @@ std::string modem_emulator::control_answer(const std::string &line) {
         inject_lines(std::vector<std::string>(w.begin() + 1, w.end()));
         return "ok\n";
     }
+    if (op == "sms" && w.size() == 5) {
+        deliver_sms(w[1], w[2], w[3], w[4]);
+        return "ok\n";
+    }
     if (op == "inject-raw" && w.size() == 2) {
         std::string bytes;
         if (!control_unhex(w[1], &bytes))
@@ -545,6 +549,11 @@ bool modem_control::inject_lines(const std::vector<std::string> &lines) {
     std::vector<std::string> w = {"inject"};
     w.insert(w.end(), lines.begin(), lines.end());
     return request(w, REQUEST_TIMEOUT_MS);
+}
+
+bool modem_control::deliver_sms(const std::string &pdu, const std::string &number,
+                                const std::string &stamp, const std::string &text) {
+    return request({"sms", pdu, number, stamp, text}, REQUEST_TIMEOUT_MS);
 }
 
 bool modem_control::inject_raw(const std::string &bytes) {

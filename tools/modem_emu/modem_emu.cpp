@@ -257,6 +257,23 @@ void modem_emulator::inject_raw(const std::string &bytes) {
     wake();
 }
 
+void modem_emulator::deliver_sms(const std::string &pdu, const std::string &number,
+                                 const std::string &stamp, const std::string &text) {
+    bool text_mode;
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        text_mode = session_->text_mode;
+    }
+    if (text_mode) {
+        inject_lines({"+CMT: \"" + number + "\",,\"" + stamp + "\"", text});
+        return;
+    }
+    // The length counts the TPDU's octets, without the centre's address.
+    size_t centre = pdu.size() >= 2 ? std::strtoul(pdu.substr(0, 2).c_str(), nullptr, 16) : 0;
+    size_t octets = pdu.size() / 2 > centre + 1 ? pdu.size() / 2 - centre - 1 : 0;
+    inject_lines({"+CMT: ," + std::to_string(octets), pdu});
+}
+
 void modem_emulator::release() {
     std::lock_guard<std::mutex> lock(mu_);
     int64_t now = monotonic_ms();
@@ -496,6 +513,10 @@ void modem_emulator::feed(const char *data, size_t len, int64_t now) {
             }
             break;
         case input_mode::command:
+            // ESC cancels a message body; at the command line there is
+            // nothing to cancel and the module passes over it unechoed.
+            if (c == ESC)
+                break;
             echo_byte(c, now);
             if (c == '\r') {
                 skip_lf_ = true;

@@ -133,6 +133,12 @@ public:
     void inject_line(const std::string &line);
     void inject_lines(const std::vector<std::string> &lines);
     void inject_raw(const std::string &bytes);
+    // An incoming SMS, announced as the module's message format (AT+CMGF)
+    // has it: in PDU mode "+CMT: ,<TPDU octets>" and `pdu` (hexadecimal,
+    // service-centre address first), in text mode "+CMT: \"<number>\",,
+    // \"<stamp>\"" and `text`. The caller gives both forms of one message.
+    void deliver_sms(const std::string &pdu, const std::string &number, const std::string &stamp,
+                     const std::string &text);
 
     // Sends the held answer and those held behind it, in order, at once.
     void release();
@@ -281,6 +287,8 @@ public:
     bool inject_line(const std::string &line);
     bool inject_lines(const std::vector<std::string> &lines);
     bool inject_raw(const std::string &bytes);
+    bool deliver_sms(const std::string &pdu, const std::string &number, const std::string &stamp,
+                     const std::string &text);
     bool release();
     bool set_echo_dropped(bool dropped);
     bool set_silent(bool silent);

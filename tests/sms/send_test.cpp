@@ -1,0 +1,284 @@
+// Sent SMS against an independent codec's PDUs (the GSM alphabet and its
+// extension table, UCS-2 with surrogate pairs, concatenated parts and their
+// cuts, refusals), and long messages sent part by part to the emulated module.
+#include "at/at.h"
+#include "core/daemon_state.h"
+#include "core/text.h"
+#include "sms/alphabet.h"
+#include "sms/send.h"
+#include "support/test_support.h"
+
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct submit_vector {
+    const char *what;
+    uint8_t ucs2;
+    const char *smsc, *destination, *text;
+    int validity;
+    uint8_t status_report, reference;
+    size_t parts; // 0: refused
+    std::vector<size_t> sizes; // septets or UTF-16 units of each part
+    std::vector<int> tpdu_octets;
+    std::vector<std::string> pdus; // without their Ctrl-Z
+};
+
+#include "sms/submit_vectors.inc"
+
+const submit_vector &vector_named(const std::string &prefix) {
+    for (const submit_vector &v : SUBMIT_VECTORS) {
+        if (std::string(v.what).rfind(prefix, 0) == 0)
+            return v;
+    }
+    ADD_FAILURE() << "no vector " << prefix;
+    return SUBMIT_VECTORS[0];
+}
+
+TEST(SmsSubmitVectorTest, AgreesWithIndependentCodec) {
+    for (const submit_vector &v : SUBMIT_VECTORS) {
+        SCOPED_TRACE(v.what);
+        sms_text_parts t;
+        bool split = sms_text_split(v.ucs2, v.text, strlen(v.text), &t);
+        sms_submit m;
+        bool built = sms_submit_build(v.ucs2, v.smsc, v.destination, v.text, v.validity,
+                                      v.status_report, v.reference, &m);
+        EXPECT_EQ(split, v.parts > 0);
+        ASSERT_EQ(built, v.parts > 0);
+        if (!built)
+            continue;
+        ASSERT_EQ(t.count, v.parts);
+        ASSERT_EQ(m.count, v.parts);
+        for (size_t i = 0; i < v.parts; ++i) {
+            EXPECT_EQ((t.start[i + 1] - t.start[i]) / (v.ucs2 ? 2 : 1), v.sizes[i]) << i;
+            EXPECT_EQ(std::string(m.parts[i].text, m.parts[i].len), v.pdus[i] + "\x1a") << i;
+            EXPECT_EQ(m.parts[i].tpdu_octets, v.tpdu_octets[i]) << i;
+        }
+    }
+}
+
+TEST(SmsSubmitVectorTest, RefusesWhatCannotBeSentAsGiven) {
+    const std::string ok = "hello";
+    const struct {
+        const char *what;
+        uint8_t ucs2;
+        const char *smsc, *destination;
+        std::string text;
+        int validity;
+    } cases[] = {
+        {"a cut UTF-8 sequence, 7-bit", 0, "123", "10086", "ab\xC3", 0},
+        {"a cut UTF-8 sequence, UCS-2", 1, "123", "10086", "ab\xE4\xBD", 0},
+        {"a surrogate written in UTF-8", 1, "123", "10086", "\xED\xA0\x80", 0},
+        {"an overlong form", 0, "123", "10086", "\xC1\x81", 0},
+        {"a stray continuation byte", 1, "123", "10086", "a\x80" "b", 0},
+        {"U+0000 has no GSM character", 0, "123", "10086", std::string("a\0b", 3), 0},
+        {"a tab is no GSM character", 0, "123", "10086", "a\tb", 0},
+        {"validity above 255", 0, "123", "10086", ok, 256},
+        {"validity below 0", 0, "123", "10086", ok, -1},
+        {"a destination of 15 digits", 0, "123", "+123456789012345", ok, 0},
+        {"an empty destination", 0, "123", "+", ok, 0},
+        {"a centre with a letter", 0, "12a", "10086", ok, 0},
+    };
+    for (const auto &c : cases) {
+        sms_submit m;
+        // The text is handed over as a C string: a NUL ends it early, so the
+        // bytes after it are checked through the split directly.
+        if (c.text.find('\0') != std::string::npos) {
+            sms_text_parts t;
+            EXPECT_FALSE(sms_text_split(c.ucs2, c.text.data(), c.text.size(), &t)) << c.what;
+            continue;
+        }
+        EXPECT_FALSE(sms_submit_build(c.ucs2, c.smsc, c.destination, c.text.c_str(), c.validity,
+                                      0, 0, &m))
+            << c.what;
+    }
+    // The limits themselves are accepted: an empty text is one empty message.
+    sms_submit m;
+    ASSERT_TRUE(sms_submit_build(0, "", "10086", "", 255, 0, 0, &m));
+    EXPECT_EQ(std::string(m.parts[0].text), "0191" "110005810180F60000FF00\x1a");
+}
+
+TEST(SmsSubmitVectorTest, CutsKeepEscapeAndSurrogatePairsWholeAtEveryPart) {
+    // An extension character straddling every cut, and the same with emoji.
+    std::string seven, sixteen;
+    for (int i = 0; i < 4; ++i) {
+        // After the first cut a part begins with the pair: two fewer fill it.
+        seven += std::string(i == 0 ? 152 : 150, 'a') + "\xE2\x82\xAC"; // euro
+        sixteen += std::string(i == 0 ? 66 : 64, 'a') + "\xF0\x9F\x98\x80";
+    }
+    for (const std::string *text : {&seven, &sixteen}) {
+        uint8_t ucs2 = text == &sixteen;
+        sms_text_parts t;
+        ASSERT_TRUE(sms_text_split(ucs2, text->data(), text->size(), &t));
+        ASSERT_EQ(t.count, 5u);
+        for (size_t i = 0; i < t.count; ++i) {
+            size_t first = t.start[i], last = t.start[i + 1] - (ucs2 ? 2 : 1);
+            // No part ends on an escape or a high surrogate, none begins with a low surrogate.
+            if (ucs2) {
+                EXPECT_FALSE(t.data[last] >= 0xD8 && t.data[last] <= 0xDB) << i;
+                EXPECT_FALSE(t.data[first] >= 0xDC && t.data[first] <= 0xDF) << i;
+            } else {
+                EXPECT_NE(t.data[last], GSM7_ESCAPE) << i;
+            }
+            size_t room = ucs2 ? 2 * SMS_PART_UNITS : SMS_PART_SEPTETS;
+            EXPECT_LE(t.start[i + 1] - first, room) << i;
+        }
+        EXPECT_EQ(t.start[1], ucs2 ? 132u : 152u);
+        EXPECT_EQ(t.start[5] - t.start[4], ucs2 ? 4u : 2u);
+    }
+}
+
+// Long messages through the emulated module, part by part.
+struct SmsLongSendTest : testing::Test, emulated_bench {
+    std::vector<std::string> cmgs() {
+        at_send("AT+END\r", 7);
+        EXPECT_TRUE(port.module().wait_for_command("AT+END", 3000));
+        std::vector<std::string> got;
+        for (const modem_command &m : port.module().commands()) {
+            if (m.text.rfind("AT+CMGS=", 0) == 0)
+                got.push_back(m.text + " " + m.body);
+        }
+        return got;
+    }
+};
+
+TEST_F(SmsLongSendTest, EachPartIsOneExchangeAndTheReplyJoinsTheirReferences) {
+    const submit_vector &v = vector_named("7-bit, the 400 characters");
+    ASSERT_EQ(v.parts, 3u);
+    text_set(state().smsc_number, v.smsc);
+    EXPECT_EQ(sms_send_pdu(0, "DEFAULT", v.destination, v.text, v.validity, 0), 0);
+    EXPECT_EQ(client.frames(), "251 0 1,2,3|");
+    EXPECT_EQ(stat_value("sms_out"), 1);
+    EXPECT_EQ(state().at_state.load(), AT_IDLE);
+    std::vector<std::string> want;
+    for (size_t i = 0; i < v.parts; ++i)
+        want.push_back("AT+CMGS=" + std::to_string(v.tpdu_octets[i]) + " " + v.pdus[i]);
+    EXPECT_EQ(cmgs(), want);
+}
+
+TEST_F(SmsLongSendTest, TheFirstFailingPartEndsTheSendWithItsOwnReply) {
+    const submit_vector &v = vector_named("7-bit, the 400 characters");
+    text_set(state().smsc_number, v.smsc);
+    modem_emulator &emu = port.module();
+    // The newest rule decides: part 1 is answered as usual, part 2 refused.
+    emu.set_reply("AT+CMGS=", modem_reply::cms_error(500).for_body().one_shot(), modem_match::prefix);
+    emu.set_reply("AT+CMGS=", modem_reply::standard().for_body().one_shot(), modem_match::prefix);
+    EXPECT_EQ(sms_send_pdu(0, "DEFAULT", v.destination, v.text, v.validity, 0), -1);
+    EXPECT_EQ(client.frames(), "251 1 |");
+    EXPECT_EQ(stat_value("sms_out"), 0);
+    emu.inject_line("MARK");
+    EXPECT_EQ(urc_before("MARK"), "+CMS ERROR: 500|");
+    std::vector<std::string> sent = cmgs();
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[1], "AT+CMGS=155 " + v.pdus[1]);
+
+    // A prompt refused to a later part ends it as well.
+    emu.set_reply("AT+CMGS=", modem_reply::error().one_shot(), modem_match::prefix);
+    emu.set_reply("AT+CMGS=", modem_reply::standard().one_shot(), modem_match::prefix);
+    size_t from = emu.command_count();
+    EXPECT_EQ(sms_send_pdu(0, "DEFAULT", v.destination, v.text, v.validity, 0), -1);
+    EXPECT_EQ(client.frames(), "251 1 |");
+    at_send("AT+END\r", 7);
+    ASSERT_TRUE(emu.wait_for_command("AT+END", 3000, from));
+    size_t tries = 0;
+    for (const modem_command &m : emu.commands())
+        tries += m.index >= from && m.text.rfind("AT+CMGS=", 0) == 0;
+    EXPECT_EQ(tries, 2u);
+}
+
+// The 8-bit reference in a part's header: its fourth octet, after the
+// centre, the fixed fields and the destination.
+std::string reference_of(const std::string &command) {
+    size_t header = command.find("050003");
+    return header == std::string::npos ? "none" : command.substr(header + 6, 2);
+}
+
+TEST_F(SmsLongSendTest, EveryLongMessageTakesTheNextReferenceAndAShortOneNone) {
+    text_set(state().smsc_number, "12345678901");
+    const std::string long_text(200, 'x');
+    const std::string cjk = "\xE7\x9F\xAD\xE4\xBF\xA1"; // two units
+    std::string long_ucs2;
+    for (int i = 0; i < 40; ++i)
+        long_ucs2 += cjk;
+    state().sms_reference = 254; // it wraps round to 0 after 255
+    EXPECT_EQ(sms_send_pdu(0, "DEFAULT", "10086", long_text.c_str(), 0, 1), 0);
+    EXPECT_EQ(sms_send_pdu(1, "DEFAULT", "10086", "short", 0, 0), 0);
+    EXPECT_EQ(sms_send_pdu(1, "DEFAULT", "10086", long_ucs2.c_str(), 0, 1), 0);
+    EXPECT_EQ(sms_send_pdu(0, "DEFAULT", "10086", long_text.c_str(), 0, 0), 0);
+    EXPECT_EQ(client.frames(), "251 0 1,2|251 0 3|251 0 4,5|251 0 6,7|");
+    EXPECT_EQ(stat_value("sms_out"), 4);
+    std::vector<std::string> refs, firsts;
+    for (const std::string &c : cmgs()) {
+        refs.push_back(reference_of(c));
+        firsts.push_back(c.substr(c.find(' ') + 1 + 16, 2)); // the TPDU's first octet
+    }
+    EXPECT_EQ(refs, (std::vector<std::string>{"FF", "FF", "none", "00", "00", "01", "01"}));
+    // A status report is asked of every part when asked at all.
+    EXPECT_EQ(firsts, (std::vector<std::string>{"71", "71", "11", "71", "71", "51", "51"}));
+}
+
+TEST_F(SmsLongSendTest, ARefusedTextSendsNothing) {
+    text_set(state().smsc_number, "12345678901");
+    const submit_vector &v = vector_named("refused: a character in neither");
+    EXPECT_EQ(sms_send_pdu(0, "DEFAULT", v.destination, v.text, v.validity, 0), -1);
+    const std::string eleven(1531, 'x');
+    EXPECT_EQ(sms_send_pdu(0, "DEFAULT", "10086", eleven.c_str(), 0, 0), -1);
+    EXPECT_EQ(client.frames(), "251 10 |251 10 |");
+    at_send("AT+END\r", 7);
+    ASSERT_TRUE(port.module().wait_for_command("AT+END", 3000));
+    EXPECT_EQ(port.module().commands().size(), 1u);
+    EXPECT_EQ(state().sms_reference.load(), 0);
+}
+
+} // namespace
+
+namespace {
+
+// After a text-mode send that failed, the module is in PDU mode again: an
+// incoming message arrives as a PDU, which the receive side takes apart.
+TEST(SmsTextModeTest, AFailedSendLeavesTheModuleReadingPdusAgain) {
+    const std::string pdu = "0891683108200505F0040D91683117358313F00000525070613415230" "5E8329BFD06";
+    auto on_cmgs = [](modem_reply r) {
+        return [r](modem_emulator &m) { m.set_reply("AT+CMGS=", r, modem_match::prefix); };
+    };
+    const struct {
+        const char *what;
+        std::function<void(modem_emulator &)> setup;
+        std::string reply;
+    } cases[] = {
+        {"prompt refused", on_cmgs(modem_reply::error()), "252 1 |"},
+        {"no prompt in time", on_cmgs(modem_reply::silence()), "252 1 time out|"},
+        {"body refused", on_cmgs(modem_reply::cms_error(500).for_body()), "252 1 |"},
+        {"prompt kept back while the body is awaited",
+         on_cmgs(modem_reply::standard().until_released().one_shot()), "252 1 time out|"},
+        {"sent", [](modem_emulator &) {}, "252 0 |"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        emulated_bench b;
+        modem_emulator &emu = b.port.module();
+        emu.set_echo_dropped(true);
+        c.setup(emu);
+        sms_send_text("10086", "hi");
+        EXPECT_EQ(b.client.frames(), c.reply);
+        emu.release();
+        // The last command is the switch back, and the module took it as a command.
+        std::optional<modem_command> back = emu.wait_for_command("AT+CMGF=0", 3000);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(back->index + 1, emu.command_count());
+        // Whatever the module still says about the send is read before the message.
+        at_send("AT\r", 3);
+        ASSERT_TRUE(emu.wait_for_command("AT", 3000, back->index + 1));
+        emu.inject_line("MARK");
+        urc_before("MARK");
+        emu.deliver_sms(pdu, "+8613713538310", "25/05/07,16:43:51+32", "hello");
+        emu.inject_line("MARK");
+        EXPECT_EQ(urc_before("MARK"), "+CMT: ,25|" + pdu + "|");
+    }
+}
+
+} // namespace
