@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -86,9 +87,9 @@ at_rules phase_rules(fota_phase phase, const fota_variant &v) {
     case fota_phase::start:
         return {START_ROWS, v.takes_file ? 4u : 3u, AT_ERRORS_ALL};
     case fota_phase::download:
-        return {DOWNLOAD_ROWS, sizeof DOWNLOAD_ROWS / sizeof DOWNLOAD_ROWS[0], AT_ERRORS_ALL};
+        return {DOWNLOAD_ROWS, std::size(DOWNLOAD_ROWS), AT_ERRORS_ALL};
     default:
-        return {UPDATE_ROWS, sizeof UPDATE_ROWS / sizeof UPDATE_ROWS[0], AT_ERRORS_ALL};
+        return {UPDATE_ROWS, std::size(UPDATE_ROWS), AT_ERRORS_ALL};
     }
 }
 
