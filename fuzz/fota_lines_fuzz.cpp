@@ -48,8 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(out.status == -1 || out.status == STATUS_FAIL || out.status == STATUS_PROGRESS);
     check(out.status != -1 || text.empty());
     const bool command_answer = starts(line, "OK") || starts(line, "AT");
-    // Only the update's own lines end a phase.
-    check(step == fota_step::waiting || starts(line, "ERROR") || starts(line, FOTA));
+    const bool module_error = starts(line, "+CME ERROR:") || starts(line, "+CMS ERROR:");
+    // Only the update's own lines and the module's error lines end a phase.
+    check(step == fota_step::waiting || starts(line, "ERROR") || module_error || starts(line, FOTA));
     check(!out.download_told || (phase == fota_phase::download && step == fota_step::next_phase));
 
     switch (step) {
@@ -57,8 +58,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         check(out.status == -1 && out.unsolicited == !command_answer);
         break;
     case fota_step::failed:
-        check(out.status == STATUS_FAIL && !out.unsolicited);
-        if (starts(line, "ERROR")) {
+        // A module error is the common thread's to report as well.
+        check(out.status == STATUS_FAIL && out.unsolicited == module_error);
+        if (starts(line, "ERROR") || module_error) {
             check(text.empty());
         } else {
             // The module's result goes to the client after the error's name.

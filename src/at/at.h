@@ -1,7 +1,8 @@
 // The AT transport: the receive thread that cuts the port's bytes into lines
 // and routes them, the two line rings, the AT engine (begin, send, wait for a
-// line, finish) with the one transaction frame built on it, and the access
-// rule: who may use the port, and the life of the one request worker.
+// line judged by the exchange's rows, finish) with the one transaction frame
+// built on it, and the access rule: who may use the port, and the life of the
+// one request worker.
 #pragma once
 
 #include "at/serial.h"
@@ -80,6 +81,9 @@ void *rx_thread(void *arg);
 void at_begin();
 // After a failed send: stop collecting, nothing to drain.
 void at_abort();
+// at_begin, then the command written; false (collecting stopped again, nothing
+// drained) when it could not be written.
+bool at_start(const char *cmd, size_t len);
 // The next collected line into `out`; false when the deadline passed first or
 // the module has left the bus.
 bool at_next_line(char *out, size_t size, int64_t deadline_ms);
@@ -87,19 +91,27 @@ bool at_next_line(char *out, size_t size, int64_t deadline_ms);
 // step against the receive thread, so no line is left behind or reordered.
 void at_finish();
 
-// ---- the transaction frame ----
-// "+CME ERROR:" or "+CMS ERROR:": a numbered module error, which the common
-// thread reports as well once the line reaches urc_ring.
-bool at_module_error(const char *line);
-
-enum class at_end : uint8_t {
-    ok,         // "OK" ends with success
-    prefix,     // the result prefix line ends with success; "OK" is passed over
-    digit_line, // a line starting with '0'..'9' ends with success; "OK" passed over
-    collect_ok, // "OK" ends; every other line but the echo is collected, joined by ','
+// What a line means to the exchange that waits for it.
+enum class at_verdict : uint8_t {
+    success,     // ends the wait with success
+    failure,     // ends the wait with failure
+    info,        // the exchange reads it and waits on
+    passed_over, // nothing happens to it (an "OK" before a result line, an echo)
+    unsolicited, // not the exchange's: it goes to urc_ring
+    timed_out,   // from at_wait only: the deadline passed or the module left
 };
 
-// Which error lines end the wait with failure.
+// A line an exchange owns: its first characters and, where given, a test on
+// the whole line. The first row whose prefix and test both hold decides.
+struct at_row {
+    const char *prefix;             // nullptr: any line
+    bool (*test)(const char *line); // nullptr: the prefix alone
+    at_verdict verdict;
+    int tag = 0;          // the exchange's own name for the row
+    bool pass_on = false; // the line also reaches urc_ring, after the exchange's report
+};
+
+// Which error lines end a wait with failure.
 enum at_errors : uint8_t {
     AT_ERRORS_NONE = 0,
     AT_ERROR_PLAIN = 1,  // "ERROR"
@@ -107,23 +119,75 @@ enum at_errors : uint8_t {
     AT_ERRORS_ALL = 3,
 };
 
+// How an exchange reads the lines it waits for: its rows first, then the
+// lines every exchange shares, in this order: a recognised module error
+// (failure, passed on: the common thread reports it too), a recognised
+// "ERROR" (failure), the echo (passed over). Any other line is `otherwise`;
+// where an error line is not recognised, it is such a line, and the wait
+// runs into its time-out.
+struct at_rules {
+    const at_row *rows;
+    size_t row_count;
+    uint8_t errors; // at_errors
+    // The echo: nullptr for the command's (a line starting "AT"), else the
+    // body just sent, whose first `echo_len` characters the module repeats.
+    const char *echo = nullptr;
+    size_t echo_len = 0;
+    at_verdict otherwise = at_verdict::unsolicited; // info: an exchange that collects
+};
+
+// "+CME ERROR:" or "+CMS ERROR:": a numbered module error.
+bool at_module_error(const char *line);
+// A line that starts with a digit: an answer that has no prefix.
+bool at_digit_first(const char *line);
+
+struct at_judgement {
+    at_verdict verdict;
+    bool pass_on;
+    const at_row *row; // nullptr: one of the shared lines, or `otherwise`
+};
+// The one place a line is judged. Pure.
+at_judgement at_judge(const at_rules &r, const char *line);
+
+// A line the exchange must act on, as at_wait judged it.
+struct at_heard : at_judgement {
+    char line[RING_LINE_SIZE];
+};
+// Waits until the deadline for a line that ends the wait or is information;
+// lines passed over vanish and unsolicited ones go to urc_ring in the order
+// they came. Returns the line's verdict, or timed_out.
+at_verdict at_wait(const at_rules &r, int64_t deadline_ms, at_heard *h);
+// Ends the exchange after the line that ended its wait, once the exchange has
+// reported: that line to urc_ring first when it is passed on, then at_finish.
+void at_end(const at_heard &h);
+
+// ---- the transaction frame: one command, one answer ----
 using at_info = void (*)(const char *line, void *ctx);
 
-// One row of the AT command family: what ends its wait, and how it reports.
+constexpr size_t AT_MEMBER_ROWS = 4; // "OK", the result, a line that also ends, an answer line
+
+// One row of the AT command family: the rows its answer is read by, and how
+// it reports.
 struct at_member {
     int report_code;
     uint32_t timeout_ms;
-    at_end success;
-    const char *result_prefix; // for at_end::prefix
-    uint8_t errors;            // at_errors
+    at_row rows[AT_MEMBER_ROWS];
+    uint8_t row_count;
+    uint8_t errors; // at_errors
+    // Every line no rule takes is part of the answer, joined by ','; "OK" ends it.
+    bool collects;
     bool send_error_always_reported; // "at send error!" even when report is 0
-    // A line that also ends the wait through the parse step and is then passed
-    // on to urc_ring, for an event the common thread must see as well.
-    const char *also_ends;
-    // Lines handed to `info` while the wait goes on (an answer line before "OK").
-    const char *info_prefix;
-    at_info info;
+    at_info info; // given the lines of an answer row while the wait goes on
 
+    constexpr at_rules rules() const {
+        return {rows, row_count, errors, nullptr, 0,
+                collects ? at_verdict::info : at_verdict::unsolicited};
+    }
+    constexpr at_member with_row(const at_row &row) const {
+        at_member m = *this;
+        m.rows[m.row_count++] = row;
+        return m;
+    }
     constexpr at_member with_errors(uint8_t e) const {
         at_member m = *this;
         m.errors = e;
@@ -134,40 +198,52 @@ struct at_member {
         m.send_error_always_reported = true;
         return m;
     }
+    // A line that also ends the wait through the parse step and is then passed
+    // on to urc_ring, for an event the common thread must see as well.
     constexpr at_member also_ending_on(const char *line) const {
-        at_member m = *this;
-        m.also_ends = line;
-        return m;
+        return with_row({line, nullptr, at_verdict::success, 0, true});
     }
+    // Lines handed to `fn` while the wait goes on (an answer line before "OK").
     constexpr at_member with_info(const char *prefix, at_info fn) const {
-        at_member m = *this;
-        m.info_prefix = prefix;
+        at_member m = with_row({prefix, nullptr, at_verdict::info});
         m.info = fn;
         return m;
     }
 };
 
+// A member that reads its answer by the rows added to it.
+constexpr at_member at_member_reading(int code, uint32_t timeout_ms, uint8_t errors) {
+    return {code, timeout_ms, {}, 0, errors, false, false, nullptr};
+}
 // "OK" ends; every error line fails.
 constexpr at_member at_setter(int code, uint32_t timeout_ms) {
-    return {code, timeout_ms, at_end::ok, nullptr, AT_ERRORS_ALL, false, nullptr, nullptr, nullptr};
+    return at_member_reading(code, timeout_ms, AT_ERRORS_ALL)
+        .with_row({"OK", nullptr, at_verdict::success});
 }
 // "OK" ends; only "ERROR" fails, a module error waits for the time-out.
 constexpr at_member at_ok_or_error(int code, uint32_t timeout_ms) {
     return at_setter(code, timeout_ms).with_errors(AT_ERROR_PLAIN);
 }
-// The result line ends; "OK" is passed over; every error line fails.
+// The result line ends; "OK" is passed over (the module sends it after the
+// result, so it reaches urc_ring once the transaction has finished); every
+// error line fails.
 constexpr at_member at_query(int code, uint32_t timeout_ms, const char *prefix) {
-    return {code, timeout_ms, at_end::prefix, prefix, AT_ERRORS_ALL, false, nullptr, nullptr, nullptr};
+    return at_member_reading(code, timeout_ms, AT_ERRORS_ALL)
+        .with_row({"OK", nullptr, at_verdict::passed_over})
+        .with_row({prefix, nullptr, at_verdict::success});
 }
-// A line that starts with a digit ends; no error line fails unless added.
+// A line that starts with a digit ends; "OK" is passed over; no error line
+// fails unless added.
 constexpr at_member at_digit_line(int code, uint32_t timeout_ms) {
-    return {code,  timeout_ms, at_end::digit_line, nullptr, AT_ERRORS_NONE,
-            false, nullptr,    nullptr,            nullptr};
+    return at_member_reading(code, timeout_ms, AT_ERRORS_NONE)
+        .with_row({"OK", nullptr, at_verdict::passed_over})
+        .with_row({nullptr, at_digit_first, at_verdict::success});
 }
 // "OK" ends; the lines before it are the answer; no error line fails.
 constexpr at_member at_collect_until_ok(int code, uint32_t timeout_ms) {
-    return {code,  timeout_ms, at_end::collect_ok, nullptr, AT_ERRORS_NONE,
-            false, nullptr,    nullptr,            nullptr};
+    at_member m = at_setter(code, timeout_ms).with_errors(AT_ERRORS_NONE);
+    m.collects = true;
+    return m;
 }
 
 // What a member's parse step makes of its success line.

@@ -9,8 +9,6 @@ namespace {
 
 constexpr size_t COLLECT_KEEP = 98; // characters of collected text, before the separators
 
-bool is_digit_line(const char *line) { return line[0] >= '0' && line[0] <= '9'; }
-
 // Appends one line to the collected text; it never exceeds 99 characters.
 void collect(char (&text)[100], size_t &used, const char *line) {
     size_t len = strlen(line);
@@ -40,105 +38,91 @@ int settle(const at_member &m, const char *line, uint8_t report, at_parse parse,
     return out.result;
 }
 
-int fail(const at_member &m, uint8_t report, const char *text) {
-    if (report)
-        client_report(m.report_code, STATUS_FAIL, text);
-    at_finish();
-    return -1;
-}
-
-// What one collected line does to the exchange, in the order of the tests.
-enum class line_verdict {
-    success,
-    success_passed_on, // ends the wait and still reaches the common thread
-    info,
-    module_error,
-    error,
-    echo,        // the module repeating the command
-    passed_over, // an "OK" before a query's result line
-    collected,
-    unsolicited,
-};
-
-line_verdict classify(const at_member &m, const char *line) {
-    if (has_prefix(line, "OK"))
-        // Queries end on their result line; the OK after it is left for urc_ring.
-        return m.success == at_end::ok || m.success == at_end::collect_ok
-                   ? line_verdict::success
-                   : line_verdict::passed_over;
-    if ((m.success == at_end::prefix && m.result_prefix != nullptr &&
-         has_prefix(line, m.result_prefix)) ||
-        (m.success == at_end::digit_line && is_digit_line(line)))
-        return line_verdict::success;
-    if (m.also_ends != nullptr && has_prefix(line, m.also_ends))
-        return line_verdict::success_passed_on;
-    if (m.info_prefix != nullptr && has_prefix(line, m.info_prefix))
-        return line_verdict::info;
-    if ((m.errors & AT_ERROR_MODULE) && at_module_error(line))
-        return line_verdict::module_error;
-    if ((m.errors & AT_ERROR_PLAIN) && has_prefix(line, "ERROR"))
-        return line_verdict::error;
-    if (has_prefix(line, "AT"))
-        return line_verdict::echo;
-    return m.success == at_end::collect_ok ? line_verdict::collected : line_verdict::unsolicited;
-}
-
 } // namespace
 
 bool at_module_error(const char *line) {
     return has_prefix(line, "+CME ERROR:") || has_prefix(line, "+CMS ERROR:");
 }
 
+bool at_digit_first(const char *line) { return line[0] >= '0' && line[0] <= '9'; }
+
+bool at_start(const char *cmd, size_t len) {
+    at_begin();
+    if (at_send(cmd, len) != -1)
+        return true;
+    at_abort();
+    return false;
+}
+
+at_judgement at_judge(const at_rules &r, const char *line) {
+    for (size_t i = 0; i < r.row_count; ++i) {
+        const at_row &row = r.rows[i];
+        if ((row.prefix == nullptr || has_prefix(line, row.prefix)) &&
+            (row.test == nullptr || row.test(line)))
+            return {row.verdict, row.pass_on, &row};
+    }
+    if ((r.errors & AT_ERROR_MODULE) && at_module_error(line))
+        return {at_verdict::failure, true, nullptr};
+    if ((r.errors & AT_ERROR_PLAIN) && has_prefix(line, "ERROR"))
+        return {at_verdict::failure, false, nullptr};
+    bool echo = r.echo == nullptr ? has_prefix(line, "AT") : strncmp(line, r.echo, r.echo_len) == 0;
+    return {echo ? at_verdict::passed_over : r.otherwise, false, nullptr};
+}
+
+at_verdict at_wait(const at_rules &r, int64_t deadline_ms, at_heard *h) {
+    while (at_next_line(h->line, sizeof h->line, deadline_ms)) {
+        static_cast<at_judgement &>(*h) = at_judge(r, h->line);
+        if (h->verdict == at_verdict::unsolicited)
+            urc_push(h->line);
+        else if (h->verdict != at_verdict::passed_over)
+            return h->verdict;
+    }
+    static_cast<at_judgement &>(*h) = {at_verdict::timed_out, false, nullptr};
+    return at_verdict::timed_out;
+}
+
+void at_end(const at_heard &h) {
+    if (h.pass_on)
+        urc_push(h.line);
+    at_finish();
+}
+
 int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse parse,
                    void *ctx) {
-    at_begin();
-    if (at_send(cmd, strlen(cmd)) == -1) {
-        at_abort();
+    if (!at_start(cmd, strlen(cmd))) {
         if (report || m.send_error_always_reported)
             at_report_send_failure(m.report_code);
         return -1;
     }
+    const at_rules rules = m.rules();
     const int64_t deadline = monotonic_ms() + m.timeout_ms;
     char collected[100] = {};
     size_t collected_len = 0;
-    char line[RING_LINE_SIZE];
-    while (at_next_line(line, sizeof line, deadline)) {
-        switch (classify(m, line)) {
-        case line_verdict::success: {
-            int result = settle(m, m.success == at_end::collect_ok ? collected : line, report,
-                                parse, ctx);
-            at_finish();
+    at_heard h;
+    for (;;) {
+        switch (at_wait(rules, deadline, &h)) {
+        case at_verdict::info:
+            // A line of no row is one of a collecting member's answer.
+            if (h.row == nullptr)
+                collect(collected, collected_len, h.line);
+            else if (m.info != nullptr)
+                m.info(h.line, ctx);
+            break;
+        case at_verdict::success: {
+            int result = settle(m, m.collects ? collected : h.line, report, parse, ctx);
+            at_end(h);
             return result;
         }
-        case line_verdict::success_passed_on: {
-            int result = settle(m, line, report, parse, ctx);
-            urc_push(line);
-            at_finish();
-            return result;
-        }
-        case line_verdict::module_error:
+        case at_verdict::failure:
             if (report)
                 client_report(m.report_code, STATUS_FAIL, nullptr);
-            // The common thread reports the module's error line itself.
-            urc_push(line);
+            at_end(h);
+            return -1;
+        default:
+            if (report)
+                client_report(m.report_code, STATUS_FAIL, "time out!");
             at_finish();
             return -1;
-        case line_verdict::error:
-            return fail(m, report, nullptr);
-        case line_verdict::info:
-            if (m.info != nullptr)
-                m.info(line, ctx);
-            break;
-        case line_verdict::echo:
-        case line_verdict::passed_over:
-            break;
-        case line_verdict::collected:
-            collect(collected, collected_len, line);
-            break;
-        case line_verdict::unsolicited:
-            urc_push(line);
-            break;
         }
     }
-    return fail(m, report, "time out!");
 }

@@ -56,7 +56,7 @@ enum class fota_step {
 struct fota_line {
     int status = -1;                    // the report under 561; -1: none
     char text[REPLY_TEXT_MAX + 1] = {}; // its text, empty for none
-    bool unsolicited = false;           // the line goes to the common thread
+    bool unsolicited = false;           // the line goes to the common thread (a module error too)
     bool download_told = false;         // the family's supervisor flag is raised
 };
 fota_step fota_line_step(fota_phase phase, const char *line, int32_t module_type, fota_line *out);

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,136 +32,133 @@ const fota_variant &variant_of(int32_t module_type) {
     return module_type == MODULE_EC200T ? EC200T : module_type == MODULE_EC200S ? EC200S : EC20;
 }
 
-constexpr const char *FILE_START = "+QIND: \"FOTA\",\"FILESTART\"";
-constexpr const char *URL_STARTS[] = {"+QIND: \"FOTA\",\"HTTPSTART\"", "+QIND: \"FOTA\",\"FTPSTART\""};
+using step = fota_step;
+
+// The tags of the update's own lines; the download ends index DOWNLOAD_ENDS.
+enum fota_tag : int { FILE_END, HTTP_END, FTP_END, STARTED, UPDATE_START, UPDATING, UPDATE_END };
 
 struct download_end {
-    const char *prefix;
     size_t result_at; // the result's position; the error text runs from there
     const char *done;
     const char *error_name;
 };
 const download_end DOWNLOAD_ENDS[] = {
-    {"+QIND: \"FOTA\",\"FILEEND\"", 24, "File download end", "file_err"},
-    {"+QIND: \"FOTA\",\"HTTPEND\"", 24, "Http download end", "http_err"},
-    {"+QIND: \"FOTA\",\"FTPEND\"", 23, "Ftp download end", "ftp_err"},
+    {24, "File download end", "file_err"},
+    {24, "Http download end", "http_err"},
+    {23, "Ftp download end", "ftp_err"},
 };
 
-constexpr const char *UPDATE_START = "+QIND: \"FOTA\",\"START\"";
-constexpr const char *UPDATING = "+QIND: \"FOTA\",\"UPDATING\"";
+const char *end_result(const char *line, int tag) {
+    size_t at = DOWNLOAD_ENDS[tag].result_at;
+    return strlen(line) > at ? line + at : "";
+}
+template <int TAG> bool end_ok(const char *line) { return end_result(line, TAG)[0] == '0'; }
+
 constexpr size_t UPDATING_PERCENT_AT = 25;
-constexpr const char *UPDATE_END = "+QIND: \"FOTA\",\"END\",0";
+
+constexpr at_row COMMAND_OK = {"OK", nullptr, at_verdict::passed_over};
+// The EC20 takes no file upload: it reads these rows without the last.
+constexpr at_row START_ROWS[] = {
+    COMMAND_OK,
+    {"+QIND: \"FOTA\",\"HTTPSTART\"", nullptr, at_verdict::success, STARTED},
+    {"+QIND: \"FOTA\",\"FTPSTART\"", nullptr, at_verdict::success, STARTED},
+    {"+QIND: \"FOTA\",\"FILESTART\"", nullptr, at_verdict::success, STARTED},
+};
+constexpr at_row DOWNLOAD_ROWS[] = {
+    COMMAND_OK,
+    {"+QIND: \"FOTA\",\"FILEEND\"", end_ok<FILE_END>, at_verdict::success, FILE_END},
+    {"+QIND: \"FOTA\",\"FILEEND\"", nullptr, at_verdict::failure, FILE_END},
+    {"+QIND: \"FOTA\",\"HTTPEND\"", end_ok<HTTP_END>, at_verdict::success, HTTP_END},
+    {"+QIND: \"FOTA\",\"HTTPEND\"", nullptr, at_verdict::failure, HTTP_END},
+    {"+QIND: \"FOTA\",\"FTPEND\"", end_ok<FTP_END>, at_verdict::success, FTP_END},
+    {"+QIND: \"FOTA\",\"FTPEND\"", nullptr, at_verdict::failure, FTP_END},
+};
+// Progress lines are information: they restart the phase's timer.
+constexpr at_row UPDATE_ROWS[] = {
+    COMMAND_OK,
+    {"+QIND: \"FOTA\",\"START\"", nullptr, at_verdict::info, UPDATE_START},
+    {"+QIND: \"FOTA\",\"UPDATING\"", nullptr, at_verdict::info, UPDATING},
+    {"+QIND: \"FOTA\",\"END\",0", nullptr, at_verdict::success, UPDATE_END},
+};
+
+// Every phase ends on any error line: the module gave the update up.
+at_rules phase_rules(fota_phase phase, const fota_variant &v) {
+    switch (phase) {
+    case fota_phase::start:
+        return {START_ROWS, v.takes_file ? 4u : 3u, AT_ERRORS_ALL};
+    case fota_phase::download:
+        return {DOWNLOAD_ROWS, std::size(DOWNLOAD_ROWS), AT_ERRORS_ALL};
+    default:
+        return {UPDATE_ROWS, std::size(UPDATE_ROWS), AT_ERRORS_ALL};
+    }
+}
 
 void report(int status, const char *text) { client_report(FOTA_CODE, status, text); }
 
-using step = fota_step;
-
-// Lines every phase treats alike; false when the phase must look at the line.
-bool common_line(const char *line, step *s, fota_line *out) {
-    if (has_prefix(line, "OK") || has_prefix(line, "AT")) {
-        *s = step::waiting; // the answer to the command, and its echo
-    } else if (has_prefix(line, "ERROR")) {
+// What the update makes of a line as the engine judged it.
+step reading(const at_judgement &j, const char *line, const fota_variant &v, fota_line *out) {
+    if (j.verdict == at_verdict::unsolicited || j.verdict == at_verdict::passed_over) {
+        out->unsolicited = j.verdict == at_verdict::unsolicited;
+        return step::waiting;
+    }
+    if (j.row == nullptr) {
+        // "ERROR", or a module error, which the common thread reports as well.
         out->status = STATUS_FAIL;
-        *s = step::failed;
-    } else {
-        return false;
+        out->unsolicited = j.pass_on;
+        return step::failed;
     }
-    return true;
-}
-
-step start_line(const char *line, const fota_variant &v, fota_line *out) {
-    step s;
-    if (common_line(line, &s, out))
-        return s;
-    bool accepted = v.takes_file && has_prefix(line, FILE_START);
-    for (const char *start : URL_STARTS)
-        accepted = accepted || has_prefix(line, start);
-    if (accepted)
+    const int tag = j.row->tag;
+    switch (tag) {
+    case STARTED:
         return step::next_phase;
-    out->unsolicited = true;
-    return step::waiting;
-}
-
-step download_line(const char *line, const fota_variant &v, fota_line *out) {
-    step s;
-    if (common_line(line, &s, out))
-        return s;
-    for (const download_end &end : DOWNLOAD_ENDS) {
-        if (!has_prefix(line, end.prefix))
-            continue;
-        const char *result = strlen(line) > end.result_at ? line + end.result_at : "";
-        if (result[0] != '0') {
-            out->status = STATUS_FAIL;
-            text_format(out->text, sizeof out->text, "%s = %s", end.error_name, result);
-            return step::failed;
-        }
-        out->status = STATUS_PROGRESS;
-        text_set(out->text, end.done);
-        out->download_told = v.after_download != nullptr;
-        return step::next_phase;
-    }
-    out->unsolicited = true;
-    return step::waiting;
-}
-
-// Progress lines restart the phase's timer (`next_phase`); END finishes it.
-step update_line(const char *line, fota_line *out) {
-    step s;
-    if (common_line(line, &s, out))
-        return s;
-    if (has_prefix(line, UPDATE_START)) {
+    case UPDATE_START:
         out->status = STATUS_PROGRESS;
         text_set(out->text, "Fota start");
         return step::next_phase;
-    }
-    if (has_prefix(line, UPDATING)) {
+    case UPDATING: {
         const char *percent = strlen(line) > UPDATING_PERCENT_AT ? line + UPDATING_PERCENT_AT : "";
         out->status = STATUS_PROGRESS;
         text_format(out->text, sizeof out->text, "Fota updating %s%%", percent);
         return step::next_phase;
     }
-    if (has_prefix(line, UPDATE_END)) {
+    case UPDATE_END:
         out->status = STATUS_PROGRESS;
         text_set(out->text, "Fota end");
         return step::done;
-    }
-    out->unsolicited = true;
-    return step::waiting;
-}
-
-step line_step(fota_phase phase, const char *line, const fota_variant &v, fota_line *out) {
-    switch (phase) {
-    case fota_phase::start:
-        return start_line(line, v, out);
-    case fota_phase::download:
-        return download_line(line, v, out);
-    default:
-        return update_line(line, out);
+    default: // a download end
+        if (j.verdict == at_verdict::failure) {
+            out->status = STATUS_FAIL;
+            text_format(out->text, sizeof out->text, "%s = %s", DOWNLOAD_ENDS[tag].error_name,
+                        end_result(line, tag));
+            return step::failed;
+        }
+        out->status = STATUS_PROGRESS;
+        text_set(out->text, DOWNLOAD_ENDS[tag].done);
+        out->download_told = v.after_download != nullptr;
+        return step::next_phase;
     }
 }
 
 // Carries out what a line of the phase asks for.
-step take_line(fota_phase phase, const char *line, const fota_variant &v) {
+step take_line(const at_heard &h, const fota_variant &v) {
     fota_line out;
-    step s = line_step(phase, line, v, &out);
+    step s = reading(h, h.line, v, &out);
     if (out.status >= 0)
         report(out.status, out.text);
     if (out.unsolicited)
-        urc_push(line);
+        urc_push(h.line);
     if (out.download_told)
         supervisor_request(state().*v.after_download, 1);
     return s;
 }
 
-// Takes lines until the deadline, or until one ends the phase.
-template <typename F> step lines_until(int64_t deadline_ms, F on_line) {
-    char line[RING_LINE_SIZE];
-    while (at_next_line(line, sizeof line, deadline_ms)) {
-        step s = on_line(line);
-        if (s != step::waiting)
-            return s;
-    }
-    return step::waiting;
+// The start and download phases end on their first line that is not passed
+// over or unsolicited; `waiting` when the deadline came first.
+step phase_wait(fota_phase phase, const fota_variant &v, int64_t deadline_ms) {
+    at_heard h;
+    if (at_wait(phase_rules(phase, v), deadline_ms, &h) == at_verdict::timed_out)
+        return step::waiting;
+    return take_line(h, v);
 }
 
 step timed_out() {
@@ -241,25 +239,24 @@ step push_file(image_file &f, const fota_variant &v, size_t chunk_size, int64_t 
         }
         // The pause is the wait for the module's lines: one deadline, however
         // many lines come meanwhile.
-        step s = lines_until(monotonic_ms() + pause_ms,
-                             [&](const char *line) { return take_line(fota_phase::download, line, v); });
+        step s = phase_wait(fota_phase::download, v, monotonic_ms() + pause_ms);
         if (s != step::waiting)
             return s;
     }
-    step s = lines_until(monotonic_ms() + end_limit_ms,
-                         [&](const char *line) { return take_line(fota_phase::download, line, v); });
+    step s = phase_wait(fota_phase::download, v, monotonic_ms() + end_limit_ms);
     return s == step::waiting ? timed_out() : s;
 }
 
 step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms) {
     daemon_state &s = state();
+    const at_rules rules = phase_rules(fota_phase::update, v);
     int64_t deadline = monotonic_ms() + limit_ms;
     for (;;) {
         // The EC200S can only be watched through the supervisor's word.
         int64_t wait_until = v.watches_port ? monotonic_ms() + port_watch_ms : deadline;
-        char line[RING_LINE_SIZE];
-        if (at_next_line(line, sizeof line, wait_until < deadline ? wait_until : deadline)) {
-            step st = take_line(fota_phase::update, line, v);
+        at_heard h;
+        if (at_wait(rules, wait_until < deadline ? wait_until : deadline, &h) != at_verdict::timed_out) {
+            step st = take_line(h, v);
             if (st == step::next_phase)
                 deadline = monotonic_ms() + limit_ms;
             else if (st != step::waiting)
@@ -286,8 +283,7 @@ step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int6
                 const fota_limits &limits, int64_t update_limit_ms) {
     const bool file_mode = file != nullptr;
     const int64_t sent_at = monotonic_ms();
-    step st = lines_until(sent_at + limits.start_ms,
-                          [&](const char *line) { return take_line(fota_phase::start, line, v); });
+    step st = phase_wait(fota_phase::start, v, sent_at + limits.start_ms);
     if (st == step::waiting)
         return timed_out();
     if (st == step::failed)
@@ -295,8 +291,7 @@ step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int6
     if (file_mode) {
         st = push_file(*file, v, chunk_size, pause_ms, limits.file_end_ms);
     } else {
-        st = lines_until(sent_at + limits.url_end_ms,
-                         [&](const char *line) { return take_line(fota_phase::download, line, v); });
+        st = phase_wait(fota_phase::download, v, sent_at + limits.url_end_ms);
         if (st == step::waiting)
             st = timed_out();
     }
@@ -311,7 +306,8 @@ step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int6
 
 fota_step fota_line_step(fota_phase phase, const char *line, int32_t module_type, fota_line *out) {
     *out = fota_line{};
-    return line_step(phase, line, variant_of(module_type), out);
+    return reading(at_judge(phase_rules(phase, variant_of(module_type)), line), line,
+                   variant_of(module_type), out);
 }
 
 int64_t fota_update_limit_ms(int32_t module_type) {
@@ -351,9 +347,7 @@ int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_dela
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"FILE:%lld\"%s\r\n", file.size, v.file_suffix);
     else
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"%s\"\r\n", source);
-    at_begin();
-    if (at_send(cmd, strlen(cmd)) == -1) {
-        at_abort();
+    if (!at_start(cmd, strlen(cmd))) {
         at_report_send_failure(FOTA_CODE);
         return -1;
     }

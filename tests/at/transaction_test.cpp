@@ -2,6 +2,7 @@
 #include "core/text.h"
 #include "support/test_support.h"
 
+#include <cstring>
 #include <thread>
 
 namespace {
@@ -47,6 +48,114 @@ TEST_F(TransactionTest, SendFailureReportsAndDrainsNothing) {
     EXPECT_EQ(client.frames(), "102 1 at send error!|");
     EXPECT_EQ(state().at_state, AT_IDLE);
     EXPECT_EQ(urc_next(100), "<none>");
+}
+
+bool ends_in_zero(const char *line) { return line[0] != '\0' && line[strlen(line) - 1] == '0'; }
+
+// Rows that overlap the shared lines, so that the order of the tests shows.
+const at_row ROWS[] = {
+    {"OK", nullptr, at_verdict::success, 1},
+    {"+CME ERROR: 30", nullptr, at_verdict::info, 2}, // one module error read as an answer
+    {"+R:", ends_in_zero, at_verdict::success, 3},   // prefix and test both decide
+    {"+R:", nullptr, at_verdict::failure, 4},
+    {"AT+R", nullptr, at_verdict::info, 5, true}, // an answer that looks like an echo
+    {nullptr, at_digit_first, at_verdict::info, 6},
+};
+const at_rules ALL = {ROWS, 6, AT_ERRORS_ALL};
+
+std::string judged(const at_rules &r, const char *line) {
+    at_judgement j = at_judge(r, line);
+    const char *names[] = {"success", "failure", "info", "passed_over", "unsolicited", "timed_out"};
+    return std::string(names[static_cast<int>(j.verdict)]) + (j.pass_on ? "+" : "") +
+           (j.row != nullptr ? " " + std::to_string(j.row->tag) : "");
+}
+
+TEST(AtJudgeTest, RowsFirstThenModuleErrorsErrorTheEchoAndTheRest) {
+    const at_rules plain = {ROWS, 1, AT_ERROR_PLAIN};
+    const at_rules none = {ROWS, 1, AT_ERRORS_NONE};
+    // After a body the echo is the body's first characters, and "AT" is no echo.
+    const at_rules body = {ROWS, 1, AT_ERRORS_ALL, "0011000D91683119", 10, at_verdict::info};
+    const struct {
+        const at_rules &rules;
+        const char *line, *meaning;
+    } cases[] = {
+        {ALL, "OK", "success 1"},
+        {ALL, "OKAY", "success 1"}, // prefixes are compared over their own length
+        {ALL, "+CME ERROR: 30", "info 2"},
+        {ALL, "+CME ERROR: 31", "failure+"},
+        {ALL, "+CMS ERROR: 500", "failure+"},
+        {ALL, "ERROR", "failure"},
+        {ALL, "+R: 10", "success 3"},
+        {ALL, "+R: 11", "failure 4"},
+        {ALL, "AT+R?", "info+ 5"},
+        {ALL, "AT+CSQ", "passed_over"},
+        {ALL, "7 days", "info 6"},
+        {ALL, "RING", "unsolicited"},
+        {ALL, ">", "unsolicited"},
+        {plain, "+CMS ERROR: 500", "unsolicited"},
+        {plain, "ERROR: 3", "failure"},
+        {none, "ERROR", "unsolicited"},
+        {none, "+CME ERROR: 31", "unsolicited"},
+        {body, "0011000D91683119325476F8", "passed_over"},
+        {body, "0011000D9", "info"}, // shorter than the echo's length
+        {body, "0011000D92", "info"},
+        {body, "AT+CMGS=20", "info"},
+        {body, "+CMS ERROR: 500", "failure+"},
+        {body, "OK", "success 1"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(judged(c.rules, c.line), c.meaning) << c.line;
+}
+
+// The engine on the port, with the test playing the module.
+using AtWaitTest = port_test;
+
+TEST_F(AtWaitTest, OnlyLinesToActOnComeBackAndTheOthersReachUrcRingInOrder) {
+    const at_row prompt_rows[] = {{">", nullptr, at_verdict::success}};
+    const at_rules prompt = {prompt_rows, 1, AT_ERRORS_ALL};
+    at_heard h;
+    // The prompt comes without a line end; the line behind it is a leftover.
+    ASSERT_TRUE(at_start("AT+CMGS=5\r", 10));
+    port.module_says("AT+CMGS=5\r\r\nRING\r\n+CREG: 1\r\n> \r\nlate\r\n");
+    ASSERT_EQ(at_wait(prompt, monotonic_ms() + 2000, &h), at_verdict::success);
+    EXPECT_STREQ(h.line, ">");
+    at_end(h);
+    EXPECT_EQ(urc(), "RING|+CREG: 1|late|");
+
+    // A module error goes on to urc_ring once the exchange ends, ahead of what followed it.
+    ASSERT_TRUE(at_start("AT+CMGS=5\r", 10));
+    port.module_says("+CMS ERROR: 304\r\nafter\r\n");
+    ASSERT_EQ(at_wait(prompt, monotonic_ms() + 2000, &h), at_verdict::failure);
+    EXPECT_TRUE(h.pass_on);
+    at_end(h);
+    EXPECT_EQ(urc(), "+CMS ERROR: 304|after|");
+
+    // Information does not end the wait; the body's echo is dropped, a line
+    // starting "AT" is not its echo.
+    const char *pdu = "0011000D91683119325476F8\x1a";
+    const at_row result_rows[] = {{"OK", nullptr, at_verdict::success},
+                                  {"+CMGS:", nullptr, at_verdict::info}};
+    const at_rules result = {result_rows, 2, AT_ERRORS_ALL, pdu, 10};
+    ASSERT_TRUE(at_start(pdu, strlen(pdu)));
+    port.module_says("0011000D91683119325476F8\r\nRING\r\n+CMGS: 7\r\nAT+X\r\nOK\r\n");
+    ASSERT_EQ(at_wait(result, monotonic_ms() + 2000, &h), at_verdict::info);
+    EXPECT_STREQ(h.line, "+CMGS: 7");
+    ASSERT_EQ(at_wait(result, monotonic_ms() + 2000, &h), at_verdict::success);
+    EXPECT_FALSE(h.pass_on);
+    at_end(h);
+    EXPECT_EQ(urc(), "RING|AT+X|");
+
+    // Nothing that ends the wait: the time-out, with no row.
+    ASSERT_TRUE(at_start("AT\r", 3));
+    port.module_says("ERROR\r\n");
+    const at_rules deaf = {prompt_rows, 1, AT_ERRORS_NONE};
+    int64_t start = monotonic_ms();
+    EXPECT_EQ(at_wait(deaf, start + 100, &h), at_verdict::timed_out);
+    EXPECT_GE(monotonic_ms() - start, 100);
+    EXPECT_EQ(h.row, nullptr);
+    at_finish();
+    EXPECT_EQ(urc(), "ERROR|");
+    EXPECT_EQ(state().at_state, AT_IDLE);
 }
 
 // The right to use the port: one worker or supervisor work at a time.

@@ -129,6 +129,14 @@ TEST_F(FotaTest, RefusalsAndFailures) {
         {mf::ec200s, {"OK", FOTA + "\"FTPSTART\""}, "ftp://x", 320, 0, "561 1 time out!|", "0001"},
         {mf::ec200t, {"OK", STARTED, ENDED, FOTA + "\"START\"", "ERROR"}, "http://x", 320, 0,
          "561 5 Http download end|561 5 Fota start|561 1 |", "0001"},
+        // A module error ends any phase like "ERROR" and still reaches the common
+        // thread, ahead of what followed it.
+        {mf::ec20, {"+CME ERROR: 3", "RING"}, "http://x", 320, 0, "561 1 |", "0001", "+CME ERROR: 3|RING|"},
+        {mf::ec200t, {"+CME ERROR: 4"}, "a", 320, 0, downloading({100}) + "561 1 |", "0001", "+CME ERROR: 4|"},
+        {mf::ec200s, {"OK", FOTA + "\"FTPSTART\"", "+CMS ERROR: 302"}, "ftp://x", 320, 0, "561 1 |", "0001",
+         "+CMS ERROR: 302|"},
+        {mf::ec200t, {"OK", STARTED, ENDED, FOTA + "\"START\"", "+CME ERROR: 100"}, "http://x", 320, 0,
+         "561 5 Http download end|561 5 Fota start|561 1 |", "0001", "+CME ERROR: 100|"},
         // No progress line within the update limit.
         {mf::ec200t, {"OK", STARTED, ENDED, FOTA + "\"UPDATING\",7"}, "http://x", 320, 0,
          "561 5 Http download end|561 5 Fota updating 7%|561 1 time out!|", "0001"},
