@@ -116,80 +116,39 @@ struct cmgs_rules {
 constexpr cmgs_rules PDU_RULES = {SMS_SEND_PDU_CODE, "time out!", 10, true};
 constexpr cmgs_rules TEXT_RULES = {SMS_SEND_TEXT_CODE, "time out", 1, false};
 
-enum class prompt_wait { prompt, refused, timed_out };
+// The module's '>' asks for the body.
+constexpr at_row PROMPT_ROWS[] = {{">", nullptr, at_verdict::success}};
+constexpr at_rules PROMPT = {PROMPT_ROWS, 1, AT_ERRORS_ALL};
 
-prompt_wait wait_for_prompt() {
-    const int64_t deadline = monotonic_ms() + PROMPT_TIMEOUT_MS;
-    char line[RING_LINE_SIZE];
-    while (at_next_line(line, sizeof line, deadline)) {
-        if (line[0] == '>')
-            return prompt_wait::prompt;
-        if (at_module_error(line)) {
-            urc_push(line);
-            return prompt_wait::refused;
-        }
-        if (has_prefix(line, "ERROR"))
-            return prompt_wait::refused;
-        if (!has_prefix(line, "AT"))
-            urc_push(line);
-    }
-    return prompt_wait::timed_out;
-}
-
-// With `part_ref`, "OK" hands the reference over and leaves the success
-// report to the caller, which has more parts to send.
-int wait_for_result(const cmgs_rules &r, const char *body, char (*part_ref)[SMS_MESSAGE_REF_SIZE]) {
-    const int64_t deadline = monotonic_ms() + RESULT_TIMEOUT_MS;
-    char ref[SMS_MESSAGE_REF_SIZE] = "";
-    char line[RING_LINE_SIZE];
-    while (at_next_line(line, sizeof line, deadline)) {
-        if (has_prefix(line, "OK") && part_ref != nullptr) {
-            memcpy(*part_ref, ref, sizeof ref);
-            return 0;
-        }
-        if (has_prefix(line, "OK")) {
-            // Counted before the reply, so a 913 asked on it includes this message.
-            stat_add(stat_counter::sms_out);
-            client_report(r.code, STATUS_OK, r.message_ref ? ref : nullptr);
-            return 0;
-        }
-        if (r.message_ref && cmgs_reference(line, ref))
-            continue;
-        if (at_module_error(line)) {
-            client_report(r.code, STATUS_FAIL, nullptr);
-            urc_push(line);
-            return -1;
-        }
-        if (has_prefix(line, "ERROR")) {
-            client_report(r.code, STATUS_FAIL, nullptr);
-            return -1;
-        }
-        if (strncmp(line, body, r.echo_len) != 0)
-            urc_push(line);
-    }
-    client_report(r.code, STATUS_FAIL, r.time_out);
-    return -1;
-}
+// "OK" after the body ends the exchange; "+CMGS:" before it carries the
+// reference, which only PDU mode reports (text mode leaves it to urc_ring).
+enum : int { CMGS_REFERENCE = 1 };
+constexpr at_row RESULT_ROWS[] = {
+    {"OK", nullptr, at_verdict::success},
+    {"+CMGS:", nullptr, at_verdict::info, CMGS_REFERENCE},
+};
 
 // The command, the prompt, the body (Ctrl-Z included), the result: one
-// transaction, so nothing else reaches the module between command and body.
-// *body_sent tells whether the module took a body; `part_ref` as for
-// wait_for_result.
+// exchange, so nothing else reaches the module between command and body.
+// 0 after the module's "OK", the message reference in `ref` (empty when the
+// module gave none); every failure is reported here under the rules' code.
 int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t body_len,
-                  bool *body_sent, char (*part_ref)[SMS_MESSAGE_REF_SIZE] = nullptr) {
-    *body_sent = false;
-    at_begin();
-    if (at_send(cmd, strlen(cmd)) == -1) {
-        at_abort();
+                  char (&ref)[SMS_MESSAGE_REF_SIZE]) {
+    ref[0] = '\0';
+    if (!at_start(cmd, strlen(cmd))) {
         at_report_send_failure(r.code);
         return -1;
     }
-    prompt_wait p = wait_for_prompt();
-    if (p != prompt_wait::prompt) {
+    at_heard h;
+    at_verdict v = at_wait(PROMPT, monotonic_ms() + PROMPT_TIMEOUT_MS, &h);
+    if (v != at_verdict::success) {
         // Drained like every other end, so a line behind the refusal still
         // reaches the common thread.
-        at_finish();
-        client_report(r.code, STATUS_FAIL, p == prompt_wait::timed_out ? r.time_out : nullptr);
+        if (v == at_verdict::timed_out)
+            at_finish();
+        else
+            at_end(h);
+        client_report(r.code, STATUS_FAIL, v == at_verdict::timed_out ? r.time_out : nullptr);
         return -1;
     }
     if (at_send(body, body_len) == -1) {
@@ -197,10 +156,24 @@ int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t
         at_report_send_failure(r.code);
         return -1;
     }
-    *body_sent = true;
-    int result = wait_for_result(r, body, part_ref);
-    at_finish();
-    return result;
+    const at_rules result = {RESULT_ROWS, r.message_ref ? 2u : 1u, AT_ERRORS_ALL, body, r.echo_len};
+    const int64_t deadline = monotonic_ms() + RESULT_TIMEOUT_MS;
+    for (;;) {
+        v = at_wait(result, deadline, &h);
+        if (v == at_verdict::info) {
+            cmgs_reference(h.line, ref);
+            continue;
+        }
+        if (v == at_verdict::timed_out) {
+            client_report(r.code, STATUS_FAIL, r.time_out);
+            at_finish();
+            return -1;
+        }
+        if (v == at_verdict::failure)
+            client_report(r.code, STATUS_FAIL, nullptr);
+        at_end(h);
+        return v == at_verdict::success ? 0 : -1;
+    }
 }
 
 // Decimal digits after one optional '+': all an address's semi-octets carry
@@ -346,10 +319,9 @@ int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const 
         const sms_submit_pdu &pdu = message.parts[i];
         char cmd[24];
         snprintf(cmd, sizeof cmd, "AT+CMGS=%d\r", pdu.tpdu_octets);
-        bool body_sent;
         char ref[SMS_MESSAGE_REF_SIZE];
         // A failing part has reported itself; the parts after it are not sent.
-        if (cmgs_exchange(PDU_RULES, cmd, pdu.text, pdu.len, &body_sent, &ref) != 0)
+        if (cmgs_exchange(PDU_RULES, cmd, pdu.text, pdu.len, ref) != 0)
             return -1;
         if (i > 0)
             refs[refs_len++] = ',';
@@ -389,8 +361,11 @@ void sms_send_text(const char *destination, const char *text) {
     memcpy(body, text, len);
     body[len] = CTRL_Z;
     body[len + 1] = '\0';
-    bool body_sent;
-    if (cmgs_exchange(TEXT_RULES, cmd, body, len + 1, &body_sent) != 0) {
+    char ref[SMS_MESSAGE_REF_SIZE];
+    if (cmgs_exchange(TEXT_RULES, cmd, body, len + 1, ref) == 0) {
+        stat_add(stat_counter::sms_out);
+        client_report(SMS_SEND_TEXT_CODE, STATUS_OK, nullptr);
+    } else {
         // The module may still wait for a body (a late prompt, a result that
         // never came): ESC cancels it, and a module back at its command line
         // passes over a byte before "AT". Without it the switch below would
