@@ -88,14 +88,16 @@ size_t gsm7_to_utf8(const uint8_t *septets, size_t count, char *dst, size_t dst_
         uint32_t ch;
         if (code != GSM7_ESCAPE) {
             ch = gsm7_default_char(code);
-        } else if (in + 1 < count && (septets[in + 1] & 0x7F) != GSM7_ESCAPE) {
+        } else if (in + 1 == count) {
+            // An escape with nothing after it to extend: shown as a space.
+            ch = ' ';
+        } else {
             uint8_t next = septets[in + 1] & 0x7F;
             uint32_t ext = gsm7_extension_char(next);
-            ch = ext != 0 ? ext : gsm7_default_char(next);
+            // Escape-escape is the extension table's own code for a further
+            // table, which no receiver knows: one space for the pair.
+            ch = next == GSM7_ESCAPE ? ' ' : ext != 0 ? ext : gsm7_default_char(next);
             take = 2;
-        } else {
-            // An escape with nothing it could extend: the receiver shows a space.
-            ch = ' ';
         }
         size_t n = utf8_put(ch, dst + out, dst_size - out);
         if (n == 0)
@@ -166,6 +168,10 @@ size_t utf8_next(const char *src, size_t left, uint32_t *ch) {
 
 size_t utf8_put(uint32_t ch, char *dst, size_t room) {
     auto *d = reinterpret_cast<uint8_t *>(dst);
+    // No UTF-8 exists for these: written as U+FFFD rather than as bytes no
+    // reader could take.
+    if (ch > 0x10FFFF || is_surrogate(ch))
+        ch = REPLACEMENT_CHAR;
     if (ch < 0x80) {
         if (room < 1)
             return 0;

@@ -22,7 +22,7 @@ size_t gsm7_encode_char(uint32_t ch, uint8_t out[2]);
 
 // Septet values (one a byte) to UTF-8, no terminator. An escape before a code
 // without an extension character gives that code's default character; an
-// escape at the end, or before another escape, gives a space. Stops before a
+// escape at the end gives a space, and so does an escape pair. Stops before a
 // character that does not fit; returns the bytes written, and in `*used` (if
 // given) the septets taken.
 size_t gsm7_to_utf8(const uint8_t *septets, size_t count, char *dst, size_t dst_size,
@@ -36,7 +36,8 @@ int utf8_to_gsm7(const char *src, size_t len, uint8_t *septets, size_t cap);
 // continuation, an overlong form, a surrogate, a value past U+10FFFF or a
 // sequence cut short) and its value in `*ch`.
 size_t utf8_next(const char *src, size_t left, uint32_t *ch);
-// Writes `ch` as UTF-8 when it fits `room`; returns the bytes written or 0.
+// Writes `ch` as UTF-8 when it fits `room` (a surrogate or a value past
+// U+10FFFF as U+FFFD); returns the bytes written or 0.
 size_t utf8_put(uint32_t ch, char *dst, size_t room);
 // Bytes of the longest prefix of `len` that does not end inside a character
 // (a cut there keeps every character whole).

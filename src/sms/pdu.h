@@ -36,21 +36,27 @@ struct sms_deliver {
 size_t sms_record_build(const char *sender, const char *stamp, const char *text,
                         size_t text_len, char *record, size_t size);
 
-// Takes one SMS-DELIVER apart. Reads only the `len` characters of `pdu` (no
-// terminator needed). False, with `out` undefined, when the data coding gives
-// no event or the PDU does not add up:
-//  - an odd number of characters, or any character not '0'-'9' or 'A'-'F';
-//  - an SMSC length, address digit count or fixed field past the line's end,
-//    or an address of more than 20 digits;
+// Takes one SMS-DELIVER apart. Reads the `len` characters of `pdu` (no
+// terminator needed) up to the first one that is not hexadecimal (either
+// case), whole octets only. The sender is '+' and digits for an international
+// number, the GSM text of an alphanumeric one. A user-data header is skipped;
+// its concatenation element, if any, fills the part fields (else
+// `concatenated` is false, part 1 of 1). False, with `out` undefined, when the
+// data coding gives no event (compressed text, the reserved groups) or the
+// PDU does not add up:
+//  - an SMSC length, address length or fixed field past the octets read, or
+//    an address of more than 20 semi-octets;
 //  - a time-stamp field (year to second) that is not two decimal digits;
 //  - more than 140 octets of user data, or a user-data length (septets for
-//    7-bit) announcing more octets than the line carries.
+//    7-bit) announcing more octets than the line carries;
+//  - a header longer than the user data, an element running past the header,
+//    or 7-bit text whose septets would start past the announced length.
 bool sms_deliver_parse(const char *pdu, size_t len, sms_deliver *out);
 
 // The status octet and the message reference of one status report; false
-// when the PDU does not add up (same rules for the characters, the lengths
-// and the recipient address as above). The status is the octet after the two
-// time stamps, so optional parameters after it do not change it.
+// when the PDU does not add up (the line is read, and the recipient address
+// checked, as above). The status is the octet after the two time stamps, so
+// optional parameters after it do not change it.
 bool sms_status_parse(const char *pdu, size_t len, int *status, int *reference);
 
 // The common thread's entries: parse the PDU line and report event 1031 or

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <thread>
 
@@ -132,8 +133,12 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
 }
 
 struct deliver_vector {
-    const char *what, *pdu, *number, *time, *text;
+    const char *what, *pdu;
+    bool event; // false: the fields below are not given
+    const char *sender, *stamp, *text;
     size_t text_len;
+    bool concatenated;
+    int reference, part_count, part;
 };
 struct status_vector {
     const char *what, *pdu;
@@ -141,17 +146,39 @@ struct status_vector {
 };
 #include "sms/pdu_vectors.inc"
 
+// The line in a heap block of exactly its length: a read past it is a fault
+// under AddressSanitizer rather than a look at a terminator.
+bool parse_exact(const std::string &pdu, sms_deliver *sms) {
+    std::unique_ptr<char[]> line(new char[pdu.size()]);
+    memcpy(line.get(), pdu.data(), pdu.size());
+    return sms_deliver_parse(line.get(), pdu.size(), sms);
+}
+
 std::string parse_deliver(const std::string &pdu, size_t record_size = SMS_RECORD_MAX) {
     char record[SMS_RECORD_MAX];
     sms_deliver sms;
-    if (!sms_deliver_parse(pdu.data(), pdu.size(), &sms))
+    if (!parse_exact(pdu, &sms))
         return "";
     return std::string(record, sms_record_build(sms.sender, sms.stamp, sms.text, sms.text_len,
                                                 record, record_size));
 }
 
 bool parse_status(const std::string &pdu, int *status, int *reference) {
-    return sms_status_parse(pdu.data(), pdu.size(), status, reference);
+    std::unique_ptr<char[]> line(new char[pdu.size()]);
+    memcpy(line.get(), pdu.data(), pdu.size());
+    return sms_status_parse(line.get(), pdu.size(), status, reference);
+}
+
+// Every field, so that two parses can be compared whole.
+std::string fields(const sms_deliver &sms) {
+    return std::string(sms.sender) + "|" + sms.stamp + "|" + std::string(sms.text, sms.text_len) +
+           "|" + (sms.concatenated ? "concatenated " : "single ") + std::to_string(sms.reference) +
+           " " + std::to_string(sms.part) + "/" + std::to_string(sms.part_count);
+}
+
+std::string digits(size_t value, size_t width) {
+    std::string s = std::to_string(value);
+    return std::string(s.size() < width ? width - s.size() : 0, '0') + s;
 }
 
 TEST(SmsParseTest, AgreesWithIndependentCodec) {
@@ -160,13 +187,25 @@ TEST(SmsParseTest, AgreesWithIndependentCodec) {
     tzset();
     for (const auto &v : DELIVER_VECTORS) {
         SCOPED_TRACE(v.what);
-        const std::string r = parse_deliver(v.pdu);
-        ASSERT_GE(r.size(), 21u);
-        const size_t number_len = std::stoul(r.substr(0, 2)), text_at = number_len + 21;
-        if (v.number) { EXPECT_EQ(r.substr(2, number_len), v.number); }
-        EXPECT_EQ(r.substr(number_len + 2, 16), std::string("14") + v.time);
-        EXPECT_EQ(std::stoul(r.substr(text_at - 3, 3)), r.size() - text_at);
-        if (v.text) { EXPECT_EQ(r.substr(text_at), std::string(v.text, v.text_len)); }
+        sms_deliver sms;
+        memset(&sms, 0xA5, sizeof sms); // what the parse leaves unset shows
+        ASSERT_EQ(parse_exact(v.pdu, &sms), v.event);
+        if (!v.event) {
+            EXPECT_EQ(parse_deliver(v.pdu), "");
+            continue;
+        }
+        EXPECT_STREQ(sms.sender, v.sender);
+        EXPECT_STREQ(sms.stamp, v.stamp);
+        EXPECT_EQ(std::string(sms.text, sms.text_len), std::string(v.text, v.text_len));
+        EXPECT_EQ(sms.concatenated, v.concatenated);
+        EXPECT_EQ(sms.reference, v.reference);
+        EXPECT_EQ(sms.part_count, v.part_count);
+        EXPECT_EQ(sms.part, v.part);
+        // The record's lengths count bytes of UTF-8, the sender's too.
+        const std::string sender = v.sender;
+        EXPECT_EQ(parse_deliver(v.pdu), digits(sender.size(), 2) + sender + "14" + v.stamp +
+                                            digits(v.text_len, 3) +
+                                            std::string(v.text, v.text_len));
     }
     unsetenv("TZ");
     tzset();
@@ -178,21 +217,58 @@ TEST(SmsParseTest, AgreesWithIndependentCodec) {
     }
 }
 
+TEST(SmsParseTest, ReadsTheLineUpToItsFirstCharacterThatIsNotHexadecimal) {
+    auto lower = [](std::string s) {
+        for (char &c : s)
+            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        return s;
+    };
+    for (const auto &v : DELIVER_VECTORS) {
+        if (!v.event)
+            continue;
+        SCOPED_TRACE(v.what);
+        sms_deliver want, got;
+        ASSERT_TRUE(parse_exact(v.pdu, &want));
+        const std::string pdu = v.pdu;
+        // A stray quote, a blank and what follows it, the line's end, half an
+        // octet: none of it is part of the PDU.
+        for (const std::string &line : {lower(pdu), pdu + "\"", pdu + " 1A2B", pdu + "\r\n",
+                                        pdu + "0", pdu + "g00"}) {
+            ASSERT_TRUE(parse_exact(line, &got)) << line;
+            EXPECT_EQ(fields(got), fields(want)) << line;
+        }
+    }
+    for (const auto &v : STATUS_VECTORS) {
+        const std::string pdu = v.pdu;
+        for (const std::string &line : {lower(pdu), pdu + "\"", pdu + "0", pdu + ",x"}) {
+            int status = -1, reference = -1;
+            EXPECT_TRUE(parse_status(line, &status, &reference)) << line;
+            EXPECT_EQ(status, v.status) << line;
+            EXPECT_EQ(reference, v.reference) << line;
+        }
+    }
+}
+
 TEST(SmsParseTest, RefusesWhatDoesNotAddUpOrIsCutShort) {
-    const std::string ok = DELIVER_VECTORS[0].pdu; // ... "00" "00" stamp "05" "E8329BFD06"
-    const size_t stamp = ok.size() - 26, udl = ok.size() - 12;
+    const std::string ok = DELIVER_VECTORS[0].pdu; // SMSC "04" ... "00" "00" stamp "05" "E8329BFD06"
+    const size_t first = 18, stamp = ok.size() - 26, udl = ok.size() - 12;
     auto with = [&](size_t at, const char *s) { return std::string(ok).replace(at, strlen(s), s); };
     const std::string bad[] = {
         with(0, "00041591"),                         // 21 digits
+        with(0, "000415D0"),                         // an alphanumeric sender of 21 semi-octets
         with(udl, "06"),                             // 6 septets need 6 octets, 5 follow
         with(stamp - 2, "04").replace(udl, 2, "06"), // 8-bit: 6 octets announced, 5 follow
+        with(stamp - 2, "08").replace(udl, 2, "06"), // UCS-2 likewise
         ok + std::string(2 * 136, '0'),              // 141 octets of user data
-        ok + "0",                                    // odd length
-        ok + "\r\n",                                 // not hexadecimal
-        with(0, "0891683108200505f0"),               // lower case
         with(stamp, "5A"),                           // a letter in the year
         with(stamp + 10, "3B"),                      // and in the second
-        with(stamp - 2, "10"),                       // 7-bit with a message class
+        with(stamp - 2, "24"),                       // compressed
+        with(first, "44"),                           // a header of 0xE8 octets in 5
+        // 8-bit: an element past its header, a header ending inside an element
+        with(first, "44").replace(stamp - 2, 2, "04").replace(udl, 12, "0604000402A70201"),
+        with(first, "44").replace(stamp - 2, 2, "04").replace(udl, 12, "030100FF"),
+        with(first, "44").replace(udl, 12, "0100"),  // 7-bit: 1 septet, a header of 2 septets
+        ok.substr(0, first) + "\"" + ok.substr(first), // the line ends before the sender
     };
     for (const auto &pdu : bad)
         EXPECT_EQ(parse_deliver(pdu), "") << pdu;
@@ -203,13 +279,32 @@ TEST(SmsParseTest, RefusesWhatDoesNotAddUpOrIsCutShort) {
     int status, reference;
     const std::string report = STATUS_VECTORS[0].pdu;
     EXPECT_FALSE(parse_status(std::string(report).replace(22, 2, "14"), &status, &reference));
-    EXPECT_FALSE(parse_status(report + "0", &status, &reference));
+    EXPECT_FALSE(parse_status(std::string(report).replace(22, 4, "15D0"), &status, &reference));
+    EXPECT_FALSE(parse_status(std::string(report).replace(30, 1, " "), &status, &reference));
+    // Cut anywhere, a line gives nothing and is read no further than its end.
+    sms_deliver sms;
     for (const auto &v : DELIVER_VECTORS)
         for (size_t len = 0; len < strlen(v.pdu); ++len)
-            ASSERT_EQ(parse_deliver(std::string(v.pdu, len)), "") << v.what << " cut at " << len;
-    for (const auto &v : STATUS_VECTORS)
-        for (size_t len = 0; len < strlen(v.pdu); ++len)
-            ASSERT_FALSE(parse_status(std::string(v.pdu, len), &status, &reference)) << len;
+            ASSERT_FALSE(parse_exact(std::string(v.pdu, len), &sms)) << v.what << " cut at " << len;
+    // A report is whole once its status octet is in: optional parameters after
+    // it may be lost, the octets up to it may not.
+    for (const auto &v : STATUS_VECTORS) {
+        SCOPED_TRACE(v.what);
+        size_t whole = 0;
+        for (size_t len = 0; len <= strlen(v.pdu); ++len) {
+            const bool parsed = parse_status(std::string(v.pdu, len), &status, &reference);
+            if (parsed && whole == 0)
+                whole = len;
+            ASSERT_EQ(parsed, whole != 0) << len;
+            if (parsed) {
+                ASSERT_EQ(status, v.status) << len;
+                ASSERT_EQ(reference, v.reference) << len;
+            }
+        }
+        char octet[3];
+        snprintf(octet, sizeof octet, "%02X", v.status);
+        EXPECT_EQ(std::string(v.pdu).substr(whole - 2, 2), octet);
+    }
 }
 
 const char *const EXPIRE = nullptr; // the thread's wake-up for its deadline

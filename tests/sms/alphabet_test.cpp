@@ -1,0 +1,267 @@
+// The GSM alphabet, UTF-8, UTF-16 and septet packing against tables made with
+// an independent codec (scripts/make_alphabet_vectors.py) and, for UTF-8's
+// malformed forms, against the rules of UTF-8 itself. Destinations are heap
+// blocks of exactly the room given, so a write past them is a fault under
+// AddressSanitizer.
+#include "sms/alphabet.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <string>
+
+namespace {
+
+struct alphabet_vector {
+    uint8_t code;
+    const char *utf8;
+};
+struct septets_vector {
+    const char *what, *septets;
+    size_t count;
+    const char *utf8;
+    size_t utf8_len;
+};
+struct text_vector {
+    const char *utf8;
+    size_t len;
+};
+struct packing_vector {
+    size_t header; // octets of the user-data header before the septets
+    const char *septets;
+    size_t count;
+    const char *octets;
+    size_t octet_count;
+};
+struct utf16_vector {
+    const char *what, *utf16;
+    size_t utf16_len;
+    const char *utf8;
+    size_t utf8_len;
+};
+#include "sms/alphabet_vectors.inc"
+
+const uint8_t *bytes(const char *s) {
+    return reinterpret_cast<const uint8_t *>(s);
+}
+
+std::string put(uint32_t ch) {
+    char out[4];
+    return std::string(out, utf8_put(ch, out, sizeof out));
+}
+
+// Where a character begins: a byte that is no continuation byte.
+bool starts_char(const std::string &s, size_t at) {
+    return at == s.size() || (static_cast<uint8_t>(s[at]) & 0xC0) != 0x80;
+}
+
+std::string to_utf8_in(const uint8_t *septets, size_t count, size_t room, size_t *used) {
+    std::unique_ptr<char[]> dst(new char[room]);
+    return std::string(dst.get(), gsm7_to_utf8(septets, count, dst.get(), room, used));
+}
+
+TEST(SmsAlphabetTest, TablesAgreeWithIndependentCodec) {
+    ASSERT_EQ(std::size(DEFAULT_VECTORS), 127u); // every code but the escape
+    ASSERT_EQ(std::size(EXTENSION_VECTORS), 10u);
+    for (const auto &v : DEFAULT_VECTORS) {
+        SCOPED_TRACE(v.code);
+        EXPECT_EQ(put(gsm7_default_char(v.code)), v.utf8);
+        uint32_t ch;
+        ASSERT_EQ(utf8_next(v.utf8, strlen(v.utf8), &ch), strlen(v.utf8));
+        uint8_t codes[2] = {0xFF, 0xFF};
+        EXPECT_EQ(gsm7_encode_char(ch, codes), 1u);
+        EXPECT_EQ(codes[0], v.code);
+    }
+    for (unsigned code = 0; code < 128; ++code) {
+        SCOPED_TRACE(code);
+        const alphabet_vector *ext = nullptr;
+        for (const auto &v : EXTENSION_VECTORS)
+            if (v.code == code) ext = &v;
+        const uint32_t ch = gsm7_extension_char(static_cast<uint8_t>(code));
+        if (ext == nullptr) {
+            EXPECT_EQ(ch, 0u);
+            continue;
+        }
+        EXPECT_EQ(put(ch), ext->utf8);
+        uint8_t codes[2] = {0xFF, 0xFF};
+        EXPECT_EQ(gsm7_encode_char(ch, codes), 2u);
+        EXPECT_EQ(codes[0], GSM7_ESCAPE);
+        EXPECT_EQ(codes[1], code);
+    }
+    uint8_t septets[4];
+    for (const auto &v : NOT_GSM) {
+        EXPECT_EQ(utf8_to_gsm7(v.utf8, v.len, septets, sizeof septets), -1) << v.utf8;
+        uint32_t ch;
+        if (utf8_next(v.utf8, v.len, &ch) == v.len) {
+            EXPECT_EQ(gsm7_encode_char(ch, septets), 0u) << v.utf8;
+        }
+    }
+}
+
+TEST(SmsAlphabetTest, SeptetsToUtf8StopBeforeACharacterThatDoesNotFit) {
+    for (const auto &v : SEPTETS_VECTORS) {
+        SCOPED_TRACE(v.what);
+        const std::string want(v.utf8, v.utf8_len);
+        size_t used = 0;
+        EXPECT_EQ(to_utf8_in(bytes(v.septets), v.count, v.utf8_len, &used), want);
+        EXPECT_EQ(used, v.count);
+        // Every smaller room: whole characters only, as many as fit.
+        for (size_t room = 0; room < v.utf8_len; ++room) {
+            const std::string got = to_utf8_in(bytes(v.septets), v.count, room, &used);
+            ASSERT_LE(got.size(), room);
+            ASSERT_EQ(got, want.substr(0, got.size())) << room;
+            ASSERT_TRUE(starts_char(want, got.size())) << room;
+            size_t next = got.size() + 1;
+            while (!starts_char(want, next))
+                ++next;
+            ASSERT_GT(next, room) << "a character that fits was left out";
+            // What was taken decodes to what was written.
+            ASSERT_EQ(to_utf8_in(bytes(v.septets), used, room, nullptr), got) << room;
+        }
+    }
+    // Back to septets where the text has one encoding.
+    for (size_t i = 0; i < 2; ++i) {
+        const auto &v = SEPTETS_VECTORS[i];
+        std::unique_ptr<uint8_t[]> septets(new uint8_t[v.count]);
+        EXPECT_EQ(utf8_to_gsm7(v.utf8, v.utf8_len, septets.get(), v.count),
+                  static_cast<int>(v.count));
+        EXPECT_EQ(memcmp(septets.get(), v.septets, v.count), 0) << v.what;
+        EXPECT_EQ(utf8_to_gsm7(v.utf8, v.utf8_len, septets.get(), v.count - 1), -1) << v.what;
+    }
+}
+
+TEST(SmsAlphabetTest, PacksAndUnpacksAfterHeadersOfEveryLength) {
+    for (const auto &v : PACKING_VECTORS) {
+        SCOPED_TRACE(v.header);
+        const unsigned fill = static_cast<unsigned>((v.header * 8 + 6) / 7 * 7 - v.header * 8);
+        std::unique_ptr<uint8_t[]> packed(new uint8_t[v.octet_count]);
+        ASSERT_EQ(gsm7_pack_at(packed.get(), v.octet_count, bytes(v.septets), v.count, fill),
+                  v.octet_count);
+        EXPECT_EQ(memcmp(packed.get(), v.octets, v.octet_count), 0);
+        EXPECT_EQ(gsm7_pack_at(packed.get(), v.octet_count - 1, bytes(v.septets), v.count, fill),
+                  0u);
+
+        std::unique_ptr<uint8_t[]> octets(new uint8_t[v.octet_count]);
+        memcpy(octets.get(), v.octets, v.octet_count);
+        std::unique_ptr<uint8_t[]> septets(new uint8_t[v.count]);
+        ASSERT_EQ(
+            gsm7_unpack_at(septets.get(), v.count, octets.get(), v.octet_count, fill, v.count),
+            v.count);
+        EXPECT_EQ(memcmp(septets.get(), v.septets, v.count), 0);
+        // A smaller destination, or fewer octets, gives fewer septets, each right.
+        EXPECT_EQ(
+            gsm7_unpack_at(septets.get(), v.count - 3, octets.get(), v.octet_count, fill, v.count),
+            v.count - 3);
+        for (size_t n = 0; n < v.octet_count; ++n) {
+            std::unique_ptr<uint8_t[]> part(new uint8_t[n]);
+            if (n > 0) memcpy(part.get(), v.octets, n);
+            size_t got = gsm7_unpack_at(septets.get(), v.count, part.get(), n, fill, v.count);
+            ASSERT_EQ(got, n == 0 ? 0 : std::min(v.count, (8 * n - fill) / 7)) << n;
+            ASSERT_EQ(memcmp(septets.get(), v.septets, got), 0) << n;
+        }
+    }
+}
+
+TEST(SmsAlphabetTest, Utf16AgreesWithIndependentCodecAndLoneSurrogatesGiveReplacement) {
+    for (const auto &v : UTF16_VECTORS) {
+        SCOPED_TRACE(v.what);
+        const std::string want(v.utf8, v.utf8_len);
+        for (size_t room = 0; room <= v.utf8_len; ++room) {
+            std::unique_ptr<char[]> dst(new char[room]);
+            const std::string got(dst.get(),
+                                  utf16_to_utf8(bytes(v.utf16), v.utf16_len, dst.get(), room));
+            if (room == v.utf8_len) {
+                EXPECT_EQ(got, want);
+                continue;
+            }
+            ASSERT_EQ(got, want.substr(0, got.size())) << room;
+            ASSERT_TRUE(starts_char(want, got.size())) << room;
+            size_t next = got.size() + 1;
+            while (!starts_char(want, next))
+                ++next;
+            ASSERT_GT(next, room) << "a character that fits was left out";
+        }
+        // An odd last octet is no unit.
+        std::unique_ptr<uint8_t[]> odd(new uint8_t[v.utf16_len + 1]);
+        memcpy(odd.get(), v.utf16, v.utf16_len);
+        odd[v.utf16_len] = 0x41;
+        char out[32];
+        EXPECT_EQ(std::string(out, utf16_to_utf8(odd.get(), v.utf16_len + 1, out, sizeof out)),
+                  want);
+
+        if (want.find("\xEF\xBF\xBD") != std::string::npos)
+            continue; // U+FFFD does not encode back to a lone surrogate
+        std::unique_ptr<uint8_t[]> utf16(new uint8_t[v.utf16_len]);
+        EXPECT_EQ(utf8_to_utf16(v.utf8, v.utf8_len, utf16.get(), v.utf16_len),
+                  static_cast<int>(v.utf16_len));
+        EXPECT_EQ(memcmp(utf16.get(), v.utf16, v.utf16_len), 0);
+        EXPECT_EQ(utf8_to_utf16(v.utf8, v.utf8_len, utf16.get(), v.utf16_len - 1), -1);
+    }
+}
+
+// The forms UTF-8 itself rules out (RFC 3629): each is refused, by itself and
+// by the converters that read UTF-8.
+TEST(SmsAlphabetTest, Utf8ReadsWholeCharactersAndRefusesMalformedOnes) {
+    const struct {
+        std::string s;
+        size_t len; // 0: malformed
+        uint32_t ch;
+    } cases[] = {
+        {"A", 1, 0x41},
+        {"\xC3\xA9", 2, 0xE9},
+        {"\xEF\xBF\xBF", 3, 0xFFFF},
+        {"\xF0\x9F\x98\x80", 4, 0x1F600},
+        {"\xF4\x8F\xBF\xBF", 4, 0x10FFFF},
+        {"\x80", 0, 0},                 // a continuation byte first
+        {"\xC0\x80", 0, 0},             // overlong NUL
+        {"\xC1\xBF", 0, 0},             // overlong DEL
+        {"\xE0\x9F\xBF", 0, 0},         // overlong U+07FF
+        {"\xF0\x8F\xBF\xBF", 0, 0},     // overlong U+FFFF
+        {"\xED\xA0\xBD", 0, 0},         // a surrogate
+        {"\xF4\x90\x80\x80", 0, 0},     // past U+10FFFF
+        {"\xF8\x88\x80\x80\x80", 0, 0}, // five bytes
+        {"\xFF", 0, 0},
+        {"\xE4\xBD", 0, 0},     // cut short
+        {"\xE4\x41\xA0", 0, 0}, // a letter where a continuation belongs
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.s));
+        std::unique_ptr<char[]> src(new char[c.s.size()]);
+        memcpy(src.get(), c.s.data(), c.s.size());
+        uint32_t ch = 0xDEAD;
+        ASSERT_EQ(utf8_next(src.get(), c.s.size(), &ch), c.len);
+        if (c.len > 0) {
+            EXPECT_EQ(ch, c.ch);
+            EXPECT_EQ(put(ch), c.s);
+            continue;
+        }
+        uint8_t out[16];
+        EXPECT_EQ(utf8_to_utf16(src.get(), c.s.size(), out, sizeof out), -1);
+        EXPECT_EQ(utf8_to_gsm7(src.get(), c.s.size(), out, sizeof out), -1);
+    }
+    // Nothing UTF-8 cannot hold is written as such.
+    EXPECT_EQ(put(0xD800), "\xEF\xBF\xBD");
+    EXPECT_EQ(put(0xDFFF), "\xEF\xBF\xBD");
+    EXPECT_EQ(put(0x110000), "\xEF\xBF\xBD");
+    char one[1];
+    EXPECT_EQ(utf8_put(0xE9, one, sizeof one), 0u);
+    EXPECT_EQ(utf8_put(0x41, one, 0), 0u);
+}
+
+TEST(SmsAlphabetTest, CutKeepsEveryCharacterWhole) {
+    for (const auto &v : UTF16_VECTORS) {
+        const std::string s(v.utf8, v.utf8_len);
+        for (size_t len = 0; len <= s.size(); ++len) {
+            // The last character wholly inside the cut ends it.
+            size_t boundary = len;
+            while (!starts_char(s, boundary))
+                --boundary;
+            EXPECT_EQ(utf8_cut(s.data(), len), boundary) << v.what << " at " << len;
+        }
+    }
+}
+
+} // namespace
