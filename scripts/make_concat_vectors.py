@@ -9,7 +9,12 @@ The build and CI use only the committed table. gammu picks each message's
 reference at random, so a new run gives new references and PDUs.
 
 Every expected value (sender, time stamp, text, reference, part number and
-count) is what gammu decodes from the part's PDU.
+count) is what gammu decodes from the part's PDU, with one exception: gammu's
+decoder takes a 7-bit user-data length (septets) as a count of characters,
+so a part holding escape pairs (the extension table: euro sign, brackets)
+comes back with as many characters of junk after its text. For those the
+text is the characters gammu's encoder put into the part, once the decoding
+is checked to begin with exactly them.
 """
 import datetime
 
@@ -81,7 +86,11 @@ def main():
                 assert reference >= 0 and udh["PartNumber"] == n + 1, what
                 stamp = msg["DateTime"].strftime("%Y%m%d%H%M%S")
                 stamp1 = stamp1 or stamp
-                part_text = msg["Text"].encode("utf-8")
+                text = msg["Text"]
+                if not ucs2 and len(text) > len(p["Text"]):
+                    assert text.startswith(p["Text"]), what
+                    text = p["Text"]
+                part_text = text.encode("utf-8")
                 joined += part_text
                 print('    {%d, "%s", "%s", %s, %d, %d, %d, %d},' % (
                     len(messages), pdu.hex().upper(), stamp, c_string(part_text), len(part_text),

@@ -3,6 +3,7 @@
 // joining is tested apart from the PDU parser. Records longer than one frame
 // are cut into 1033 frames.
 #include "sms/alphabet.h"
+#include "concat_vectors.h"
 #include "sms/inbox.h"
 #include "sms/reassembly.h"
 #include "support/test_support.h"
@@ -14,26 +15,6 @@
 #include <vector>
 
 namespace {
-
-struct concat_part {
-    int message;
-    const char *pdu;
-    const char *stamp;
-    const char *text;
-    size_t text_len;
-    unsigned reference, count, part;
-};
-struct concat_message {
-    const char *what;
-    const char *sender;
-    size_t first, count;
-    const char *stamp;
-    const char *text;
-    size_t text_len;
-};
-#include "concat_vectors.inc"
-
-enum : size_t { PLAIN_3, EXTENDED_4, EMOJI_3, LONG_UCS2_4, OVER_999_5, SEVENTEEN, SAME_REF_A, SAME_REF_B };
 
 // What left the store, in order.
 struct delivered {
