@@ -91,16 +91,19 @@ void assembly_take(sms_assembly *a, const sms_deliver &sms, int64_t now_ms, cons
 }
 
 int64_t assembly_expire(sms_assembly *a, int64_t now_ms, const assembly_sink &sink) {
-    int64_t next = NO_DEADLINE;
-    for (assembly_message &m : a->messages) {
-        if (!m.used)
-            continue;
-        if (now_ms >= due_at(m))
-            give_up(m, sink);
-        else if (next == NO_DEADLINE || due_at(m) < next)
-            next = due_at(m);
+    // The earliest first, so that messages given up together leave in the
+    // order they came.
+    for (;;) {
+        assembly_message *earliest = nullptr;
+        for (assembly_message &m : a->messages)
+            if (m.used && (earliest == nullptr || m.first_ms < earliest->first_ms))
+                earliest = &m;
+        if (earliest == nullptr)
+            return NO_DEADLINE;
+        if (now_ms < due_at(*earliest))
+            return due_at(*earliest);
+        give_up(*earliest, sink);
     }
-    return next;
 }
 
 size_t assembly_count(const sms_assembly &a) {

@@ -206,8 +206,13 @@ TEST(SmsAssemblyTest, ANinthMessageIsDeliveredPartByPartUntilAPlaceIsFree) {
     assembly_take(store.get(), of_message(3, 100), 13, r.sink());
     EXPECT_TRUE(r.got.empty());
     EXPECT_EQ(assembly_count(*store), ASSEMBLY_MESSAGES);
+    // Given up together, they leave in the order they came: the ninth one's
+    // part, which came last, last.
     EXPECT_EQ(assembly_expire(store.get(), 13 + ASSEMBLY_WAIT_MS, r.sink()), NO_DEADLINE);
-    EXPECT_EQ(r.take().size(), ASSEMBLY_MESSAGES);
+    std::vector<delivered> left = r.take();
+    ASSERT_EQ(left.size(), ASSEMBLY_MESSAGES);
+    EXPECT_EQ(left.back(), alone(PLAIN_3, 3));
+    EXPECT_EQ(left.front(), alone(PLAIN_3, 1));
 }
 
 // ---- records on the client's socket
