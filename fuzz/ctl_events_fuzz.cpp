@@ -3,7 +3,8 @@
 // what is fed:
 //   0: one frame (code picked by the second byte, status the third, the rest
 //      its text) as a line, as an event in both styles, as fota progress;
-//   1: an SMS record (event 1031) built from parts, which must read back;
+//   1: an SMS record built from parts, which must read back: one 1031 when it
+//      fits a frame, else 1033 frames that the tool must join to it;
 //   2: the six replies of `status`, cut from the rest at 0xFF bytes.
 // Plain lines must stay one line without a control byte; JSON must be one
 // object that a reader written apart from the tool's escaping accepts, and
@@ -13,8 +14,11 @@
 #include "fuzz_support.h"
 #include "json_check.h"
 
+#include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -146,6 +150,22 @@ void as_progress(const reply_frame &f) {
           open + 2 + static_cast<size_t>(percent * 30 / 100));
 }
 
+// One 1033 frame met with nothing kept: the last of a record gives it back
+// at once, an earlier one is kept until listening ends, one with a count no
+// record of the daemon has is given back at once, not kept.
+void alone_joined(const reply_frame &f) {
+    ctl::record_joiner joiner;
+    const std::vector<ctl::joined_record> done = joiner.take(f);
+    const std::string text(f.text, f.text_len);
+    if (f.status == 0 || f.status >= ctl::record_joiner::FRAMES_MAX) {
+        check(done.size() == 1 && done[0].text == text && done[0].whole == (f.status == 0) && !joiner.rest());
+        return;
+    }
+    check(done.empty());
+    std::optional<ctl::joined_record> rest = joiner.rest();
+    check(rest && !rest->whole && rest->text == text && !joiner.rest());
+}
+
 // The record the daemon writes for a received SMS: number length (2 digits),
 // number, "14", a 14-digit time stamp, text length (3 digits), text. The
 // announced length may exceed what arrived: the frame ends where it ends.
@@ -168,13 +188,49 @@ void sms_record(const uint8_t *data, size_t size) {
     snprintf(head, sizeof head, "%02zu", number_len);
     snprintf(length, sizeof length, "%03zu", announced);
     const std::string record = head + number + "14" + stamp + length + text;
-    const reply_frame f = received(EVENT_SMS, 0, record);
-    const std::string arrived(f.text, f.text_len);
+    std::string arrived;
+    object o;
+    if (record.size() <= REPLY_TEXT_MAX) {
+        const reply_frame f = received(EVENT_SMS, 0, record);
+        arrived.assign(f.text, f.text_len);
+        o = as_event(f);
+    } else {
+        // Cut anywhere (the tool must not rely on whole characters), each
+        // piece ending at its NUL as it arrives; the joiner must give back
+        // exactly what arrived, as one record.
+        std::vector<std::string> pieces;
+        for (size_t at = 0; at < record.size();) {
+            size_t take = std::min(record.size() - at, REPLY_TEXT_MAX - (pieces.size() * 3 + number_len) % 4);
+            pieces.push_back(record.substr(at, take));
+            at += take;
+        }
+        ctl::record_joiner joiner;
+        std::vector<ctl::joined_record> done;
+        bool intact = true;
+        for (size_t i = 0; i < pieces.size(); ++i) {
+            const reply_frame f = received(EVENT_SMS_PART, static_cast<int>(pieces.size() - 1 - i), pieces[i]);
+            arrived.append(f.text, f.text_len);
+            intact = intact && f.text_len == pieces[i].size();
+            check(done.empty());
+            done = joiner.take(f);
+        }
+        check(done.size() == 1 && done[0].whole && done[0].text == arrived && !joiner.rest());
+        const std::string plain = ctl::format_sms_record(arrived, PLAIN), json = ctl::format_sms_record(arrived, JSON);
+        check(plain.empty() == json.empty());
+        if (!plain.empty()) {
+            one_plain_line(plain);
+            o = json_of(json);
+            string_member(o, "event", "sms");
+        }
+        // A NUL ended a piece early: the joined text lost bytes inside, so
+        // whether it reads is not known from its length alone.
+        if (!intact)
+            return;
+    }
 
     // Whole up to its text, and no more text than announced: it reads.
     const size_t text_at = 2 + number_len + 2 + 14 + 3;
     const bool reads = arrived.size() >= text_at && arrived.size() - text_at <= announced;
-    object o = as_event(f);
     check(o.empty() != reads);
     if (!reads)
         return;
@@ -254,7 +310,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                                          EVENT_FOTA_DONE,
                                          EVENT_RESTARTED,
                                          913,
-                                         102};
+                                         102,
+                                         EVENT_SMS_PART};
         constexpr size_t N = sizeof CODES / sizeof CODES[0];
         // Past the table, the code is the byte itself: any other code.
         const uint16_t code = data[1] < N ? CODES[data[1]] : data[1];
@@ -263,6 +320,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         as_frame(f);
         as_event(f);
         as_progress(f);
+        if (code == EVENT_SMS_PART)
+            alone_joined(f);
         break;
     }
     case 1:

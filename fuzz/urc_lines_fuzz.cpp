@@ -10,7 +10,11 @@
 #include <memory>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    // Parts of long messages held by one input must not reach the next.
+    static std::unique_ptr<sms_assembly> inbox;
+    inbox = std::make_unique<sms_assembly>();
     common_state st;
+    st.inbox = inbox.get();
     int64_t now = 1000;
     const uint8_t *end = data + size;
     for (const uint8_t *p = data; p < end;) {

@@ -43,6 +43,7 @@ enum : int {
     EVENT_TONE = 1021,
     EVENT_SMS = 1031,
     EVENT_SMS_REPORT = 1032,
+    EVENT_SMS_PART = 1033, // a piece of a record longer than one frame; status: pieces to come
     EVENT_MODULE = 1101, // status 1: the module left the bus; 0: it is back
     EVENT_MODULE_ERROR = 1201,
 };

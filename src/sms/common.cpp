@@ -80,12 +80,12 @@ void on_module_error(common_state &, const char *line, int64_t) {
 
 // Only a line that starts with a digit is a PDU; the "OK" that the module may
 // send between header and PDU leaves the header pending.
-void on_pdu_line(common_state &st, const char *line, int64_t) {
+void on_pdu_line(common_state &st, const char *line, int64_t now) {
     if (!st.sms_pending || line[0] < '0' || line[0] > '9')
         return;
     st.sms_pending = false;
     if (st.sms_kind == SMS_KIND_DELIVER)
-        sms_deliver_decode(line);
+        sms_inbox_deliver(st.inbox, line, now);
     else if (st.sms_kind == SMS_KIND_STATUS)
         sms_status_decode(line);
 }
@@ -122,11 +122,15 @@ int64_t expire(common_state &st, int64_t now, bool strictly) {
     }
     if (st.sms_pending && due(st.sms_ms + SMS_WINDOW_MS))
         st.sms_pending = false;
-    int64_t next = NO_DEADLINE;
+    int64_t next = sms_inbox_expire(st.inbox, strictly ? now - 1 : now);
+    auto sooner = [&next](int64_t at) {
+        if (next == NO_DEADLINE || at < next)
+            next = at;
+    };
     if (st.ring_pending)
-        next = st.ring_ms + RING_WINDOW_MS;
-    if (st.sms_pending && (next == NO_DEADLINE || st.sms_ms + SMS_WINDOW_MS < next))
-        next = st.sms_ms + SMS_WINDOW_MS;
+        sooner(st.ring_ms + RING_WINDOW_MS);
+    if (st.sms_pending)
+        sooner(st.sms_ms + SMS_WINDOW_MS);
     return next;
 }
 
@@ -149,12 +153,21 @@ void *common_thread(void *) {
     pthread_setname_np(pthread_self(), "zolvin_common");
     common_state st;
     char line[RING_LINE_SIZE];
+    int was;
     for (;;) {
+        // A cancellation waits for the handling of a line to end, so that the
+        // store of long messages, which outlives this thread, is never left
+        // half-updated; the wait alone is where the thread may be stopped.
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
+        int64_t deadline = common_expire(&st, monotonic_ms());
+        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &was);
         // Asleep until a line comes or the next window closes; with nothing
         // open, until the module speaks.
-        int64_t deadline = common_expire(&st, monotonic_ms());
-        if (urc_pop(line, sizeof line, deadline))
-            common_handle_line(&st, line, monotonic_ms());
+        if (!urc_pop(line, sizeof line, deadline))
+            continue;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
+        common_handle_line(&st, line, monotonic_ms());
+        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &was);
     }
     return nullptr;
 }

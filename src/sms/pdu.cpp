@@ -320,23 +320,3 @@ bool sms_status_parse(const char *pdu, size_t len, int *status, int *reference) 
     return smsc_and_first_octet(&c, &first) && c.octet(reference) &&
            c.address(recipient, sizeof recipient) && c.skip(28) && c.octet(status);
 }
-
-void sms_deliver_decode(const char *pdu) {
-    static sms_deliver sms;
-    char record[SMS_RECORD_MAX];
-    if (sms_deliver_parse(pdu, strlen(pdu), &sms) &&
-        sms_record_build(sms.sender, sms.stamp, sms.text, sms.text_len, record, sizeof record) > 0) {
-        stat_add(stat_counter::sms_in);
-        client_report(EVENT_SMS, STATUS_OK, record);
-    }
-}
-
-void sms_status_decode(const char *pdu) {
-    int status;
-    int reference;
-    if (!sms_status_parse(pdu, strlen(pdu), &status, &reference))
-        return;
-    char text[8];
-    snprintf(text, sizeof text, "%d", reference);
-    client_report(EVENT_SMS_REPORT, status, text);
-}

@@ -223,6 +223,67 @@ TEST(CtlTest, ListenShowsEventsDecodedAndRecordsThatDoNotAddUpRaw) {
         EXPECT_EQ(ctl::format_event(f, plain), "") << std::string(f.text, f.text_len);
 }
 
+// A fake daemon on an abstract socket of this user: sends `frames`, then
+// closes. What `listen` (with `extra` options) printed.
+std::string listened(const std::vector<reply_frame> &frames, const std::vector<std::string> &extra = {}) {
+    const std::string name = "@zolvin_ctl_listen." + std::to_string(getpid());
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path + 1, name.data() + 1, name.size() - 1);
+    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr),
+                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())), 0);
+    EXPECT_EQ(listen(listener, 1), 0);
+    std::thread daemon([&] {
+        int c = accept(listener, nullptr, nullptr);
+        for (const reply_frame &f : frames) {
+            uint8_t frame[REPLY_MAX];
+            send(c, frame, reply_build(frame, f.code, f.status, std::string(f.text, f.text_len).c_str()),
+                 MSG_NOSIGNAL);
+        }
+        close(c);
+    });
+    std::vector<std::string> args = {"--socket", name, "--server-uid", std::to_string(getuid())};
+    args.insert(args.end(), extra.begin(), extra.end());
+    args.push_back("listen");
+    ctl::options opts;
+    std::string error;
+    EXPECT_TRUE(ctl::parse_options(args, &opts, &error)) << error;
+    std::ostringstream out, err;
+    EXPECT_EQ(ctl::run(opts, out, err), ctl::EXIT_NO_ANSWER); // the daemon went away
+    daemon.join();
+    close(listener);
+    return out.str();
+}
+
+TEST(CtlTest, ListenJoinsTheFramesOfALongMessage) {
+    std::string text;
+    for (int i = 0; i < 200; ++i)
+        text += "\xE9\x95\xBF"; // 600 bytes of UTF-8
+    const std::string record = "07InfoSMS1420261123101542600" + text;
+    const size_t cut = 7 + 21 + 300; // between two characters
+    const std::vector<reply_frame> frames = {
+        reply(1033, 1, record.substr(0, cut)),
+        reply(1001, 2, "1"), // another event between the pieces
+        reply(1033, 0, record.substr(cut)),
+        // A piece went missing (status 1 never came): what came is shown as it is.
+        reply(1033, 2, "0212"),
+        reply(1033, 0, record.substr(cut)),
+        // More than any record of the daemon takes: not kept.
+        reply(1033, 64, "x"),
+        // A record that does not read, and one cut off by the end of the connection.
+        reply(1033, 1, "99"), reply(1033, 0, "+86"),
+        reply(1033, 3, "07"),
+    };
+    const std::string from_at = "sms from InfoSMS at 2026-11-23 10:15:42: ";
+    EXPECT_EQ(listened(frames), "call ended (no carrier)\n" + from_at + text +
+                                    "\n1033 ok(0) 0212\n1033 ok(0) " + record.substr(cut) +
+                                    "\n1033 ok(0) x\n1033 ok(0) 99+86\n1033 ok(0) 07\n");
+    const std::string json = listened({frames[0], frames[2]}, {"--json"});
+    EXPECT_EQ(json, R"({"event":"sms","from":"InfoSMS","time":"2026-11-23T10:15:42","text":")" + text + "\"}\n");
+    EXPECT_EQ(json, ctl::format_sms_record(record, ctl::print_style{true}) + "\n");
+}
+
 TEST(CtlStatusTest, StatisticsAreReadDefensively) {
     ctl::daemon_stats s;
     ASSERT_TRUE(ctl::parse_stats("up=18120 link=1  newer=x dials=18446744073709551615 newest=", &s));

@@ -495,8 +495,21 @@ private:
         if (bar_open_)
             out_ << "\n";
         bar_open_ = false;
+        if (opts_.listen && f.code == EVENT_SMS_PART) {
+            for (const joined_record &r : joiner_.take(f))
+                print_joined(r);
+            return;
+        }
         std::string decoded = opts_.listen ? format_event(f, style) : "";
         out_ << (decoded.empty() ? format_frame(f, style, event) : decoded) << std::endl;
+    }
+    // A record joined from 1033 frames: shown as its 1031 would be; one that
+    // does not read, or of which a frame went missing, as one frame of its text.
+    void print_joined(const joined_record &r) {
+        print_style style{opts_.json};
+        std::string decoded = r.whole ? format_sms_record(r.text, style) : "";
+        out_ << (decoded.empty() ? format_text_frame(EVENT_SMS_PART, 0, r.text, style, false) : decoded)
+             << std::endl;
     }
     int failed_wait(wait_result w, const request *r);
     // The reply to `r`, kept instead of printed.
@@ -510,6 +523,7 @@ private:
     bool stopped_ = false;
     bool bar_open_ = false; // the cursor stands at the end of a progress bar
     frame_reader reader_;
+    record_joiner joiner_;
 };
 
 session::wait_result session::next_frame(reply_frame *f, const clock_type::time_point *deadline) {
@@ -661,8 +675,11 @@ int session::listen_until_stopped() {
     for (;;) {
         reply_frame f;
         wait_result w = next_frame(&f, nullptr);
-        if (w != wait_result::frame)
+        if (w != wait_result::frame) {
+            if (std::optional<joined_record> r = joiner_.rest())
+                print_joined(*r);
             return failed_wait(w, nullptr);
+        }
         print(f, false);
     }
 }
@@ -859,7 +876,12 @@ std::string json_escape(const std::string &bytes) {
 }
 
 std::string format_frame(const reply_frame &f, const print_style &style, bool event) {
-    std::string text(f.text, f.text_len);
+    return format_text_frame(f.code, f.status, std::string(f.text, f.text_len), style, event);
+}
+
+std::string format_text_frame(uint16_t code, uint16_t status, const std::string &text,
+                              const print_style &style, bool event) {
+    const reply_frame f{code, status, 0, {}};
     std::string name = status_name(f.code, f.status);
     if (style.json) {
         std::string out = "{";
@@ -971,18 +993,8 @@ std::string format_event(const reply_frame &f, const print_style &style) {
         return json ? "{\"event\":\"tts_done\"}" : "tts done";
     case EVENT_TONE:
         return json ? "{\"event\":\"tone\",\"tone\":" + quoted(text) + "}" : "tone " + plain_escape(text);
-    case EVENT_SMS: {
-        sms_fields sms;
-        if (!sms_record_parse(text, &sms))
-            return "";
-        if (json) {
-            std::string iso = sms.time;
-            iso[10] = 'T';
-            return "{\"event\":\"sms\",\"from\":" + quoted(sms.from) + ",\"time\":\"" + iso +
-                   "\",\"text\":" + quoted(sms.text) + "}";
-        }
-        return "sms from " + plain_escape(sms.from) + " at " + sms.time + ": " + plain_escape(sms.text);
-    }
+    case EVENT_SMS:
+        return format_sms_record(text, style);
     case EVENT_SMS_REPORT: {
         // The length first: a long run of digits would overflow the reading.
         if (text.empty() || text.size() > 3)
@@ -1010,6 +1022,52 @@ std::string format_event(const reply_frame &f, const print_style &style) {
     default:
         return "";
     }
+}
+
+std::string format_sms_record(const std::string &record, const print_style &style) {
+    sms_fields sms;
+    if (!sms_record_parse(record, &sms))
+        return "";
+    if (style.json) {
+        std::string iso = sms.time;
+        iso[10] = 'T';
+        return "{\"event\":\"sms\",\"from\":" + quoted(sms.from) + ",\"time\":\"" + iso +
+               "\",\"text\":" + quoted(sms.text) + "}";
+    }
+    return "sms from " + plain_escape(sms.from) + " at " + sms.time + ": " + plain_escape(sms.text);
+}
+
+std::vector<joined_record> record_joiner::take(const reply_frame &f) {
+    std::vector<joined_record> done;
+    // A frame the daemon dropped for a full socket leaves a gap in the count:
+    // what came before it is given back as it is.
+    if (expect_ >= 0 && f.status != expect_) {
+        done.push_back({std::move(joined_), false});
+        joined_.clear();
+        expect_ = -1;
+    }
+    if (f.status >= FRAMES_MAX) {
+        done.push_back({std::string(f.text, f.text_len), false});
+        return done;
+    }
+    joined_.append(f.text, f.text_len);
+    if (f.status == 0) {
+        done.push_back({std::move(joined_), true});
+        joined_.clear();
+        expect_ = -1;
+    } else {
+        expect_ = f.status - 1;
+    }
+    return done;
+}
+
+std::optional<joined_record> record_joiner::rest() {
+    if (expect_ < 0)
+        return std::nullopt;
+    expect_ = -1;
+    joined_record r{std::move(joined_), false};
+    joined_.clear();
+    return r;
 }
 
 // ---- status

@@ -102,11 +102,42 @@ struct print_style {
 // JSON: an object with code, status, status_name, text (and "event": true).
 std::string format_frame(const reply_frame &f, const print_style &style, bool event);
 std::string json_escape(const std::string &bytes);
+// format_frame for a text that need not fit one frame (a joined record).
+std::string format_text_frame(uint16_t code, uint16_t status, const std::string &text,
+                              const print_style &style, bool event);
 // How `listen` shows an event: "call incoming 13912345678", "sms from ... at
 // 2026-11-23 10:15:42: Hello", or with JSON {"event":"sms","from":...}.
 // Empty for other frames and for events whose text does not add up (a record
 // whose lengths run past its end), which are printed as frames.
 std::string format_event(const reply_frame &f, const print_style &style);
+// An SMS record (of one 1031 frame, or joined from 1033 frames) as format_event
+// shows it; empty when it does not add up. Lengths count bytes of UTF-8.
+std::string format_sms_record(const std::string &record, const print_style &style);
+
+// A received message's record longer than one frame comes as 1033 frames,
+// each with the number of frames still to come as its status, the last with
+// 0; their texts joined are the record. Frames of other codes may come
+// between them.
+struct joined_record {
+    std::string text;
+    bool whole = false; // false: a frame of it went missing, this is what came
+};
+class record_joiner {
+public:
+    // More frames than this for one record are not the daemon's: such a frame
+    // is given back alone, not kept.
+    static constexpr uint16_t FRAMES_MAX = 64;
+    // Takes one 1033 frame; returns the records it ends, in order: what was
+    // kept when this frame does not follow it (not whole), then the record
+    // this frame completes.
+    std::vector<joined_record> take(const reply_frame &f);
+    // What is kept of an unfinished record (listening ends); none when nothing is.
+    std::optional<joined_record> rest();
+
+private:
+    std::string joined_;
+    int expect_ = -1; // the status the next frame must carry; -1: none kept
+};
 
 // ---- status: the daemon at a glance
 
