@@ -68,8 +68,6 @@ void sms_inbox_deliver(sms_assembly *a, const char *pdu, int64_t now_ms) {
 
 int64_t sms_inbox_expire(sms_assembly *a, int64_t now_ms) { return assembly_expire(a, now_ms, TO_CLIENT); }
 
-void sms_deliver_decode(const char *pdu) { sms_inbox_deliver(&sms_inbox, pdu, monotonic_ms()); }
-
 void sms_status_decode(const char *pdu) {
     int status;
     int reference;

@@ -20,6 +20,9 @@ void sms_inbox_deliver(sms_assembly *a, const char *pdu, int64_t now_ms);
 // Reports the messages of `a` whose time ran out by `now_ms`; returns when the
 // next one runs out, or NO_DEADLINE.
 int64_t sms_inbox_expire(sms_assembly *a, int64_t now_ms);
+// One status report PDU line: event 1032 with its status octet and message
+// reference; a PDU that does not add up reports nothing.
+void sms_status_decode(const char *pdu);
 
 // A record that fits one frame goes out as one 1031; a longer one as 1033
 // frames whose statuses count the frames still to come down to 0 and whose

@@ -1,8 +1,8 @@
 // Received SMS PDUs (SMS-DELIVER and status reports, each preceded by its
-// service-centre address) taken apart into client events. The parse steps are
-// pure; every announced length is checked against the bytes left and the room
-// of the destination, and a PDU that does not add up gives nothing. The
-// SMS-SUBMIT for sending is built in send.h.
+// service-centre address) taken apart; inbox.h makes them client events. The
+// parse steps are pure; every announced length is checked against the bytes
+// left and the room of the destination, and a PDU that does not add up gives
+// nothing. The SMS-SUBMIT for sending is built in send.h.
 #pragma once
 
 #include <cstddef>
@@ -58,8 +58,3 @@ bool sms_deliver_parse(const char *pdu, size_t len, sms_deliver *out);
 // checked, as above). The status is the octet after the two time stamps, so
 // optional parameters after it do not change it.
 bool sms_status_parse(const char *pdu, size_t len, int *status, int *reference);
-
-// The common thread's entries: parse the PDU line and report event 1031 or
-// 1032 to the client; a PDU that does not add up reports nothing.
-void sms_deliver_decode(const char *pdu);
-void sms_status_decode(const char *pdu);
