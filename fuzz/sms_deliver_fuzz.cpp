@@ -15,17 +15,6 @@
 
 namespace {
 
-bool valid_utf8(const char *s, size_t len) {
-    for (size_t at = 0; at < len;) {
-        uint32_t ch;
-        size_t n = utf8_next(s + at, len - at, &ch);
-        if (n == 0)
-            return false;
-        at += n;
-    }
-    return true;
-}
-
 std::string fields(const sms_deliver &sms) {
     return std::string(sms.sender) + "|" + sms.stamp + "|" + std::string(sms.text, sms.text_len) +
            "|" + std::to_string(sms.concatenated) + " " + std::to_string(sms.reference) + " " +
@@ -47,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const size_t sender_len = strnlen(sms->sender, sizeof sms->sender);
         check(sender_len < sizeof sms->sender);
         // Digits or GSM characters: always whole UTF-8.
-        check(valid_utf8(sms->sender, sender_len));
+        check(utf8_valid(sms->sender, sender_len));
         check(strnlen(sms->stamp, sizeof sms->stamp) == 14);
         if (sms->concatenated)
             check(sms->part >= 1 && sms->part <= sms->part_count);

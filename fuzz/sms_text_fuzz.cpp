@@ -13,24 +13,13 @@
 
 namespace {
 
-bool valid_utf8(const char *s, size_t len) {
-    for (size_t at = 0; at < len;) {
-        uint32_t ch;
-        size_t n = utf8_next(s + at, len - at, &ch);
-        if (n == 0)
-            return false;
-        at += n;
-    }
-    return true;
-}
-
 // Septets to UTF-8 into `room` bytes; the result is whole UTF-8, and the
 // septets it says it took give the same bytes again.
 size_t septets_to_utf8(const uint8_t *septets, size_t count, size_t room) {
     std::unique_ptr<char[]> dst(new char[room]);
     size_t used = 0;
     size_t n = gsm7_to_utf8(septets, count, dst.get(), room, &used);
-    check(n <= room && used <= count && valid_utf8(dst.get(), n));
+    check(n <= room && used <= count && utf8_valid(dst.get(), n));
     std::unique_ptr<char[]> again(new char[n]);
     check(gsm7_to_utf8(septets, used, again.get(), n) == n && memcmp(again.get(), dst.get(), n) == 0);
     return n;
@@ -39,7 +28,7 @@ size_t septets_to_utf8(const uint8_t *septets, size_t count, size_t room) {
 size_t utf16_to_utf8_in(const uint8_t *src, size_t len, size_t room) {
     std::unique_ptr<char[]> dst(new char[room]);
     size_t n = utf16_to_utf8(src, len, dst.get(), room);
-    check(n <= room && valid_utf8(dst.get(), n));
+    check(n <= room && utf8_valid(dst.get(), n));
     return n;
 }
 
@@ -114,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::unique_ptr<uint8_t[]> all(new uint8_t[2 * size]);
         int m = utf8_to_utf16(text, size, all.get(), 2 * size);
         check(m == -1 || (m % 2 == 0 && m <= static_cast<int>(2 * size)));
-        check((m == -1) == !valid_utf8(text, size));
+        check((m == -1) == !utf8_valid(text, size));
         if (m >= 0) {
             std::unique_ptr<char[]> back(new char[size]);
             check(utf16_to_utf8(all.get(), static_cast<size_t>(m), back.get(), size) == size &&

@@ -20,6 +20,8 @@ import datetime
 
 import gammu
 
+from sms_vectors import c_string
+
 SMSC = {"Location": 0, "Number": "+8613800250500", "Validity": "NA", "Format": "Text",
         "Name": "", "DefaultNumber": ""}
 START = datetime.datetime(2025, 5, 7, 16, 43, 51)
@@ -42,19 +44,6 @@ MESSAGES = [
     ("7-bit, two parts, the same reference from two senders", ["+8613412345678", "10086"],
      "Two senders, one reference: " + "abc " * 40, False, False),
 ]
-
-
-def c_string(data):
-    out = []
-    for b in data:
-        c = chr(b)
-        if c in '"\\':
-            out.append("\\" + c)
-        elif 32 <= b < 127:
-            out.append(c)
-        else:
-            out.append("\\%03o" % b)
-    return '"' + "".join(out) + '"'
 
 
 def main():

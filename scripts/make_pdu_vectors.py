@@ -22,6 +22,8 @@ import datetime
 
 import gammu
 
+from sms_vectors import pack7, unpack7, c_string
+
 SMSC = "0891683108200505F0"  # +8613800250500
 SMSC_DICT = {"Number": "+8613800250500", "Location": 0, "Validity": "NA", "Format": "Text",
              "DefaultNumber": "", "Name": ""}
@@ -37,19 +39,6 @@ def semi(digits):
 def address(number, toa):
     digits = number.lstrip("+")
     return "%02X%02X%s" % (len(digits), toa, semi(digits))
-
-
-def pack7(septets, fill=0):
-    acc = 0
-    for i, s in enumerate(septets):
-        acc |= s << (fill + 7 * i)
-    total = fill + 7 * len(septets)
-    return acc.to_bytes((total + 7) // 8, "little")
-
-
-def unpack7(octets, count, fill=0):
-    acc = int.from_bytes(octets, "little")
-    return [(acc >> (fill + 7 * i)) & 0x7F for i in range(count)]
 
 
 def alnum_address(septets):
@@ -360,19 +349,6 @@ STATUS = [
      status_report(42, INTL, "20250507164351", 0x40,
                    tail="070000%02X%s" % (3, pack7(gammu_septets("abc")).hex().upper()))),
 ]
-
-
-def c_string(data):
-    out = []
-    for b in data:
-        c = chr(b)
-        if c in '"\\?':  # '?' too: no trigraphs
-            out.append("\\" + c)
-        elif 32 <= b < 127:
-            out.append(c)
-        else:
-            out.append("\\%03o" % b)
-    return '"' + "".join(out) + '"'
 
 
 def gammu_fields(msg):

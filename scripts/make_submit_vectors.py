@@ -23,6 +23,8 @@ Where gammu departs from TS 23.038/23.040 the standard holds:
 """
 import gammu
 
+from sms_vectors import c_string
+
 VALIDITY = {255: "Max", 167: "1D", 143: "12H", 11: "1H", 173: "1W"}
 # The emulated module's own centre, which "DEFAULT" gives.
 EMU_SMSC = "+12345678901"
@@ -122,19 +124,6 @@ CASES = [
      "x" * 152 + "€" * 688, 167, 0, 0),
     ("refused: 671 UCS-2 units need eleven parts", 1, SMSC, "10086", "x" * 671, 167, 0, 0),
 ]
-
-
-def c_string(data):
-    out = []
-    for b in data:
-        c = chr(b)
-        if c in '"\\':
-            out.append("\\" + c)
-        elif 32 <= b < 127:
-            out.append(c)
-        else:
-            out.append("\\%03o" % b)
-    return '"' + "".join(out) + '"'
 
 
 def row(what, ucs2, smsc, destination, text, validity, srr, reference):

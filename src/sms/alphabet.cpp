@@ -166,6 +166,17 @@ size_t utf8_next(const char *src, size_t left, uint32_t *ch) {
     return n;
 }
 
+bool utf8_valid(const char *src, size_t len) {
+    for (size_t at = 0; at < len;) {
+        uint32_t ch;
+        size_t n = utf8_next(src + at, len - at, &ch);
+        if (n == 0)
+            return false;
+        at += n;
+    }
+    return true;
+}
+
 size_t utf8_put(uint32_t ch, char *dst, size_t room) {
     auto *d = reinterpret_cast<uint8_t *>(dst);
     // No UTF-8 exists for these: written as U+FFFD rather than as bytes no

@@ -36,6 +36,8 @@ int utf8_to_gsm7(const char *src, size_t len, uint8_t *septets, size_t cap);
 // continuation, an overlong form, a surrogate, a value past U+10FFFF or a
 // sequence cut short) and its value in `*ch`.
 size_t utf8_next(const char *src, size_t left, uint32_t *ch);
+// Whether all `len` bytes are well-formed UTF-8.
+bool utf8_valid(const char *src, size_t len);
 // Writes `ch` as UTF-8 when it fits `room` (a surrogate or a value past
 // U+10FFFF as U+FFFD); returns the bytes written or 0.
 size_t utf8_put(uint32_t ch, char *dst, size_t room);

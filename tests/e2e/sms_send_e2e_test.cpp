@@ -4,32 +4,11 @@
 // incoming message still reaches the client.
 
 #include "e2e/board.h"
+#include "sms/submit_vectors.h"
 
 #include <cstring>
 
 namespace {
-
-struct submit_vector {
-    const char *what;
-    uint8_t ucs2;
-    const char *smsc, *destination, *text;
-    int validity;
-    uint8_t status_report, reference;
-    size_t parts;
-    std::vector<size_t> sizes;
-    std::vector<int> tpdu_octets;
-    std::vector<std::string> pdus;
-};
-
-#include "sms/submit_vectors.inc"
-
-const submit_vector *vector_named(const std::string &prefix) {
-    for (const submit_vector &v : SUBMIT_VECTORS) {
-        if (std::string(v.what).rfind(prefix, 0) == 0)
-            return &v;
-    }
-    return nullptr;
-}
 
 // The message sends of the emulator's record from index `from` on: command and body.
 std::vector<std::string> cmgs_since(modem_control &emu, size_t from) {
@@ -44,7 +23,7 @@ std::vector<std::string> cmgs_since(modem_control &emu, size_t from) {
 
 TEST(SmsSendE2eTest, A400CharacterTextGoesOutAsThreePartsOfOneMessage) {
     READY_BOARD(b);
-    const submit_vector *v = vector_named("7-bit, the 400 characters");
+    const submit_vector *v = submit_vector_named("7-bit, the 400 characters");
     ASSERT_NE(v, nullptr);
     ASSERT_EQ(strlen(v->text), 400u);
     ASSERT_EQ(v->parts, 3u);

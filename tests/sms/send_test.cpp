@@ -6,6 +6,7 @@
 #include "core/text.h"
 #include "sms/alphabet.h"
 #include "sms/send.h"
+#include "sms/submit_vectors.h"
 #include "support/test_support.h"
 
 #include <cstring>
@@ -16,27 +17,13 @@
 
 namespace {
 
-struct submit_vector {
-    const char *what;
-    uint8_t ucs2;
-    const char *smsc, *destination, *text;
-    int validity;
-    uint8_t status_report, reference;
-    size_t parts; // 0: refused
-    std::vector<size_t> sizes; // septets or UTF-16 units of each part
-    std::vector<int> tpdu_octets;
-    std::vector<std::string> pdus; // without their Ctrl-Z
-};
-
-#include "sms/submit_vectors.inc"
-
 const submit_vector &vector_named(const std::string &prefix) {
-    for (const submit_vector &v : SUBMIT_VECTORS) {
-        if (std::string(v.what).rfind(prefix, 0) == 0)
-            return v;
+    const submit_vector *v = submit_vector_named(prefix);
+    if (v == nullptr) {
+        ADD_FAILURE() << "no vector " << prefix;
+        return SUBMIT_VECTORS[0];
     }
-    ADD_FAILURE() << "no vector " << prefix;
-    return SUBMIT_VECTORS[0];
+    return *v;
 }
 
 TEST(SmsSubmitVectorTest, AgreesWithIndependentCodec) {
