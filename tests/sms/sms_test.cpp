@@ -104,6 +104,8 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
          "252 1 time out|", ">|OK|OK|", {"AT+CMGF=1", "AT+CMGS=\"10086\" [esc ]", "AT+CMGF=0"}, true},
         {on_cmgs(modem_reply::error()), text_hi, std::nullopt, "252 1 |", "",
          {"AT+CMGF=1", "AT+CMGS=\"10086\"", "AT+CMGF=0"}},
+        {on_cmgs(modem_reply::silence()), text_hi, std::nullopt, "252 1 time out|", "",
+         {"AT+CMGF=1", "AT+CMGS=\"10086\"", "AT+CMGF=0"}},
         {on_cmgs(modem_reply::cms_error(500).for_body()), text_hi, std::nullopt, "252 1 |",
          "+CMS ERROR: 500|", {"AT+CMGF=1", "AT+CMGS=\"10086\" [hi]", "AT+CMGF=0"}},
     };
