@@ -130,21 +130,6 @@ TEST_F(AtWaitTest, OnlyLinesToActOnComeBackAndTheOthersReachUrcRingInOrder) {
     at_end(h);
     EXPECT_EQ(urc(), "+CMS ERROR: 304|after|");
 
-    // Information does not end the wait; the body's echo is dropped, a line
-    // starting "AT" is not its echo.
-    const char *pdu = "0011000D91683119325476F8\x1a";
-    const at_row result_rows[] = {{"OK", nullptr, at_verdict::success},
-                                  {"+CMGS:", nullptr, at_verdict::info}};
-    const at_rules result = {result_rows, 2, AT_ERRORS_ALL, pdu, 10};
-    ASSERT_TRUE(at_start(pdu, strlen(pdu)));
-    port.module_says("0011000D91683119325476F8\r\nRING\r\n+CMGS: 7\r\nAT+X\r\nOK\r\n");
-    ASSERT_EQ(at_wait(result, monotonic_ms() + 2000, &h), at_verdict::info);
-    EXPECT_STREQ(h.line, "+CMGS: 7");
-    ASSERT_EQ(at_wait(result, monotonic_ms() + 2000, &h), at_verdict::success);
-    EXPECT_FALSE(h.pass_on);
-    at_end(h);
-    EXPECT_EQ(urc(), "RING|AT+X|");
-
     // Nothing that ends the wait: the time-out, with no row.
     ASSERT_TRUE(at_start("AT\r", 3));
     port.module_says("ERROR\r\n");
