@@ -292,6 +292,7 @@ TEST(SmsInboxTest, PartsDecodeToWhatGammuSays) {
         EXPECT_EQ(d.part_count, p.count);
         EXPECT_EQ(d.part, p.part);
     }
+    EXPECT_GT(part_of(EXTENDED_4, 1).reference, 255u); // the 16-bit element is among them
 }
 
 // The lines of the common thread as the module sends them: header, PDU.
