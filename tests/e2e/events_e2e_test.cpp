@@ -9,8 +9,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <csignal>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 
 namespace {
@@ -189,6 +192,47 @@ TEST(EventsTest, ASubscriberThatNeverReadsDelaysNeitherTheOthersNorTheClient) {
     EXPECT_TRUE(std::is_sorted(stuck_numbers.begin(), stuck_numbers.end()));
     std::string stats = c.ask(913);
     EXPECT_EQ(stat_value(stats, "dropped"), total - static_cast<long long>(stuck_numbers.size())) << stats;
+}
+
+// The command-line client's `listen` subscribes: it runs beside the client
+// application, which is still served, and prints the events it is sent.
+TEST(EventsTest, TheToolListensBesideTheClient) {
+    READY_BOARD(b);
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    pid_t tool = -1;
+    b.board.in_network([&] { // the child starts in this thread's namespace
+        tool = fork();
+        if (tool == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            execl(ZOLVIN_CTL_BIN, ZOLVIN_CTL_BIN, "listen", static_cast<char *>(nullptr));
+            _exit(127);
+        }
+    });
+    close(out[1]);
+    ASSERT_GT(tool, 0);
+    std::string printed;
+    auto printed_has = [&](const std::string &text) {
+        pollfd p{out[0], POLLIN, 0};
+        char buf[512];
+        while (poll(&p, 1, 50) == 1) {
+            ssize_t n = read(out[0], buf, sizeof buf);
+            if (n <= 0)
+                break;
+            printed.append(buf, static_cast<size_t>(n));
+        }
+        return printed.find(text) != std::string::npos;
+    };
+    // Events sent before the tool has subscribed reach only the client.
+    EXPECT_TRUE(eventually([&] {
+        return b.emu.inject_line("+CME ERROR: 7") && printed_has("module error +CME ERROR: 7\n");
+    }));
+    EXPECT_EQ(b.client->ask(911), VERSION);
+    kill(tool, SIGTERM);
+    int status = -1;
+    waitpid(tool, &status, 0);
+    close(out[0]);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 } // namespace
