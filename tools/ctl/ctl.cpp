@@ -1400,9 +1400,9 @@ std::string usage() {
         "       zolvin_4g_ctl [--json] [--socket NAME] [--server-uid UID] listen [COMMAND [ARGS...]]\n"
         "\n"
         "Sends one request to the daemon and prints its reply as CODE STATUS-NAME(STATUS) TEXT,\n"
-        "or a JSON object per line with --json. listen prints every event as it arrives, as\n"
-        "a subscriber of @phone_events beside the client, until SIGINT or SIGTERM; with\n"
-        "COMMAND it is the client on @phone_server, runs COMMAND and prints every frame.\n"
+        "or a JSON object per line with --json. listen subscribes to @phone_events beside the\n"
+        "client and prints every event as it arrives (after running COMMAND, if given: there\n"
+        "only version, state and stats are served) until SIGINT or SIGTERM.\n"
         "The socket must belong to root (or to --server-uid UID), or nothing is sent.\n"
         "Exit status: 0 success, 1 failure status (1, 10 to 20), 2 usage, 3 no connection,\n"
         "no reply in time, or the daemon went away, 4 the socket belongs to another user.\n"
@@ -1428,11 +1428,10 @@ int run(const options &opts, std::ostream &out, std::ostream &err, int stop_fd) 
         if (opts.timeout_ms > 0)
             r.timeout_ms = opts.timeout_ms;
     }
-    // Listening alone needs no client: it subscribes beside the application
-    // that is the client. A command after listen is the client's to send.
+    // A listener subscribes beside the application that is the client.
     std::string name = opts.socket_name;
     if (name.empty())
-        name = opts.listen && opts.words.empty() ? EVENTS_SOCKET_NAME : SERVER_SOCKET_NAME;
+        name = opts.listen ? EVENTS_SOCKET_NAME : SERVER_SOCKET_NAME;
     int fd = connect_to(name, &error);
     if (fd < 0) {
         err << "zolvin_4g_ctl: " << error << std::endl;
