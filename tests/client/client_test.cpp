@@ -9,7 +9,6 @@
 #include "support/test_support.h"
 
 #include <algorithm>
-#include <memory>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <thread>
@@ -350,27 +349,6 @@ TEST_F(LocalCodeTest, EventsReachEverySubscriberAndAnswersOnlyTheirAsker) {
     EXPECT_EQ(a.frames(), "1001 1 10086|911 0 ZOLVIN 4G SERVER V1.23|561 0 |");
     EXPECT_EQ(b.frames(), "1001 1 10086|525 14 |561 0 |");
     EXPECT_EQ(state().down_script[0], '\0');
-}
-
-// Eight slots; a freed one is taken again, and a detached descriptor gets nothing more.
-TEST_F(LocalCodeTest, EightSubscribersAtMostAndAGoneOneHearsNothing) {
-    std::vector<std::unique_ptr<subscriber_end>> subs;
-    for (int i = 0; i < SUBSCRIBERS_MAX; ++i) {
-        subs.push_back(std::make_unique<subscriber_end>());
-        EXPECT_GE(subs.back()->slot, 0) << i;
-    }
-    int ninth[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ninth), 0);
-    EXPECT_EQ(subscriber_attach(ninth[0]), -1);
-    subscriber_end &gone = *subs[3];
-    subscriber_detach(gone.slot);
-    event_report(EVENT_TONE, 1, "49");
-    EXPECT_EQ(gone.frames(), "");
-    EXPECT_EQ(subs[4]->frames(), "1021 1 49|");
-    EXPECT_EQ(subscriber_attach(ninth[0]), gone.slot);
-    subscriber_detach(gone.slot);
-    close(ninth[0]);
-    close(ninth[1]);
 }
 
 // A subscriber that does not read loses frames once its socket is full, each
