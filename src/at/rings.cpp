@@ -150,7 +150,7 @@ void at_port_hung_up() {
     {
         lock_hold presence(&s.presence_lock);
         if (s.module_lost.exchange(1, std::memory_order_acq_rel) == 0)
-            client_report(EVENT_MODULE, STATUS_FAIL, nullptr);
+            event_report(EVENT_MODULE, STATUS_FAIL, nullptr);
     }
     {
         lock_hold hold(&s.line_lock);

@@ -1,6 +1,8 @@
 // The client interface: the frames (core/frames.h), the server thread on the
 // abstract socket "@phone_server" that answers the local codes itself, and the
-// request workers that run every other code on the AT port.
+// request workers that run every other code on the AT port. The same thread
+// serves up to 8 subscribers on "@phone_events", who get a copy of every event
+// (event_report) and may ask 911, 912 and 913.
 #pragma once
 
 #include "core/frames.h"
@@ -15,6 +17,9 @@ void *interface_thread(void *arg);
 // Answers one request read from the connected client (`len` bytes), who is
 // `from`. Exposed for tests.
 void handle_request(const uint8_t *buf, size_t len, const client_peer &from);
+// Answers one request of the subscriber in `slot` (subscriber_attach), to it
+// alone: 911, 912 and 913 as for the client, any other code status 14.
+void handle_subscriber_request(const uint8_t *buf, size_t len, int slot);
 
 // The raw request a worker runs, with the number of bytes that were read:
 // fields are taken only from those bytes; and who sent it: the client's

@@ -20,8 +20,15 @@ namespace {
 // cannot happen while one runs.
 worker_request g_request_copy;
 
+// The subscriber whose request is being answered; -1: the client. The server
+// thread's alone.
+int g_answer_slot = -1;
+
 void reply(uint16_t code, int status, const char *text = nullptr) {
-    client_report(code, status, text);
+    if (g_answer_slot >= 0)
+        subscriber_report(g_answer_slot, code, status, text);
+    else
+        client_report(code, status, text);
 }
 
 bool switch_is(const request_frame &f, int field, char value) {
@@ -229,9 +236,9 @@ void start_worker(const uint8_t *buf, size_t len, uint16_t code, const client_pe
         reply(code, STATUS_BUSY);
 }
 
-// The listening socket, made once: while the daemon runs no other process
-// can take the name. -1 after a failure, which is reported.
-int open_listener() {
+// A listening socket, made once: while the daemon runs no other process can
+// take the name. -1 after a failure, which is reported.
+int open_listener(socklen_t (*address)(sockaddr_un *), int backlog) {
     int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (listener < 0) {
         perror("cannot create communication socket");
@@ -240,19 +247,21 @@ int open_listener() {
     int on = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_un addr;
-    socklen_t addr_len = server_address(&addr);
+    socklen_t addr_len = address(&addr);
     if (bind(listener, reinterpret_cast<sockaddr *>(&addr), addr_len) != 0) {
         perror("cannot bind server socket");
         close(listener);
         return -1;
     }
-    if (listen(listener, 1) != 0) {
+    if (listen(listener, backlog) != 0) {
         perror("cannot listen the client connect request");
         close(listener);
         return -1;
     }
     return listener;
 }
+
+constexpr int64_t ACCEPT_RETRY_MS = 1000;
 
 // The connected client, the server thread's alone.
 int g_client = -1;
@@ -298,7 +307,49 @@ void take_connection(int fresh) {
     client_attach(g_client);
 }
 
-constexpr int64_t ACCEPT_RETRY_MS = 1000;
+// The subscribers' descriptors by slot (-1: free), the server thread's copy
+// of the slots that core/report.h sends to.
+int g_subscriber[SUBSCRIBERS_MAX] = {-1, -1, -1, -1, -1, -1, -1, -1};
+
+void subscriber_gone(int slot) {
+    subscriber_detach(slot);
+    close(g_subscriber[slot]);
+    g_subscriber[slot] = -1;
+}
+
+// A subscriber if it may be a client and a slot is free; else closed at once.
+void take_subscriber(int fresh) {
+    client_peer peer;
+    int slot = client_admit(fresh, &peer) ? subscriber_attach(fresh) : -1;
+    if (slot < 0) {
+        close(fresh);
+        return;
+    }
+    g_subscriber[slot] = fresh;
+}
+
+// One read of a subscriber is one request; false when it has gone.
+bool serve_subscriber(int slot) {
+    static uint8_t buf[REQUEST_MAX];
+    ssize_t n = recv(g_subscriber[slot], buf, sizeof buf, MSG_DONTWAIT);
+    if (n > 0) {
+        handle_subscriber_request(buf, static_cast<size_t>(n), slot);
+        return true;
+    }
+    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+}
+
+// A connection waiting on `listener`, given to `take`; after a failed accept,
+// such as no descriptor left, the listener rests until `*again_ms`.
+void accept_on(int listener, void (*take)(int), int64_t *again_ms) {
+    int fresh = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fresh >= 0) {
+        take(fresh);
+    } else if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED) {
+        perror("cannot accept client connect request");
+        *again_ms = monotonic_ms() + ACCEPT_RETRY_MS;
+    }
+}
 
 } // namespace
 
@@ -318,28 +369,52 @@ void handle_request(const uint8_t *buf, size_t len, const client_peer &from) {
     start_worker(buf, len, f.code, from);
 }
 
+void handle_subscriber_request(const uint8_t *buf, size_t len, int slot) {
+    request_frame f;
+    if (request_parse(buf, len, &f) != 0)
+        return; // not ours: no reply at all
+    g_answer_slot = slot;
+    // Subscribers look, they do not steer: only the codes that change nothing.
+    if (f.code == 911 || f.code == 912 || f.code == 913)
+        handle_request(buf, len, client_peer{});
+    else
+        reply(f.code, STATUS_NOT_SERVED);
+    g_answer_slot = -1;
+}
+
 void *interface_thread(void *) {
     pthread_setname_np(pthread_self(), "zolvin_client");
-    int listener = open_listener();
+    int listener = open_listener(server_address, 1);
     if (listener < 0)
         return nullptr;
-    int64_t accept_again_ms = 0; // after a failed accept, such as no descriptor left
+    // Without it the client is still served; only subscribers go without.
+    int events = open_listener(events_address, SUBSCRIBERS_MAX);
+    // After a failed accept, such as no descriptor left.
+    int64_t accept_again_ms = 0, events_again_ms = 0;
+    enum { CLIENT, LISTENER, EVENTS, SUBSCRIBERS };
     for (;;) {
-        bool listening = monotonic_ms() >= accept_again_ms;
+        int64_t now = monotonic_ms();
+        bool listening = now >= accept_again_ms, events_open = now >= events_again_ms;
         // poll() passes over a negative descriptor.
-        pollfd fds[2] = {{g_client, POLLIN, 0}, {listening ? listener : -1, POLLIN, 0}};
-        if (poll(fds, 2, listening ? -1 : poll_timeout(accept_again_ms)) < 0)
+        pollfd fds[SUBSCRIBERS + SUBSCRIBERS_MAX] = {{g_client, POLLIN, 0},
+                                                      {listening ? listener : -1, POLLIN, 0},
+                                                      {events_open ? events : -1, POLLIN, 0}};
+        for (int i = 0; i < SUBSCRIBERS_MAX; ++i)
+            fds[SUBSCRIBERS + i] = {g_subscriber[i], POLLIN, 0};
+        int64_t deadline = !listening ? accept_again_ms : NO_DEADLINE;
+        if (!events_open && (deadline == NO_DEADLINE || events_again_ms < deadline))
+            deadline = events_again_ms;
+        if (poll(fds, SUBSCRIBERS + SUBSCRIBERS_MAX, poll_timeout(deadline)) < 0)
             continue; // interrupted
-        if (fds[0].revents != 0 && serve_client(0) == client_read::gone)
+        if (fds[CLIENT].revents != 0 && serve_client(0) == client_read::gone)
             client_gone();
-        if ((fds[1].revents & POLLIN) == 0)
-            continue;
-        int fresh = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fresh >= 0) {
-            take_connection(fresh);
-        } else if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED) {
-            perror("cannot accept client connect request");
-            accept_again_ms = monotonic_ms() + ACCEPT_RETRY_MS;
+        for (int i = 0; i < SUBSCRIBERS_MAX; ++i) {
+            if (fds[SUBSCRIBERS + i].revents != 0 && !serve_subscriber(i))
+                subscriber_gone(i);
         }
+        if ((fds[EVENTS].revents & POLLIN) != 0)
+            accept_on(events, take_subscriber, &events_again_ms);
+        if ((fds[LISTENER].revents & POLLIN) != 0)
+            accept_on(listener, take_connection, &accept_again_ms);
     }
 }

@@ -93,10 +93,17 @@ long reply_parse(const uint8_t *buf, size_t len, reply_frame *out) {
     return static_cast<long>(8 + n);
 }
 
-socklen_t server_address(sockaddr_un *addr) {
+namespace {
+// The name's bytes without a terminator, its '@' made the abstract marker.
+socklen_t abstract_address(sockaddr_un *addr, const char *name) {
     memset(addr, 0, sizeof *addr);
     addr->sun_family = AF_UNIX;
-    memcpy(addr->sun_path, SERVER_SOCKET_NAME, strlen(SERVER_SOCKET_NAME) + 1);
+    memcpy(addr->sun_path, name, strlen(name) + 1);
     addr->sun_path[0] = '\0'; // the abstract namespace
-    return static_cast<socklen_t>(sizeof addr->sun_family + strlen(SERVER_SOCKET_NAME));
+    return static_cast<socklen_t>(sizeof addr->sun_family + strlen(name));
 }
+} // namespace
+
+socklen_t server_address(sockaddr_un *addr) { return abstract_address(addr, SERVER_SOCKET_NAME); }
+
+socklen_t events_address(sockaddr_un *addr) { return abstract_address(addr, EVENTS_SOCKET_NAME); }

@@ -9,9 +9,13 @@
 #include <sys/un.h>
 
 constexpr const char *SERVER_SOCKET_NAME = "@phone_server";
+// Where subscribers take a copy of every event, beside the one client.
+constexpr const char *EVENTS_SOCKET_NAME = "@phone_events";
 
-// Fills the abstract address of the daemon's socket; returns its length (15).
+// Fill the abstract address of the daemon's command socket and of its events
+// socket; each returns the address length (15).
 socklen_t server_address(sockaddr_un *addr);
+socklen_t events_address(sockaddr_un *addr);
 
 constexpr size_t REQUEST_MAX = 1000;       // one read of the socket is one request
 constexpr int REQUEST_FIELDS_MAX = 6;
@@ -29,7 +33,7 @@ enum : int {
     STATUS_PASSTHROUGH_OFF = 11,
     STATUS_BUSY = 12,
     STATUS_NOT_READY = 13,
-    STATUS_NOT_SERVED = 14, // not allowed to this client
+    STATUS_NOT_SERVED = 14, // not allowed to this client, or not served on this socket
     STATUS_UNKNOWN_CODE = 20,
 };
 

@@ -17,6 +17,22 @@ thread_local uint32_t t_reply_generation = 0;
 // The last generation handed out; changed under client_lock for writing.
 uint32_t g_last_generation = 0;
 
+// The subscribers' descriptors (-1: a free slot). Senders hold the lock for
+// reading around their sends; attach and detach hold it for writing, so no
+// frame goes to a descriptor that the server is closing.
+pthread_rwlock_t g_subscriber_lock = PTHREAD_RWLOCK_INITIALIZER;
+int g_subscriber_fd[SUBSCRIBERS_MAX] = {-1, -1, -1, -1, -1, -1, -1, -1};
+
+// One frame without waiting: a peer that stops reading must not stall the
+// receive thread, a worker or the supervisor, so its frame is dropped instead.
+void send_frame(int fd, const uint8_t *frame, size_t n, int code, const char *who) {
+    ssize_t sent = send(fd, frame, n, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        stat_add(stat_counter::dropped);
+        log_printf("%s not reading, frame %d dropped\n", who, code);
+    }
+}
+
 } // namespace
 
 uint32_t client_attach(int fd) {
@@ -54,12 +70,45 @@ void client_report(int code, int status, const char *text) {
         log_printf("Client gone, reply %d dropped\n", code);
         return;
     }
-    // A client that stops reading must not stall the receive thread, a worker
-    // or the supervisor: its frames are dropped instead.
-    ssize_t sent = send(s.client_fd.load(std::memory_order_acquire), frame, n,
-                        MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        stat_add(stat_counter::dropped);
-        log_printf("Client not reading, frame %d dropped\n", code);
+    send_frame(s.client_fd.load(std::memory_order_acquire), frame, n, code, "Client");
+}
+
+void event_report(int code, int status, const char *text) {
+    client_report(code, status, text);
+    uint8_t frame[REPLY_MAX];
+    size_t n = reply_build(frame, code, status, text);
+    rw_hold use(&g_subscriber_lock, rw_hold::read);
+    for (int fd : g_subscriber_fd) {
+        if (fd >= 0)
+            send_frame(fd, frame, n, code, "Subscriber");
     }
+}
+
+int subscriber_attach(int fd) {
+    rw_hold change(&g_subscriber_lock, rw_hold::write);
+    for (int slot = 0; slot < SUBSCRIBERS_MAX; ++slot) {
+        if (g_subscriber_fd[slot] < 0) {
+            g_subscriber_fd[slot] = fd;
+            return slot;
+        }
+    }
+    return -1;
+}
+
+void subscriber_detach(int slot) {
+    if (slot < 0 || slot >= SUBSCRIBERS_MAX)
+        return;
+    // Waits for a send under way; none starts after.
+    rw_hold change(&g_subscriber_lock, rw_hold::write);
+    g_subscriber_fd[slot] = -1;
+}
+
+void subscriber_report(int slot, int code, int status, const char *text) {
+    if (slot < 0 || slot >= SUBSCRIBERS_MAX)
+        return;
+    uint8_t frame[REPLY_MAX];
+    size_t n = reply_build(frame, code, status, text);
+    rw_hold use(&g_subscriber_lock, rw_hold::read);
+    if (g_subscriber_fd[slot] >= 0)
+        send_frame(g_subscriber_fd[slot], frame, n, code, "Subscriber");
 }

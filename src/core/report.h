@@ -1,5 +1,6 @@
-// `client_report`: the one writer of reply and event frames to the connected
-// client. It never blocks the thread that reports.
+// `client_report`: the one writer of reply frames to the connected client;
+// `event_report`: the one writer of events, to the client and to every
+// subscriber of the events socket. Neither ever blocks the thread that reports.
 #pragma once
 
 #include "core/frames.h"
@@ -11,6 +12,21 @@
 // the stream. Nothing is sent while no client is connected; a frame that does
 // not fit in the client's socket buffer is dropped (logged with `debug`).
 void client_report(int code, int status, const char *text);
+
+// An event (codes 1000 and above, and the late completions 901 and 561 with
+// status 0): to the client as client_report sends it, and a copy to every
+// subscriber. A subscriber whose socket is full loses the frame (counted as
+// dropped); none of them delays the caller or the others.
+void event_report(int code, int status, const char *text);
+
+// Subscribers of the events socket, in numbered slots; the server owns their
+// descriptors. Attach returns the slot, or -1 when all are taken; after
+// detach no frame goes to the descriptor any more, so the server may close it.
+constexpr int SUBSCRIBERS_MAX = 8;
+int subscriber_attach(int fd);
+void subscriber_detach(int slot);
+// One frame to the subscriber of `slot` alone: the answer to its request.
+void subscriber_report(int slot, int code, int status, const char *text);
 
 // The server's hand-over of the client. Attach makes an admitted connection
 // the client under a new generation (never 0) and returns it; after detach no

@@ -88,7 +88,7 @@ int daemon_main(int argc, char **argv) {
     s.module_restarting.store(0, std::memory_order_release);
     s.phase.store(module_phase::idle, std::memory_order_release); // the supervisor's from here
     if (s.restart_report_pending.load(std::memory_order_acquire))
-        client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
+        event_report(EVENT_RESTARTED, STATUS_OK, nullptr);
     // A client's worker may already own the port: the identity is then not logged.
     if (s.debug.load(std::memory_order_acquire) && port_work_begin()) {
         if (get_ati(0) == 0)

@@ -114,7 +114,7 @@ void module_is_back(supervisor &sv) {
     supervisor_start_threads(sv);
     publish_running();
     if (sv.module_absent)
-        client_report(EVENT_MODULE, STATUS_OK, nullptr);
+        event_report(EVENT_MODULE, STATUS_OK, nullptr);
     sv.module_absent = false;
 }
 
@@ -163,9 +163,9 @@ void reset_end(supervisor &sv) {
     sv.dial_failures = 0;
     module_is_back(sv);
     if (restarted)
-        client_report(EVENT_RESTARTED, STATUS_OK, nullptr);
+        event_report(EVENT_RESTARTED, STATUS_OK, nullptr);
     else if (after_fota)
-        client_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
+        event_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
 }
 
 // ---- the module left the bus ----

@@ -22,7 +22,7 @@ enum : int32_t { SMS_KIND_DELIVER = 1, SMS_KIND_STATUS = 2 };
 void call_ended(common_state &st, const char *why) {
     call_active_set(0);
     st.ring_pending = false;
-    client_report(EVENT_CALL, STATUS_CALL_STATE, why);
+    event_report(EVENT_CALL, STATUS_CALL_STATE, why);
 }
 
 void on_ring(common_state &st, const char *, int64_t now) {
@@ -39,13 +39,13 @@ void on_clip(common_state &st, const char *line, int64_t) {
         return; // the ring is reported bare when its window closes
     char caller[CALLER_SIZE];
     text_copy(caller, sizeof caller, line + q.open + 1, q.close - q.open - 1);
-    client_report(EVENT_CALL, 1, caller);
+    event_report(EVENT_CALL, 1, caller);
     st.ring_pending = false;
 }
 
 void on_colp(common_state &, const char *, int64_t) {
     call_active_set(1);
-    client_report(EVENT_CALL, STATUS_CALL_STATE, "0");
+    event_report(EVENT_CALL, STATUS_CALL_STATE, "0");
 }
 
 void on_no_carrier(common_state &st, const char *, int64_t) { call_ended(st, "1"); }
@@ -53,7 +53,7 @@ void on_busy(common_state &st, const char *, int64_t) { call_ended(st, "2"); }
 void on_no_dial(common_state &st, const char *, int64_t) { call_ended(st, "3"); }
 
 void on_tts_done(common_state &, const char *, int64_t) {
-    client_report(EVENT_TTS_DONE, STATUS_OK, nullptr);
+    event_report(EVENT_TTS_DONE, STATUS_OK, nullptr);
 }
 
 void on_tone(common_state &, const char *line, int64_t) {
@@ -62,7 +62,7 @@ void on_tone(common_state &, const char *line, int64_t) {
     size_t len = strnlen(line, TONE_AT + 2);
     if (len > TONE_AT)
         memcpy(tone, line + TONE_AT, len - TONE_AT);
-    client_report(EVENT_TONE, 1, tone);
+    event_report(EVENT_TONE, 1, tone);
 }
 
 void sms_header(common_state &st, int32_t kind, int64_t now) {
@@ -75,7 +75,7 @@ void on_cmt(common_state &st, const char *, int64_t now) { sms_header(st, SMS_KI
 void on_cds(common_state &st, const char *, int64_t now) { sms_header(st, SMS_KIND_STATUS, now); }
 
 void on_module_error(common_state &, const char *line, int64_t) {
-    client_report(EVENT_MODULE_ERROR, STATUS_FAIL, line);
+    event_report(EVENT_MODULE_ERROR, STATUS_FAIL, line);
 }
 
 // Only a line that starts with a digit is a PDU; the "OK" that the module may
@@ -118,7 +118,7 @@ int64_t expire(common_state &st, int64_t now, bool strictly) {
     auto due = [&](int64_t at) { return strictly ? now > at : now >= at; };
     if (st.ring_pending && due(st.ring_ms + RING_WINDOW_MS)) {
         st.ring_pending = false;
-        client_report(EVENT_CALL, STATUS_OK, nullptr);
+        event_report(EVENT_CALL, STATUS_OK, nullptr);
     }
     if (st.sms_pending && due(st.sms_ms + SMS_WINDOW_MS))
         st.sms_pending = false;

@@ -47,7 +47,7 @@ size_t record_pieces(const char *record, size_t len, size_t piece_max, size_t *e
 void sms_record_report(const char *record, size_t len) {
     stat_add(stat_counter::sms_in);
     if (len <= REPLY_TEXT_MAX) {
-        client_report(EVENT_SMS, STATUS_OK, record);
+        event_report(EVENT_SMS, STATUS_OK, record);
         return;
     }
     size_t ends[RECORD_PIECES_MAX];
@@ -56,7 +56,7 @@ void sms_record_report(const char *record, size_t len) {
     for (size_t i = 0, from = 0; i < count; from = ends[i++]) {
         memcpy(piece, record + from, ends[i] - from);
         piece[ends[i] - from] = '\0';
-        client_report(EVENT_SMS_PART, static_cast<int>(count - 1 - i), piece);
+        event_report(EVENT_SMS_PART, static_cast<int>(count - 1 - i), piece);
     }
 }
 
@@ -75,5 +75,5 @@ void sms_status_decode(const char *pdu) {
         return;
     char text[8];
     snprintf(text, sizeof text, "%d", reference);
-    client_report(EVENT_SMS_REPORT, status, text);
+    event_report(EVENT_SMS_REPORT, status, text);
 }

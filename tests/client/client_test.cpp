@@ -8,6 +8,9 @@
 #include "sms/send.h"
 #include "support/test_support.h"
 
+#include <algorithm>
+#include <stdexcept>
+#include <sys/socket.h>
 #include <thread>
 
 namespace {
@@ -302,6 +305,80 @@ TEST_F(LocalCodeTest, OneReadIsOneFrame) {
     // Two frames in one read: the bytes after the first are not a request.
     send(std::string("ZVS\x03\x8F\0\0ZVS\x03\x90\0\0", 14));
     EXPECT_EQ(client.frames(), "911 0 ZOLVIN 4G SERVER V1.23|");
+}
+
+// A subscriber's socket pair: the daemon's end in a slot, the test reads the other.
+struct subscriber_end {
+    subscriber_end() {
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
+            throw std::runtime_error("socketpair");
+        slot = subscriber_attach(fds[0]);
+    }
+    ~subscriber_end() {
+        subscriber_detach(slot);
+        close(fds[0]);
+        close(fds[1]);
+    }
+    // The frames waiting, as "code status text|".
+    std::string frames() {
+        std::string got;
+        reply_frame r;
+        while (next_frame(fds[1], pending, &r, 100))
+            got += std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
+        return got;
+    }
+    int fds[2];
+    int slot;
+    std::vector<uint8_t> pending;
+};
+
+// Events go to the client and every subscriber; replies, the answers to a
+// subscriber's request and 402 lines go to one of them only.
+TEST_F(LocalCodeTest, EventsReachEverySubscriberAndAnswersOnlyTheirAsker) {
+    subscriber_end a, b;
+    ASSERT_GE(a.slot, 0);
+    ASSERT_GE(b.slot, 0);
+    event_report(EVENT_CALL, 1, "10086");
+    client_report(102, STATUS_OK, "20");
+    client_report(EVENT_AT_LINE, STATUS_OK, "RING");
+    const std::string q = request_bytes(911), other = request_bytes(525, {"1", "echo"});
+    handle_subscriber_request(reinterpret_cast<const uint8_t *>(q.data()), q.size(), a.slot);
+    handle_subscriber_request(reinterpret_cast<const uint8_t *>(other.data()), other.size(), b.slot);
+    event_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
+    EXPECT_EQ(client.frames(), "1001 1 10086|102 0 20|402 0 RING|561 0 |");
+    EXPECT_EQ(a.frames(), "1001 1 10086|911 0 ZOLVIN 4G SERVER V1.23|561 0 |");
+    EXPECT_EQ(b.frames(), "1001 1 10086|525 14 |561 0 |");
+    EXPECT_EQ(state().down_script[0], '\0');
+}
+
+// A subscriber that does not read loses frames once its socket is full, each
+// one counted; the client and the other subscriber lose none.
+TEST_F(LocalCodeTest, AFullSubscriberLosesFramesCountedAndOnlyItsOwn) {
+    stats_reset();
+    subscriber_end full, reading;
+    int small = 4096;
+    ASSERT_EQ(setsockopt(full.fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+    const std::string text(400, 'e');
+    const int sent = 200;
+    size_t client_got = 0, reading_got = 0;
+    for (int i = 0; i < sent; ++i) {
+        event_report(EVENT_MODULE_ERROR, STATUS_FAIL, text.c_str());
+        if (i % 20 == 19) { // the others read as they go
+            std::string c = client.frames(), r = reading.frames();
+            client_got += static_cast<size_t>(std::count(c.begin(), c.end(), '|'));
+            reading_got += static_cast<size_t>(std::count(r.begin(), r.end(), '|'));
+        }
+    }
+    EXPECT_EQ(client_got, static_cast<size_t>(sent));
+    EXPECT_EQ(reading_got, static_cast<size_t>(sent));
+    std::string held = full.frames();
+    long long kept = std::count(held.begin(), held.end(), '|');
+    EXPECT_GT(kept, 0);
+    EXPECT_LT(kept, sent);
+    char stats[STATS_TEXT_SIZE];
+    stats_format(stats, sizeof stats, monotonic_ms());
+    const std::string st = stats;
+    EXPECT_EQ(st.substr(st.rfind(" dropped=")), " dropped=" + std::to_string(sent - kept));
 }
 
 // Root, members by either group and strangers are the end-to-end test's

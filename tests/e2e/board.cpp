@@ -278,6 +278,14 @@ int sim_board::bind_server_name(const client_user &as) {
 }
 
 int sim_board::connect_client(milliseconds timeout, const client_user *as) {
+    return connect_to(server_address, timeout, as);
+}
+
+int sim_board::connect_subscriber(milliseconds timeout, const client_user *as) {
+    return connect_to(events_address, timeout, as);
+}
+
+int sim_board::connect_to(socklen_t (*address)(sockaddr_un *), milliseconds timeout, const client_user *as) {
     // The board has its network namespace once it serves its control socket.
     wait_until([&] { return access(path("control.sock").c_str(), F_OK) == 0; }, timeout);
     int fd = -1;
@@ -287,7 +295,7 @@ int sim_board::connect_client(milliseconds timeout, const client_user *as) {
         if (!become(as))
             return;
         sockaddr_un addr;
-        socklen_t len = server_address(&addr);
+        socklen_t len = address(&addr);
         wait_until(
             [&] {
                 int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

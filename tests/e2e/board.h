@@ -129,6 +129,8 @@ public:
     // or -1 when none could connect in time. With `as`, a thread of that
     // user and groups makes the connection, so the daemon sees those credentials.
     int connect_client(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
+    // The same on "@phone_events": a subscriber.
+    int connect_subscriber(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
     // Binds the daemon's socket name in the board's network namespace as
     // `as`, and lets it go at once: 0 when the name was free, else the errno.
     int bind_server_name(const client_user &as);
@@ -141,6 +143,7 @@ public:
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
 
 private:
+    int connect_to(socklen_t (*address)(sockaddr_un *), milliseconds timeout, const client_user *as);
     board_config config_;
     std::string dir_;
     pid_t pid_ = -1;

@@ -1400,8 +1400,9 @@ std::string usage() {
         "       zolvin_4g_ctl [--json] [--socket NAME] [--server-uid UID] listen [COMMAND [ARGS...]]\n"
         "\n"
         "Sends one request to the daemon and prints its reply as CODE STATUS-NAME(STATUS) TEXT,\n"
-        "or a JSON object per line with --json. listen prints every frame as it arrives (after\n"
-        "running COMMAND, if given) until SIGINT or SIGTERM.\n"
+        "or a JSON object per line with --json. listen subscribes to @phone_events beside the\n"
+        "client and prints every event as it arrives (after running COMMAND, if given: there\n"
+        "only version, state and stats are served) until SIGINT or SIGTERM.\n"
         "The socket must belong to root (or to --server-uid UID), or nothing is sent.\n"
         "Exit status: 0 success, 1 failure status (1, 10 to 20), 2 usage, 3 no connection,\n"
         "no reply in time, or the daemon went away, 4 the socket belongs to another user.\n"
@@ -1427,7 +1428,11 @@ int run(const options &opts, std::ostream &out, std::ostream &err, int stop_fd) 
         if (opts.timeout_ms > 0)
             r.timeout_ms = opts.timeout_ms;
     }
-    int fd = connect_to(opts.socket_name.empty() ? SERVER_SOCKET_NAME : opts.socket_name, &error);
+    // A listener subscribes beside the application that is the client.
+    std::string name = opts.socket_name;
+    if (name.empty())
+        name = opts.listen ? EVENTS_SOCKET_NAME : SERVER_SOCKET_NAME;
+    int fd = connect_to(name, &error);
     if (fd < 0) {
         err << "zolvin_4g_ctl: " << error << std::endl;
         return EXIT_NO_ANSWER;
