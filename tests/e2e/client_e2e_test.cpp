@@ -248,4 +248,28 @@ TEST(ClientToolTest, StatusAfterTheDialShowsTheLinkUp) {
         EXPECT_NE(json.find(member), std::string::npos) << json;
 }
 
+// While the application holds the command socket, `status` still shows the
+// daemon's version, state and statistics, asked on the events socket, and
+// leaves the client served.
+TEST(ClientToolTest, StatusWhileAnotherClientHoldsTheCommandSocket) {
+    READY_BOARD(b);
+    const std::string state = b.client->ask(912);
+    std::pair<int, std::string> run = run_tool(b.board, {"status"});
+    EXPECT_EQ(run.first, 0) << run.second;
+    EXPECT_EQ(run.second.rfind("daemon:   ZOLVIN 4G SERVER V1.23, up ", 0), 0u) << run.second;
+    EXPECT_NE(run.second.find("\nstate:    " + state.substr(state.rfind('/') + 1)), std::string::npos)
+        << state << "\n" << run.second;
+    for (const char *line : {"\nmodule:   not asked (the command socket serves another client)\n",
+                             "\nSMS:      0 in, 0 out\n", "\nclient:   0 frames dropped\n"})
+        EXPECT_NE(run.second.find(line), std::string::npos) << run.second;
+    EXPECT_EQ(b.client->ask(911), VERSION);
+
+    run = run_tool(b.board, {"status", "--json"});
+    EXPECT_EQ(run.first, 0) << run.second;
+    std::string json = parsed_json(run.second);
+    for (const char *member : {R"(["version", "ZOLVIN 4G SERVER V1.23"])", R"(["sms_in", 0])",
+                               R"(["model", null])", R"(["asked_on", "events"])"})
+        EXPECT_NE(json.find(member), std::string::npos) << json;
+}
+
 } // namespace

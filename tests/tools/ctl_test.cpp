@@ -378,4 +378,113 @@ TEST(CtlStatusTest, TheSummaryInWordsAndAsOneJsonObject) {
               "\n");
 }
 
+// A fake daemon's two sockets: the command socket taken by another client
+// (each connection closed at once, unread), and the events socket, which
+// answers the daemon's own codes and status 14 to anything else.
+struct taken_daemon {
+    explicit taken_daemon(const std::string &tag)
+        : command_name("@zolvin_ctl_cmd." + tag), events_name("@zolvin_ctl_ev." + tag) {
+        command = bound(command_name);
+        events = bound(events_name);
+    }
+    ~taken_daemon() {
+        close(command);
+        close(events);
+    }
+    static int bound(const std::string &name) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        memcpy(addr.sun_path + 1, name.data() + 1, name.size() - 1);
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr),
+                       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())), 0);
+        EXPECT_EQ(listen(fd, 2), 0);
+        return fd;
+    }
+    // Serves one connection on each socket; returns the codes asked on the events socket.
+    std::vector<uint16_t> serve_once() {
+        close(accept(command, nullptr, nullptr));
+        std::vector<uint16_t> asked;
+        int c = accept(events, nullptr, nullptr);
+        uint8_t buf[REQUEST_MAX];
+        ssize_t n;
+        while ((n = recv(c, buf, sizeof buf, 0)) > 0) {
+            request_frame r;
+            if (request_parse(buf, static_cast<size_t>(n), &r) < 0)
+                break;
+            asked.push_back(r.code);
+            uint8_t frame[REPLY_MAX];
+            size_t len = r.code == 911   ? reply_build(frame, 911, 0, "ZOLVIN 4G SERVER V1.23")
+                         : r.code == 912 ? reply_build(frame, 912, 0, "Connected")
+                         : r.code == 913 ? reply_build(frame, 913, 0, "up=59 link=1 link_s=30 dials=1 dial_failures=0 "
+                                                                      "resets=0 lost=0 probes=2 probe_failures=0 "
+                                                                      "sms_in=0 sms_out=0 dropped=0")
+                                         : reply_build(frame, r.code, 14, "");
+            send(c, frame, len, MSG_NOSIGNAL);
+        }
+        close(c);
+        return asked;
+    }
+    std::string command_name, events_name;
+    int command = -1, events = -1;
+};
+
+// The application holds the command socket: status still shows the daemon's
+// own answers, asked on the events socket, and says what it could not ask.
+TEST(CtlStatusTest, TheDaemonsOwnAnswersComeFromTheEventsSocketWhileTheCommandSocketIsTaken) {
+    taken_daemon d(std::to_string(getpid()));
+    for (bool json : {false, true}) {
+        std::vector<uint16_t> asked;
+        std::thread daemon([&] { asked = d.serve_once(); });
+        std::vector<std::string> args = {"--socket", d.command_name, "--events-socket", d.events_name,
+                                         "--server-uid", std::to_string(getuid()), "status"};
+        if (json)
+            args.push_back("--json");
+        ctl::options opts;
+        std::string error;
+        ASSERT_TRUE(ctl::parse_options(args, &opts, &error)) << error;
+        std::ostringstream out, err;
+        EXPECT_EQ(ctl::run(opts, out, err), ctl::EXIT_OK) << err.str();
+        daemon.join();
+        // The module's codes would only get status 14 there: they are not sent.
+        EXPECT_EQ(asked, (std::vector<uint16_t>{911, 912, 913}));
+        if (!json) {
+            const std::string not_asked = "not asked (the command socket serves another client)";
+            EXPECT_EQ(out.str(), "daemon:   ZOLVIN 4G SERVER V1.23, up 59 s\n"
+                                 "state:    Connected, link up for 30 s\n"
+                                 "dials:    1 dial, 0 failed\n"
+                                 "module:   " + not_asked + "\n"
+                                 "faults:   0 module losses, 0 resets\n"
+                                 "operator: " + not_asked + "\n"
+                                 "signal:   " + not_asked + "\n"
+                                 "checks:   2 probes, 0 failed\n"
+                                 "SMS:      0 in, 0 out\n"
+                                 "client:   0 frames dropped\n");
+        } else {
+            EXPECT_EQ(parsed_json(out.str()),
+                      R"([["version", "ZOLVIN 4G SERVER V1.23"], ["state", "Connected"], ["up", 59], )"
+                      R"(["link", 1], ["link_s", 30], ["dials", 1], ["dial_failures", 0], ["resets", 0], )"
+                      R"(["lost", 0], ["probes", 2], ["probe_failures", 0], ["sms_in", 0], ["sms_out", 0], )"
+                      R"(["dropped", 0], ["model", null], ["operator", null], ["signal", null], )"
+                      R"(["asked_on", "events"], ["not_asked", ["model", "operator", "signal"]]])"
+                      "\n");
+        }
+    }
+    // Both sockets refuse (the events socket is full too): no summary, no answer.
+    std::thread daemon([&] {
+        close(accept(d.command, nullptr, nullptr));
+        close(accept(d.events, nullptr, nullptr));
+    });
+    ctl::options opts;
+    std::string error;
+    ASSERT_TRUE(ctl::parse_options({"--socket", d.command_name, "--events-socket", d.events_name, "--server-uid",
+                                    std::to_string(getuid()), "status"},
+                                   &opts, &error)) << error;
+    std::ostringstream out, err;
+    EXPECT_EQ(ctl::run(opts, out, err), ctl::EXIT_NO_ANSWER);
+    daemon.join();
+    EXPECT_EQ(out.str(), "");
+    EXPECT_NE(err.str().find("closed the connection"), std::string::npos) << err.str();
+}
+
 } // namespace

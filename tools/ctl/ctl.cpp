@@ -465,6 +465,25 @@ bool send_all(int fd, const std::vector<uint8_t> &bytes) {
     return true;
 }
 
+// Connected to `name` and checked to be the daemon's; -1 with *status set and
+// the reason written to `err` otherwise.
+int open_trusted(const std::string &name, uid_t server_uid, std::ostream &err, int *status) {
+    std::string error;
+    int fd = connect_to(name, &error);
+    if (fd < 0) {
+        err << "zolvin_4g_ctl: " << error << std::endl;
+        *status = EXIT_NO_ANSWER;
+        return -1;
+    }
+    if (!server_trusted(fd, server_uid, &error)) {
+        close(fd);
+        err << "zolvin_4g_ctl: " << error << std::endl;
+        *status = EXIT_UNTRUSTED;
+        return -1;
+    }
+    return fd;
+}
+
 using clock_type = std::chrono::steady_clock;
 
 class session {
@@ -474,7 +493,10 @@ public:
 
     int run_step(const request &r);
     // The requests of a summary, one after the other, then the summary.
-    int run_status(const std::vector<request> &steps, bool json);
+    // *taken (when given) is set, and nothing printed, when the connection
+    // closes before the first reply: the daemon serves another client there.
+    int run_status(const std::vector<request> &steps, bool json, bool on_events = false,
+                   bool *taken = nullptr);
     int listen_until_stopped();
     bool stopped() const { return stopped_; }
 
@@ -654,20 +676,24 @@ session::wait_result session::collect(const request &r, reply_frame *reply) {
     }
 }
 
-int session::run_status(const std::vector<request> &steps, bool json) {
+int session::run_status(const std::vector<request> &steps, bool json, bool on_events, bool *taken) {
     std::map<uint16_t, reply_frame> replies;
     for (const request &r : steps) {
         reply_frame f;
         wait_result w = collect(r, &f);
         if (w == wait_result::frame)
             replies[r.code] = f;
+        else if (w == wait_result::closed && replies.empty() && taken != nullptr) {
+            *taken = true;
+            return EXIT_NO_ANSWER;
+        }
         // A module that takes too long leaves its line unknown; the daemon's own
         // codes must answer.
         else if (w != wait_result::timeout || status_code_is_local(r.code))
             return failed_wait(w, &r);
     }
     print_style style{json};
-    out_ << format_status(replies, style) << std::endl;
+    out_ << format_status(replies, style, on_events) << std::endl;
     return status_exit(replies);
 }
 
@@ -1249,7 +1275,8 @@ int status_exit(const std::map<uint16_t, reply_frame> &replies) {
     return stats_of(replies) ? EXIT_OK : EXIT_FAILED;
 }
 
-std::string format_status(const std::map<uint16_t, reply_frame> &replies, const print_style &style) {
+std::string format_status(const std::map<uint16_t, reply_frame> &replies, const print_style &style,
+                          bool on_events) {
     const std::optional<daemon_stats> stats = stats_of(replies);
     const std::optional<std::string> version = answer_text(replies, 911);
     // 912 carries its state text with busy (12) too; not ready (13) has none.
@@ -1268,8 +1295,10 @@ std::string format_status(const std::map<uint16_t, reply_frame> &replies, const 
         }
         out += ",\"model\":" + json_text(answer_text(replies, 51)) +
                ",\"operator\":" + json_text(answer_text(replies, 103)) +
-               ",\"signal\":" + (signal ? std::to_string(*signal) : "null") + "}";
-        return out;
+               ",\"signal\":" + (signal ? std::to_string(*signal) : "null");
+        if (on_events)
+            out += ",\"asked_on\":\"events\",\"not_asked\":[\"model\",\"operator\",\"signal\"]";
+        return out + "}";
     }
 
     std::string out;
@@ -1292,18 +1321,24 @@ std::string format_status(const std::map<uint16_t, reply_frame> &replies, const 
                                                              : why_not(f));
     }
     line("dials", words.dials);
+    // Only the command socket reaches the module: its lines were not asked.
+    const std::string not_asked = "not asked (the command socket serves another client)";
     const reply_frame *model = reply_to(replies, 51);
-    line("module", model != nullptr && model->status == STATUS_OK ? plain_escape(std::string(model->text, model->text_len))
-                                                                  : why_not(model));
+    line("module", on_events ? not_asked
+                   : model != nullptr && model->status == STATUS_OK ? plain_escape(std::string(model->text, model->text_len))
+                                                                    : why_not(model));
     line("faults", words.lost, words.resets);
     std::optional<std::string> operator_name = answer_text(replies, 103);
-    line("operator", operator_name ? plain_escape(*operator_name) : why_not(reply_to(replies, 103)));
+    line("operator", on_events ? not_asked
+                     : operator_name ? plain_escape(*operator_name) : why_not(reply_to(replies, 103)));
     const reply_frame *signal_reply = reply_to(replies, 102);
     std::string signal_words = !signal ? why_not(signal_reply)
                                : *signal < 0 || *signal == 99 ? "unknown"
                                                               : std::to_string(*signal) + " of 31";
     if (signal_reply != nullptr && signal_reply->status == STATUS_OK && !signal)
         signal_words = plain_escape(std::string(signal_reply->text, signal_reply->text_len));
+    if (on_events)
+        signal_words = not_asked;
     line("signal", signal_words);
     line("checks", words.probes);
     line("SMS", words.sms);
@@ -1342,7 +1377,7 @@ bool parse_options(const std::vector<std::string> &a, options *out, std::string 
             out->events = true;
         } else if (o == "-h" || o == "--help") {
             out->help = true;
-        } else if (o == "--timeout" || o == "--socket" || o == "--server-uid") {
+        } else if (o == "--timeout" || o == "--socket" || o == "--events-socket" || o == "--server-uid") {
             if (i + 1 >= a.size()) {
                 *error = o + " needs a value";
                 return false;
@@ -1350,6 +1385,10 @@ bool parse_options(const std::vector<std::string> &a, options *out, std::string 
             const std::string &v = a[++i];
             if (o == "--socket") {
                 out->socket_name = v;
+                continue;
+            }
+            if (o == "--events-socket") {
+                out->events_socket_name = v;
                 continue;
             }
             if (o == "--server-uid") {
@@ -1396,13 +1435,14 @@ bool parse_options(const std::vector<std::string> &a, options *out, std::string 
 std::string usage() {
     std::string u =
         "usage: zolvin_4g_ctl [--json] [--events] [--timeout SECONDS] [--socket NAME] [--server-uid UID]\n"
-        "                     COMMAND [ARGS...]\n"
+        "                     [--events-socket NAME] COMMAND [ARGS...]\n"
         "       zolvin_4g_ctl [--json] [--socket NAME] [--server-uid UID] listen [COMMAND [ARGS...]]\n"
         "\n"
         "Sends one request to the daemon and prints its reply as CODE STATUS-NAME(STATUS) TEXT,\n"
         "or a JSON object per line with --json. listen subscribes to @phone_events beside the\n"
         "client and prints every event as it arrives (after running COMMAND, if given: there\n"
-        "only version, state and stats are served) until SIGINT or SIGTERM.\n"
+        "only version, state and stats are served) until SIGINT or SIGTERM. status asks version,\n"
+        "state and stats there when the command socket serves another client.\n"
         "The socket must belong to root (or to --server-uid UID), or nothing is sent.\n"
         "Exit status: 0 success, 1 failure status (1, 10 to 20), 2 usage, 3 no connection,\n"
         "no reply in time, or the daemon went away, 4 the socket belongs to another user.\n"
@@ -1429,21 +1469,36 @@ int run(const options &opts, std::ostream &out, std::ostream &err, int stop_fd) 
             r.timeout_ms = opts.timeout_ms;
     }
     // A listener subscribes beside the application that is the client.
+    const std::string events_name = opts.events_socket_name.empty() ? EVENTS_SOCKET_NAME : opts.events_socket_name;
     std::string name = opts.socket_name;
     if (name.empty())
-        name = opts.listen ? EVENTS_SOCKET_NAME : SERVER_SOCKET_NAME;
-    int fd = connect_to(name, &error);
-    if (fd < 0) {
-        err << "zolvin_4g_ctl: " << error << std::endl;
-        return EXIT_NO_ANSWER;
-    }
-    if (!server_trusted(fd, opts.server_uid, &error)) {
-        close(fd);
-        err << "zolvin_4g_ctl: " << error << std::endl;
-        return EXIT_UNTRUSTED;
-    }
-    session s(fd, opts, out, err, opts.listen ? stop_fd : -1);
+        name = opts.listen ? events_name : SERVER_SOCKET_NAME;
     int status = EXIT_OK;
+    int fd = open_trusted(name, opts.server_uid, err, &status);
+    if (fd < 0)
+        return status;
+    session s(fd, opts, out, err, opts.listen ? stop_fd : -1);
+    if (cmd.summary && !opts.listen) {
+        // The application holds the command socket: the daemon's own codes are
+        // still served to a subscriber.
+        bool taken = false;
+        status = s.run_status(cmd.steps, opts.json || cmd.json, false, &taken);
+        close(fd);
+        if (!taken)
+            return status;
+        fd = open_trusted(events_name, opts.server_uid, err, &status);
+        if (fd < 0)
+            return status;
+        std::vector<request> local;
+        for (const request &r : cmd.steps) {
+            if (status_code_is_local(r.code))
+                local.push_back(r);
+        }
+        session e(fd, opts, out, err, -1);
+        status = e.run_status(local, opts.json || cmd.json, true);
+        close(fd);
+        return status;
+    }
     if (cmd.summary)
         status = s.run_status(cmd.steps, opts.json || cmd.json);
     for (size_t i = 0; !cmd.summary && i < cmd.steps.size(); ++i) {

@@ -176,7 +176,11 @@ bool status_code_is_local(uint16_t code);
 // The summary of the replies gathered by code (a code without a reply is
 // missing from the map). Plain: a few lines; JSON: one object with version,
 // state, the statistics' keys, model, operator and signal, null when not known.
-std::string format_status(const std::map<uint16_t, reply_frame> &replies, const print_style &style);
+// `on_events`: the command socket served another client, so only the daemon's
+// own codes were asked, on the events socket; the module's lines say "not
+// asked" and JSON adds "asked_on":"events" and the keys in "not_asked".
+std::string format_status(const std::map<uint16_t, reply_frame> &replies, const print_style &style,
+                          bool on_events = false);
 // 0 when the statistics came and could be read, else EXIT_FAILED.
 int status_exit(const std::map<uint16_t, reply_frame> &replies);
 
@@ -200,6 +204,9 @@ struct options {
     bool events = false;     // print unrelated frames met while waiting for a reply
     int timeout_ms = -1;     // -1: the command's own default
     std::string socket_name; // "@name" abstract, else a path; empty: the daemon's
+    // Where `listen` subscribes and `status` asks when the command socket is
+    // taken; empty: the daemon's "@phone_events".
+    std::string events_socket_name;
     // Whose socket the daemon's is (checked before anything is sent): root
     // unless --server-uid names another user.
     uid_t server_uid = 0;
