@@ -55,9 +55,11 @@ cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_
 work="$(mktemp -d /tmp/zolvin_board.XXXXXX)"
 board_pid=""
 tail_pid=""
+listener=""
 cleanup() {
   [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && wait "$board_pid" 2>/dev/null
   [ -n "$tail_pid" ] && kill "$tail_pid" 2>/dev/null
+  [ -n "$listener" ] && kill "$listener" 2>/dev/null
   if [ "$keep" -eq 1 ]; then echo "== records kept in $work"; else rm -rf "$work"; fi
 }
 trap cleanup EXIT
@@ -105,23 +107,31 @@ until_seen() { # pattern, file, seconds: waits for the pattern, with a deadline
     sleep 0.1
   done
 }
-# The module rings and receives an SMS and a status report while a client
-# listens; then the client sends an SMS, and the module's record shows its PDU.
-events_session() {
-  echo "== a listening client: the module rings, then an SMS and a status report arrive"
-  local out="$work/listen.out" modem="$work/modem.ctl"
-  nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" listen version >"$out" 2>&1 &
-  local listener=$!
-  if until_seen "^911 " "$out" 10; then
-    boardctl "$modem" 'inject RING "+CLIP: \"13912345678\",129"'
-    boardctl "$modem" "inject \"NO CARRIER\""
-    boardctl "$modem" 'inject "+CMT: ,34" 0891683108100005F0040D91683119325476F800006211320151242316C8329BFD0699E5EF36888E2E83DC65FAFD2D5F03'
-    boardctl "$modem" 'inject "+CDS: 26" 0891683108100005F006050D91683119325476F8621132015124236211320161242300'
-    until_seen 'report' "$out" 10 || true
-  fi
+# A listener subscribed to the events for the whole client session, beside the
+# client: started before the client's first request, its output shown after.
+listen_start() {
+  nsenter --net="/proc/$board_pid/ns/net" "$build/tools/ctl/zolvin_4g_ctl" listen version >"$work/listen.out" 2>&1 &
+  listener=$!
+  until_seen "^911 " "$work/listen.out" 10 || true
+}
+listen_stop() {
+  [ -n "$listener" ] || return 0
   kill "$listener" 2>/dev/null; wait "$listener" 2>/dev/null || true
+  listener=""
+  echo "== the listener, beside the client all along"
   echo "\$ zolvin_4g_ctl listen version"
-  sed 's/^/  /' "$out"
+  sed 's/^/  /' "$work/listen.out"
+}
+# The module rings and receives an SMS and a status report, which the listener
+# prints; then the client sends an SMS, and the module's record shows its PDU.
+events_session() {
+  echo "== the module rings, then an SMS and a status report arrive (see the listener below)"
+  local modem="$work/modem.ctl"
+  boardctl "$modem" 'inject RING "+CLIP: \"13912345678\",129"'
+  boardctl "$modem" "inject \"NO CARRIER\""
+  boardctl "$modem" 'inject "+CMT: ,34" 0891683108100005F0040D91683119325476F800006211320151242316C8329BFD0699E5EF36888E2E83DC65FAFD2D5F03'
+  boardctl "$modem" 'inject "+CDS: 26" 0891683108100005F006050D91683119325476F8621132015124236211320161242300'
+  until_seen 'report' "$work/listen.out" 10 || true
   ctl sms send +8613912345678 "Hello from the board"
   echo "  the module received:"
   "$build/tools/simboard/zolvin_boardctl" "$modem" "wait AT+CMGS 5000" | sed 's/^/    /'
@@ -131,6 +141,7 @@ while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
   if [ "$session_done" -eq 0 ] && grep -q 'busybox udhcpc' "$work/calls.log" 2>/dev/null; then
     session_done=1
     sleep 0.5
+    listen_start
     echo "== client session"
     ctl version
     ctl state
@@ -146,6 +157,8 @@ while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
     ctl_as nobody nogroup version
     ctl_as nobody users version
     events_session
+    ctl status
+    listen_stop
     echo "== daemon output (continued)"
   fi
   sleep 0.2
