@@ -4,23 +4,6 @@
 
 namespace {
 
-// The nibble of one hexadecimal digit; anything else counts as 0, so a
-// damaged PDU gives wrong octets but never a fault.
-uint8_t nibble(char c) {
-    if (c >= '0' && c <= '9')
-        return static_cast<uint8_t>(c - '0');
-    if (c >= 'A' && c <= 'F')
-        return static_cast<uint8_t>(c - 'A' + 10);
-    return 0;
-}
-
-// The permissive rule of hex_byte_value: above '9' a character is taken as a
-// letter. Unsigned arithmetic keeps any byte defined.
-unsigned loose_nibble(char c) {
-    unsigned u = static_cast<unsigned char>(c);
-    return u > '9' ? u - 55 : u - 48;
-}
-
 bool is_continuation(uint8_t b) { return (b & 0xC0) == 0x80; }
 
 // The character starting at src[0] as one UCS-2 unit; *used is its byte count,
@@ -46,19 +29,6 @@ uint16_t decode_one(const uint8_t *src, size_t left, size_t *used) {
 }
 
 } // namespace
-
-int hex_byte_value(const char *hex) {
-    return static_cast<int>((loose_nibble(hex[0]) * 16 + loose_nibble(hex[1])) & 0xFFu);
-}
-
-size_t hex_to_bytes(uint8_t *dst, size_t dst_size, const char *hex, size_t len) {
-    size_t count = len / 2;
-    if (count > dst_size)
-        count = dst_size;
-    for (size_t i = 0; i < count; ++i)
-        dst[i] = static_cast<uint8_t>(nibble(hex[2 * i]) << 4 | nibble(hex[2 * i + 1]));
-    return count;
-}
 
 size_t bytes_to_hex(char *dst, size_t dst_size, const uint8_t *src, size_t count) {
     static const char digits[] = "0123456789ABCDEF";
@@ -104,65 +74,3 @@ int number_to_semi_octets(const char *number, char *dst, size_t dst_size) {
     return static_cast<int>(padded);
 }
 
-size_t gsm7_pack(uint8_t *dst, size_t dst_size, const uint8_t *chars, size_t count) {
-    size_t out = 0;
-    unsigned carry = 0;
-    for (size_t i = 0; i < count && out < dst_size; ++i) {
-        unsigned shift = i % 8;
-        unsigned c = chars[i];
-        if (shift == 0) {
-            carry = c;
-            continue;
-        }
-        dst[out++] = static_cast<uint8_t>(((c << (8 - shift)) | carry) & 0xFFu);
-        carry = c >> shift;
-    }
-    // The eighth character of a group fills its octet; any other leaves a carry to write.
-    if (count % 8 != 0 && out < dst_size)
-        dst[out++] = static_cast<uint8_t>(carry);
-    return out;
-}
-
-size_t gsm7_unpack(char *dst, size_t dst_size, const uint8_t *octets, size_t count) {
-    if (dst_size == 0)
-        return 0;
-    size_t room = dst_size - 1;
-    size_t out = 0;
-    unsigned shift = 0;
-    unsigned carry = 0;
-    for (size_t i = 0; i < count && out < room; ++i) {
-        unsigned octet = octets[i];
-        dst[out++] = static_cast<char>(((octet << shift) | carry) & 0x7Fu);
-        carry = octet >> (7 - shift);
-        if (++shift == 7) {
-            if (out < room)
-                dst[out++] = static_cast<char>(carry);
-            shift = 0;
-            carry = 0;
-        }
-    }
-    dst[out] = '\0';
-    return out;
-}
-
-size_t ucs2_to_utf8(const uint8_t *src, size_t src_len, uint8_t *dst, size_t *capacity) {
-    size_t out = 0;
-    for (size_t in = 0; in + 1 < src_len; in += 2) {
-        unsigned unit = static_cast<unsigned>(src[in] << 8 | src[in + 1]);
-        size_t need = unit < 0x80 ? 1 : unit < 0x800 ? 2 : 3;
-        if (need > *capacity - out)
-            break;
-        if (need == 1) {
-            dst[out++] = static_cast<uint8_t>(unit);
-        } else if (need == 2) {
-            dst[out++] = static_cast<uint8_t>(0xC0 | unit >> 6);
-            dst[out++] = static_cast<uint8_t>(0x80 | (unit & 0x3F));
-        } else {
-            dst[out++] = static_cast<uint8_t>(0xE0 | unit >> 12);
-            dst[out++] = static_cast<uint8_t>(0x80 | ((unit >> 6) & 0x3F));
-            dst[out++] = static_cast<uint8_t>(0x80 | (unit & 0x3F));
-        }
-    }
-    *capacity -= out;
-    return out;
-}
