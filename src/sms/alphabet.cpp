@@ -1,5 +1,7 @@
 #include "sms/alphabet.h"
 
+#include <cstring>
+
 namespace {
 
 // TS 23.038 6.2.1, code 0 to 127. The escape's own place holds 0: it is never
@@ -44,6 +46,43 @@ constexpr extension EXTENSION_TABLE[] = {
 bool is_continuation(uint8_t b) { return (b & 0xC0) == 0x80; }
 
 bool is_surrogate(uint32_t ch) { return ch >= 0xD800 && ch <= 0xDFFF; }
+
+// One character as big-endian UTF-16: a surrogate pair above U+FFFF.
+size_t utf16_encode_char(uint32_t ch, uint8_t out[4]) {
+    uint16_t units[2] = {static_cast<uint16_t>(ch), 0};
+    size_t k = 1;
+    if (ch >= 0x10000) {
+        units[0] = static_cast<uint16_t>(0xD800 + ((ch - 0x10000) >> 10));
+        units[1] = static_cast<uint16_t>(0xDC00 + ((ch - 0x10000) & 0x3FF));
+        k = 2;
+    }
+    for (size_t i = 0; i < k; ++i) {
+        out[2 * i] = static_cast<uint8_t>(units[i] >> 8);
+        out[2 * i + 1] = static_cast<uint8_t>(units[i] & 0xFF);
+    }
+    return 2 * k;
+}
+
+// UTF-8 character by character through `encode_char` (its bytes, 0 for a
+// character it has none for); -1 when a sequence is malformed, a character
+// has no encoding or the result does not fit `cap`.
+template <typename F>
+int encode_utf8(const char *src, size_t len, uint8_t *dst, size_t cap, F encode_char) {
+    size_t in = 0;
+    size_t out = 0;
+    while (in < len) {
+        uint32_t ch;
+        size_t n = utf8_next(src + in, len - in, &ch);
+        uint8_t bytes[4];
+        size_t k = n == 0 ? 0 : encode_char(ch, bytes);
+        if (k == 0 || k > cap - out)
+            return -1;
+        memcpy(dst + out, bytes, k);
+        out += k;
+        in += n;
+    }
+    return static_cast<int>(out);
+}
 
 } // namespace
 
@@ -111,20 +150,7 @@ size_t gsm7_to_utf8(const uint8_t *septets, size_t count, char *dst, size_t dst_
 }
 
 int utf8_to_gsm7(const char *src, size_t len, uint8_t *septets, size_t cap) {
-    size_t in = 0;
-    size_t out = 0;
-    while (in < len) {
-        uint32_t ch;
-        size_t n = utf8_next(src + in, len - in, &ch);
-        uint8_t codes[2];
-        size_t k = n == 0 ? 0 : gsm7_encode_char(ch, codes);
-        if (k == 0 || k > cap - out)
-            return -1;
-        for (size_t i = 0; i < k; ++i)
-            septets[out++] = codes[i];
-        in += n;
-    }
-    return static_cast<int>(out);
+    return encode_utf8(src, len, septets, cap, gsm7_encode_char);
 }
 
 size_t utf8_next(const char *src, size_t left, uint32_t *ch) {
@@ -258,31 +284,7 @@ size_t utf16_to_utf8(const uint8_t *src, size_t src_len, char *dst, size_t dst_s
 }
 
 int utf8_to_utf16(const char *src, size_t len, uint8_t *dst, size_t cap) {
-    size_t in = 0;
-    size_t out = 0;
-    while (in < len) {
-        uint32_t ch;
-        size_t n = utf8_next(src + in, len - in, &ch);
-        if (n == 0)
-            return -1;
-        uint16_t units[2];
-        size_t k = 1;
-        if (ch >= 0x10000) {
-            units[0] = static_cast<uint16_t>(0xD800 + ((ch - 0x10000) >> 10));
-            units[1] = static_cast<uint16_t>(0xDC00 + ((ch - 0x10000) & 0x3FF));
-            k = 2;
-        } else {
-            units[0] = static_cast<uint16_t>(ch);
-        }
-        if (2 * k > cap - out)
-            return -1;
-        for (size_t i = 0; i < k; ++i) {
-            dst[out++] = static_cast<uint8_t>(units[i] >> 8);
-            dst[out++] = static_cast<uint8_t>(units[i] & 0xFF);
-        }
-        in += n;
-    }
-    return static_cast<int>(out);
+    return encode_utf8(src, len, dst, cap, utf16_encode_char);
 }
 
 size_t gsm7_pack_at(uint8_t *dst, size_t dst_size, const uint8_t *septets, size_t count,
