@@ -351,36 +351,6 @@ TEST_F(LocalCodeTest, EventsReachEverySubscriberAndAnswersOnlyTheirAsker) {
     EXPECT_EQ(state().down_script[0], '\0');
 }
 
-// A subscriber that does not read loses frames once its socket is full, each
-// one counted; the client and the other subscriber lose none.
-TEST_F(LocalCodeTest, AFullSubscriberLosesFramesCountedAndOnlyItsOwn) {
-    stats_reset();
-    subscriber_end full, reading;
-    int small = 4096;
-    ASSERT_EQ(setsockopt(full.fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    const std::string text(400, 'e');
-    const int sent = 200;
-    size_t client_got = 0, reading_got = 0;
-    for (int i = 0; i < sent; ++i) {
-        event_report(EVENT_MODULE_ERROR, STATUS_FAIL, text.c_str());
-        if (i % 20 == 19) { // the others read as they go
-            std::string c = client.frames(), r = reading.frames();
-            client_got += static_cast<size_t>(std::count(c.begin(), c.end(), '|'));
-            reading_got += static_cast<size_t>(std::count(r.begin(), r.end(), '|'));
-        }
-    }
-    EXPECT_EQ(client_got, static_cast<size_t>(sent));
-    EXPECT_EQ(reading_got, static_cast<size_t>(sent));
-    std::string held = full.frames();
-    long long kept = std::count(held.begin(), held.end(), '|');
-    EXPECT_GT(kept, 0);
-    EXPECT_LT(kept, sent);
-    char stats[STATS_TEXT_SIZE];
-    stats_format(stats, sizeof stats, monotonic_ms());
-    const std::string st = stats;
-    EXPECT_EQ(st.substr(st.rfind(" dropped=")), " dropped=" + std::to_string(sent - kept));
-}
-
 // Root, members by either group and strangers are the end-to-end test's
 // (ClientInterfaceTest), which the daemon serves as root.
 TEST(ClientCredentialsTest, RootTheDaemonsUserAndMembersOfTheGroupOnly) {
