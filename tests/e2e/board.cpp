@@ -414,6 +414,16 @@ std::string show(const std::optional<reply_frame> &f) {
     return std::to_string(f->code) + "/" + std::to_string(f->status) + "/" + std::string(f->text, f->text_len);
 }
 
+std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout) {
+    std::vector<std::string> got;
+    while (std::optional<reply_frame> f = c.next(timeout)) {
+        got.push_back(show(f));
+        if (got.back() == last)
+            break;
+    }
+    return got;
+}
+
 std::vector<std::string> commands_since(modem_control &emu, size_t from) {
     std::vector<std::string> out;
     for (const modem_command &c : emu.commands(from).value_or(std::vector<modem_command>{}))

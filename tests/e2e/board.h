@@ -190,6 +190,9 @@ private:
 // still served is closed at once: it connects again, as a real client does.
 std::unique_ptr<client_conn> served_client(sim_board &board);
 std::string show(const std::optional<reply_frame> &f);
+// The frames shown up to and including the first one shown as `last`, or all
+// that came within `timeout` of each other.
+std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout = WAIT);
 // Polls `ready` every 50 ms, as each poll may be a request to the daemon.
 inline bool eventually(const std::function<bool()> &ready, milliseconds timeout = WAIT) {
     return sim_board::wait_until(ready, timeout, milliseconds(50));

@@ -31,18 +31,6 @@ subscribers subscribe(sim_board &board, int count, const client_user *as = nullp
     return out;
 }
 
-// The frames up to and including the first one shown as `last`, or all
-// that came within the wait.
-std::vector<std::string> frames_until(client_conn &c, const std::string &last) {
-    std::vector<std::string> got;
-    while (std::optional<reply_frame> f = c.next(WAIT)) {
-        got.push_back(show(f));
-        if (got.back() == last)
-            break;
-    }
-    return got;
-}
-
 // True when the daemon closes the connection without a frame.
 bool closed_without_reply(int fd, milliseconds within) {
     pollfd p{fd, POLLIN, 0};

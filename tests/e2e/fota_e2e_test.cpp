@@ -1,6 +1,6 @@
 // Firmware updates on the simulated board: the module takes the image or
 // fetches it, reboots off the bus where its family does, and the daemon
-// follows it back and reports the end to the client.
+// follows it back and reports the end to the client and to subscribers.
 
 #include "e2e/board.h"
 
@@ -35,6 +35,8 @@ TEST(FotaTest, TheModuleRebootsOffTheBusAndTheDaemonFollowsItBack) {
         config.fota_return = "1500";
         ready_board b(config);
         ASSERT_TRUE(b.start());
+        client_conn listener(b.board.connect_subscriber());
+        ASSERT_EQ(listener.ask(911), VERSION);
         std::ofstream(b.board.path("image.bin"), std::ios::binary) << image;
         size_t from = next_index(b.emu);
         ASSERT_TRUE(b.client->send(561, file ? std::vector<std::string>{"0", b.board.path("image.bin")}
@@ -57,6 +59,8 @@ TEST(FotaTest, TheModuleRebootsOffTheBusAndTheDaemonFollowsItBack) {
             EXPECT_TRUE(got->front().body == image);
         }
         EXPECT_EQ(b.client->ask_settled(52), "52/0/861234567890123");
+        // The progress is the client's alone; a subscriber hears only the end.
+        EXPECT_EQ(frames_until(listener, "561/0/"), std::vector<std::string>{"561/0/"});
     }
 }
 

@@ -179,6 +179,7 @@ TEST(PresenceTest, AModuleThatLeavesWithNoClientConnectedIsTakenBackAndDialledAg
 // requests meanwhile and power-cycles the module, which takes it off the bus
 // too (the board plugs it back): no 1101 for that, and the port is free again
 // for a worker and the supervisor's dial. A departure after it is noticed.
+// A subscriber gets the restart's end and the departure as the client does.
 TEST(PresenceTest, TheDaemonsOwnPowerCycleIsNoDepartureButOneAfterItIs) {
     SKIP_WITHOUT_BOARD();
     board_config config;
@@ -186,6 +187,8 @@ TEST(PresenceTest, TheDaemonsOwnPowerCycleIsNoDepartureButOneAfterItIs) {
     ready_board b(config);
     ASSERT_TRUE(b.start());
     client_conn &c = *b.client;
+    client_conn listener(b.board.connect_subscriber());
+    ASSERT_EQ(listener.ask(911), VERSION);
     ASSERT_TRUE(b.emu.set_reply("AT+QLBS", modem_reply::standard().until_released().one_shot()));
     ASSERT_TRUE(c.send(452));
     ASSERT_TRUE(b.emu.wait_for_command("AT+QLBS", 15000));
@@ -208,6 +211,9 @@ TEST(PresenceTest, TheDaemonsOwnPowerCycleIsNoDepartureButOneAfterItIs) {
     ASSERT_TRUE(b.board.plug());
     EXPECT_EQ(take(c, PRESENCE, milliseconds(10000)), "1101/0/");
     EXPECT_EQ(c.ask_settled(102), "102/0/20");
+    // A subscriber hears the restart's completion and both ways of the
+    // departure, and none of the client's replies.
+    EXPECT_EQ(frames_until(listener, "1101/0/"), (std::vector<std::string>{"901/0/", "1101/1/", "1101/0/"}));
 }
 
 // Not back within 60 s: one power cycle (which plugs it back on this board),
