@@ -157,7 +157,7 @@ int main(int argc, char **argv) {
         return 0;
     }
     daemon_state_reset();
-    state().module_type.store(MODULE_EC200T);
+    state().family.store(&family_of(modem_family::ec200t));
     state().module_restarting.store(0);
     emulated_port port(modem_family::ec200t);
     // As in the daemon, the common thread takes what each exchange leaves

@@ -1,7 +1,6 @@
 // The firmware update's reading of the module's lines in its start, download
-// and update phases. The first byte picks the phase and the module family (a
-// fourth value is a family the daemon does not know); the rest is the line, a
-// heap block of exactly its size. The step must agree with what is reported
+// and update phases. The first byte picks the phase and the module family;
+// the rest is the line, a heap block of exactly its size. The step must agree with what is reported
 // and handed on, and a report must come from the line it was made of.
 #include "fota/fota.h"
 
@@ -26,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1)
         return 0;
     const auto phase = static_cast<fota_phase>(data[0] % 3);
-    const int32_t family = data[0] / 3 % 4 == 3 ? 7 : data[0] / 3 % 4;
+    const module_family &family = MODULE_FAMILIES[data[0] / 3 % MODULE_FAMILY_COUNT];
     const size_t len = strnlen(reinterpret_cast<const char *>(data) + 1, size - 1);
     std::unique_ptr<char[]> block(new char[len + 1]);
     memcpy(block.get(), data + 1, len);
@@ -79,14 +78,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (phase == fota_phase::start) {
             check(out.status == -1 &&
                   (starts(line, FOTA + "HTTPSTART") || starts(line, FOTA + "FTPSTART") ||
-                   (family != MODULE_EC20 && family != 7 && starts(line, FOTA + "FILESTART"))));
+                   (family.fota.takes_file && starts(line, FOTA + "FILESTART"))));
         } else if (phase == fota_phase::download) {
             check(out.status == STATUS_PROGRESS &&
                   (text == "File download end" || text == "Http download end" ||
                    text == "Ftp download end"));
-            // The EC20 is re-opened after its download, the EC200S watched; the EC200T needs
-            // neither.
-            check(out.download_told == (family != MODULE_EC200T));
+            // The supervisor hears of the download when the family reboots after it.
+            check(out.download_told ==
+                  (family.fota.after_download != fota_after_download::nothing));
         } else {
             check(
                 out.status == STATUS_PROGRESS &&

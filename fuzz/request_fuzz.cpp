@@ -166,8 +166,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     raw.len = size;
     memset(raw.bytes, 0, sizeof raw.bytes);
     memcpy(raw.bytes, bytes.get(), size);
-    for (void *(*worker)(void *) : {request_worker_ec200, request_worker_ec20}) {
-        run_on_worker_thread(worker, &raw);
+    for (const module_family &family : MODULE_FAMILIES) {
+        state().family = &family;
+        run_on_worker_thread(request_worker, &raw);
         // A request with an oversize field ends silently; every other is answered.
         sent result = replies(f.code);
         check(f.oversize_field ? result.frames == 0 : result.with_code >= 1);

@@ -58,11 +58,10 @@ struct check_env {
     void (*wait_call_end)(int64_t deadline_ms);
     void (*sleep_until)(int64_t deadline_ms);
     int (*link_check)();
-    // The data call re-asserted over the AT port: >= 0 on success.
-    int (*reassert_ec200)();
-    int (*reassert_ec20)();
+    // The data call re-asserted over the AT port as the family does it: >= 0 on success.
+    int (*reassert)(link_reassert how);
     int (*app_running)();
-    int (*probe_type)(const module_paths &paths);
+    const module_family *(*probe_family)(const module_paths &paths);
     void (*start_app)();
     const module_paths *paths;
 };

@@ -53,30 +53,32 @@ template <typename F> int with_port(F exchange) {
     return result;
 }
 
-int reassert_ec200() {
-    return with_port([] { return set_qnetdevctl(1, 1, 0); });
-}
-
-int reassert_ec20() {
-    return with_port([] {
-        if (get_qnetdevstatus(0) == 1)
-            return 0;
-        // The deactivation clears a half-up call that would refuse the activation.
-        set_qcrmcall(0, 1, 0);
-        return set_qcrmcall(1, 1, 0);
-    });
+int reassert(link_reassert how) {
+    switch (how) {
+    case link_reassert::network_device:
+        return with_port([] { return set_qnetdevctl(1, 1, 0); });
+    case link_reassert::data_call:
+        return with_port([] {
+            if (get_qnetdevstatus(0) == 1)
+                return 0;
+            // The deactivation clears a half-up call that would refuse the activation.
+            set_qcrmcall(0, 1, 0);
+            return set_qcrmcall(1, 1, 0);
+        });
+    }
+    return -1;
 }
 
 void start_app() { app_start(); }
 
-// Step 6 for the EC20 family with an external program: false to give up.
+// The re-assertion when the external program owns the link: false to give up.
 bool keep_app_running(check_counters &c, const check_env &env) {
     if (env.app_running() == 0) {
         c.app_restarts = 0;
         return true;
     }
     // The module gone or another one attached: restarting the program is no use.
-    if (env.probe_type(*env.paths) != state().module_type.load(std::memory_order_acquire))
+    if (env.probe_family(*env.paths) != &current_family())
         return false;
     if (c.app_restarts >= CHECK_APP_RESTARTS)
         return false;
@@ -93,10 +95,9 @@ check_env check_env_real(const module_paths *paths) {
     env.wait_call_end = wait_call_end;
     env.sleep_until = sleep_until;
     env.link_check = link_check;
-    env.reassert_ec200 = reassert_ec200;
-    env.reassert_ec20 = reassert_ec20;
+    env.reassert = reassert;
     env.app_running = app_running;
-    env.probe_type = module_probe_type;
+    env.probe_family = module_probe_family;
     env.start_app = start_app;
     env.paths = paths;
     return env;
@@ -138,20 +139,10 @@ bool check_round(check_counters &c, const check_env &env) {
     }
     c.passthrough_periods = 0;
 
-    int result;
-    switch (s.module_type.load(std::memory_order_acquire)) {
-    case MODULE_EC200T:
-    case MODULE_EC200S:
-        result = env.reassert_ec200();
-        break;
-    case MODULE_EC20:
-        if (s.app_name[0] != '\0') // fixed at start-up
-            return keep_app_running(c, env);
-        result = env.reassert_ec20();
-        break;
-    default:
-        return true;
-    }
+    const module_family &family = current_family();
+    if (external_program_owns_link(family, s.app_name)) // app_name is fixed at start-up
+        return keep_app_running(c, env);
+    int result = env.reassert(family.reassert);
     if (result >= 0) {
         c.reassert_failures = 0;
         return true;

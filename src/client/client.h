@@ -31,9 +31,9 @@ struct worker_request {
     uint32_t generation;
 };
 
-// Worker thread bodies, one per module family; the argument is a worker_request.
-void *request_worker_ec200(void *request_copy);
-void *request_worker_ec20(void *request_copy);
+// Worker thread body; the argument is a worker_request. It serves the codes
+// of the present module's family.
+void *request_worker(void *request_copy);
 
 // The two operations that exist only for the client.
 int set_sms_call_defaults();

@@ -227,12 +227,8 @@ void start_worker(const uint8_t *buf, size_t len, uint16_t code, const client_pe
     memcpy(g_request_copy.bytes, buf, g_request_copy.len);
     g_request_copy.peer = from;
     g_request_copy.generation = s.client_generation.load(std::memory_order_acquire);
-    int32_t type = s.module_type.load(std::memory_order_acquire);
-    void *(*worker)(void *) = type == MODULE_EC200T || type == MODULE_EC200S
-                                  ? bound_worker<request_worker_ec200>
-                                  : bound_worker<request_worker_ec20>;
     // Supervisor work may have taken the port since the test above.
-    if (worker_start(worker, &g_request_copy) == worker_start_result::busy)
+    if (worker_start(bound_worker<request_worker>, &g_request_copy) == worker_start_result::busy)
         reply(code, STATUS_BUSY);
 }
 

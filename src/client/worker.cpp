@@ -19,12 +19,8 @@
 
 namespace {
 
-enum : uint8_t { FAMILY_EC200 = 1, FAMILY_EC20 = 2, FAMILY_BOTH = 3 };
-
 // The digit of field 1: its first character minus '0'.
 int32_t digit(const request_frame &f) { return static_cast<int32_t>(f.fields[0][0] - '0'); }
-
-int dial(uint8_t family) { return family == FAMILY_EC200 ? dial_ec200(1) : dial_ec20(1); }
 
 void passthrough_switch(const request_frame &f) {
     state().at_passthrough.store(f.fields[0][0] == '0' ? 0 : 1, std::memory_order_release);
@@ -94,21 +90,17 @@ int64_t integer_field(const char *field) {
     return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : v;
 }
 
-void firmware_update(const request_frame &f, uint8_t family, const client_peer &peer) {
+void firmware_update(const request_frame &f, const client_peer &peer) {
     const int mode = digit(f);
-    if (family == FAMILY_EC20) {
-        // The EC20 family fetches its image itself; it takes no file.
-        if (mode == 0)
-            client_report(f.code, STATUS_BAD_PARAM, nullptr);
-        else
-            fota_update(mode, f.fields[1], FOTA_CHUNK_EC200T, FOTA_PAUSE_US, peer);
+    const family_fota &fw = current_family().fota;
+    if (mode == 0 && !fw.takes_file) {
+        client_report(f.code, STATUS_BAD_PARAM, nullptr);
         return;
     }
-    int chunk = state().module_type.load(std::memory_order_acquire) == MODULE_EC200S
-                    ? FOTA_CHUNK_EC200S
-                    : FOTA_CHUNK_EC200T;
-    int64_t pause_us = FOTA_PAUSE_US;
-    if (f.field_count >= 4) {
+    int chunk = fw.chunk_size;
+    int64_t pause_us = fw.chunk_pause_us;
+    // Only a family that takes a file is paced by the client.
+    if (fw.takes_file && f.field_count >= 4) {
         chunk = static_cast<int>(integer_field(f.fields[2]));
         pause_us = integer_field(f.fields[3]) * 1000;
     }
@@ -117,57 +109,56 @@ void firmware_update(const request_frame &f, uint8_t family, const client_peer &
 
 struct worker_code {
     uint16_t code;
-    uint8_t families;
     int min_fields; // fewer answer status 10
-    void (*run)(const request_frame &f, uint8_t family);
+    void (*run)(const request_frame &f);
     // Instead of run, for a code that acts for the client as who it is.
-    void (*run_as)(const request_frame &f, uint8_t family, const client_peer &peer) = nullptr;
+    void (*run_as)(const request_frame &f, const client_peer &peer) = nullptr;
 };
 
-// What each code runs. Operations send their own replies.
+// What each code runs. Operations send their own replies. A code that only
+// some families serve is answered 20 on the others (family_serves).
 const worker_code WORKER_CODES[] = {
-    {51, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_ati(1); }},
-    {52, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_gsn(1); }},
-    {101, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_cimi(1); }},
-    {102, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_csq(1); }},
-    {103, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_cops(1); }},
-    {110, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_creg(digit(f), 1); }},
-    {111, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_creg(); }},
-    {190, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qnetdevstatus(digit(f), 1); }},
-    {191, FAMILY_EC20, 0, [](const request_frame &, uint8_t) { get_qnetdevstatus(1); }},
-    {201, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_csca(1); }},
-    {231, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cmgf(digit(f), 1); }},
-    {232, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_csms(digit(f), 1); }},
-    {233, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cnmi(digit(f), 1); }},
-    {234, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_colp(digit(f), 1); }},
-    {235, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qtonedet(digit(f), 1); }},
-    {236, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_clip(digit(f), 1); }},
-    {237, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cscs(f.fields[0], 1); }},
-    {238, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_ate(digit(f), 1); }},
-    {251, FAMILY_BOTH, 6, [](const request_frame &f, uint8_t) { send_sms_pdu(f); }},
-    {252, FAMILY_BOTH, 2,
-     [](const request_frame &f, uint8_t) { sms_send_text(f.fields[0], f.fields[1]); }},
-    {301, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_sms_call_defaults(); }},
-    {302, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { answer_call(); }},
-    {303, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { hang_up(); }},
-    {304, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { voice_dial(f.fields[0]); }},
-    {310, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { speak(f); }},
-    {351, FAMILY_BOTH, 0,
-     [](const request_frame &, uint8_t) {
+    {51, 0, [](const request_frame &) { get_ati(1); }},
+    {52, 0, [](const request_frame &) { get_gsn(1); }},
+    {101, 0, [](const request_frame &) { get_cimi(1); }},
+    {102, 0, [](const request_frame &) { get_csq(1); }},
+    {103, 0, [](const request_frame &) { get_cops(1); }},
+    {110, 1, [](const request_frame &f) { set_creg(digit(f), 1); }},
+    {111, 0, [](const request_frame &) { get_creg(); }},
+    {190, 1, [](const request_frame &f) { set_qnetdevstatus(digit(f), 1); }},
+    {191, 0, [](const request_frame &) { get_qnetdevstatus(1); }},
+    {201, 0, [](const request_frame &) { get_csca(1); }},
+    {231, 1, [](const request_frame &f) { set_cmgf(digit(f), 1); }},
+    {232, 1, [](const request_frame &f) { set_csms(digit(f), 1); }},
+    {233, 1, [](const request_frame &f) { set_cnmi(digit(f), 1); }},
+    {234, 1, [](const request_frame &f) { set_colp(digit(f), 1); }},
+    {235, 1, [](const request_frame &f) { set_qtonedet(digit(f), 1); }},
+    {236, 1, [](const request_frame &f) { set_clip(digit(f), 1); }},
+    {237, 1, [](const request_frame &f) { set_cscs(f.fields[0], 1); }},
+    {238, 1, [](const request_frame &f) { set_ate(digit(f), 1); }},
+    {251, 6, [](const request_frame &f) { send_sms_pdu(f); }},
+    {252, 2, [](const request_frame &f) { sms_send_text(f.fields[0], f.fields[1]); }},
+    {301, 0, [](const request_frame &) { set_sms_call_defaults(); }},
+    {302, 0, [](const request_frame &) { answer_call(); }},
+    {303, 0, [](const request_frame &) { hang_up(); }},
+    {304, 1, [](const request_frame &f) { voice_dial(f.fields[0]); }},
+    {310, 1, [](const request_frame &f) { speak(f); }},
+    {351, 0,
+     [](const request_frame &) {
          apn_settings apn = apn_snapshot();
          set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth, 1);
      }},
-    {352, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qideact(1, 1); }},
-    {353, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qiact(1, 1); }},
-    {360, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_qnetdevctl(digit(f), 1, 1); }},
-    {362, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qcrmcall(digit(f), 1, 1); }},
-    {370, FAMILY_BOTH, 0, [](const request_frame &, uint8_t family) { dial(family); }},
-    {401, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { passthrough_switch(f); }},
-    {402, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { raw_at_line(f); }},
-    {451, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { location_config(f); }},
-    {452, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_qlbs(); }},
-    {551, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_usbifc(digit(f), 1); }},
-    {561, FAMILY_BOTH, 2, nullptr, firmware_update},
+    {352, 0, [](const request_frame &) { set_qideact(1, 1); }},
+    {353, 0, [](const request_frame &) { set_qiact(1, 1); }},
+    {360, 1, [](const request_frame &f) { set_qnetdevctl(digit(f), 1, 1); }},
+    {362, 1, [](const request_frame &f) { set_qcrmcall(digit(f), 1, 1); }},
+    {370, 0, [](const request_frame &) { dial(current_family(), 1); }},
+    {401, 1, [](const request_frame &f) { passthrough_switch(f); }},
+    {402, 2, [](const request_frame &f) { raw_at_line(f); }},
+    {451, 2, [](const request_frame &f) { location_config(f); }},
+    {452, 0, [](const request_frame &) { get_qlbs(); }},
+    {551, 1, [](const request_frame &f) { set_usbifc(digit(f), 1); }},
+    {561, 2, nullptr, firmware_update},
 };
 
 #ifdef ZOLVIN_ASAN
@@ -200,40 +191,36 @@ void cleanup(void *) {
     worker_finished();
 }
 
-void run_request(const worker_request &raw, uint8_t family) {
+void run_request(const worker_request &raw) {
     request_frame f;
     if (request_parse(raw.bytes, raw.len, &f) != 0 || f.oversize_field)
         return; // an oversize field ends the request without a reply
     if (f.code != 401 && f.code != 402)
         state().at_passthrough.store(0, std::memory_order_release);
     for (const worker_code &c : WORKER_CODES) {
-        if (c.code != f.code || (c.families & family) == 0)
+        if (c.code != f.code || !family_serves(current_family(), f.code))
             continue;
         if (f.field_count < c.min_fields)
             client_report(f.code, STATUS_BAD_PARAM, nullptr);
         else if (c.run_as != nullptr)
-            c.run_as(f, family, raw.peer);
+            c.run_as(f, raw.peer);
         else
-            c.run(f, family);
+            c.run(f);
         return;
     }
     client_report(f.code, STATUS_UNKNOWN_CODE, nullptr);
 }
 
-WORKER_FRAME_UNGUARDED void *run_worker(void *request_copy, uint8_t family) {
+} // namespace
+
+WORKER_FRAME_UNGUARDED void *request_worker(void *request_copy) {
     pthread_setname_np(pthread_self(), "zolvin_worker");
     // A worker cancelled by a restart request still gives the AT port back.
     pthread_cleanup_push(cleanup, nullptr);
-    run_request(*static_cast<const worker_request *>(request_copy), family);
+    run_request(*static_cast<const worker_request *>(request_copy));
     pthread_cleanup_pop(1);
     return nullptr;
 }
-
-} // namespace
-
-void *request_worker_ec200(void *request_copy) { return run_worker(request_copy, FAMILY_EC200); }
-
-void *request_worker_ec20(void *request_copy) { return run_worker(request_copy, FAMILY_EC20); }
 
 int set_sms_call_defaults() {
     struct step {

@@ -34,6 +34,10 @@ void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value) {
     g_state.supervisor_wake.raise();
 }
 
+const module_family &current_family() {
+    return *g_state.family.load(std::memory_order_acquire);
+}
+
 bool module_ready() {
     const daemon_state &s = g_state;
     switch (s.phase.load(std::memory_order_acquire)) {

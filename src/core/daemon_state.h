@@ -6,6 +6,7 @@
 // load); the rings are guarded by line_lock.
 #pragma once
 
+#include "core/family.h"
 #include "core/wait.h"
 
 #include <atomic>
@@ -23,11 +24,6 @@ constexpr int CMD_FIELD_SIZE = 100;  // prepared shell commands
 constexpr int IDENTITY_SIZE = 100;   // module identity texts
 constexpr int PING_ADDRESS_COUNT = 6;
 constexpr int ICMP_BUFFER_SIZE = 4096;
-
-// Family numbers of `module_type`: 1 and 2 select the EC200 behaviour everywhere.
-constexpr int32_t MODULE_EC20 = 0;
-constexpr int32_t MODULE_EC200T = 1;
-constexpr int32_t MODULE_EC200S = 2;
 
 // A binary semaphore: the interface thread takes it before starting a worker and
 // the worker gives it back, so it must not be owned by the thread that took it.
@@ -95,7 +91,8 @@ struct daemon_state {
     char ifdown_cmd[TEXT_FIELD_SIZE];
 
     // Module
-    std::atomic<int32_t> module_type{MODULE_EC20};
+    // The row of the module present, set by discovery (see core/family.h).
+    std::atomic<const module_family *> family{FAMILY_AT_START};
     char net_if_name[TEXT_FIELD_SIZE];
     char at_port_path[TEXT_FIELD_SIZE];
 
@@ -183,6 +180,9 @@ daemon_state &state();
 
 // Sets a supervisor request (or `auto_dial`, `auto_check`) and wakes the supervisor.
 void supervisor_request(std::atomic<uint8_t> &flag, uint8_t value);
+
+// The row of the module present.
+const module_family &current_family();
 
 // Whether module commands can be served: false while the module starts, is
 // reset, has left the bus, or a request for one of these waits. Status 13.

@@ -138,10 +138,10 @@ void reset_begin(supervisor &sv) {
     // Whatever the update did, the module is handed back to the supervisor here.
     s.fota_active.store(0, std::memory_order_release);
     bool power_cycle = raised(s.module_restarting) || raised(s.module_reset_request);
-    // The EC20 family takes longer to come back after installing new firmware.
+    // Some modules take longer to come back after installing new firmware.
     int64_t settle = sv.settle_ms;
-    if (s.module_type.load(std::memory_order_acquire) == MODULE_EC20 && raised(s.fota_done))
-        settle += sv.ec20_fota_extra_ms;
+    if (raised(s.fota_done))
+        settle += current_family().fota.return_extra_ms;
     sv.misses = 0;
     if (power_cycle)
         power_cycle_begin(sv, settle);
@@ -200,7 +200,7 @@ void reopen_end(supervisor &sv) {
 }
 
 // The port did not vanish or the module did not come back: the plain re-open
-// hands the module to a reset, the EC200S action leaves the verdict to the
+// hands the module to a reset, the watching one leaves the verdict to the
 // update, which is still waiting for it.
 void reopen_failed(supervisor &sv) {
     daemon_state &s = state();
@@ -390,18 +390,18 @@ int64_t dial_action(supervisor &sv) {
     if (!port_claim_for_dial())
         return NO_DEADLINE;
 
-    bool ec200 = s.module_type.load(std::memory_order_acquire) != MODULE_EC20;
+    const module_family &family = current_family();
     if (s.debug.load(std::memory_order_acquire))
         log_sim_state();
-    int result = ec200 ? dial_ec200(0) : dial_ec20(0);
+    int result = dial(family, 0);
     s.dial_in_progress.store(0, std::memory_order_release);
     if (result == 0) {
         s.connected.store(1, std::memory_order_release);
         stats_link_up(monotonic_ms());
         sv.next_dial_ms = 0;
         sv.dial_failures = 0;
-        // With an external program on the EC20 the program gets the address itself.
-        if (ec200 || s.app_name[0] == '\0') {
+        // An external program that owns the link gets the address itself.
+        if (!external_program_owns_link(family, s.app_name)) {
             char dhcp[160];
             text_format(dhcp, sizeof dhcp, DHCP_CMD_FORMAT, s.net_if_name);
             run_shell(dhcp);
@@ -436,13 +436,12 @@ void disconnect_action() {
     log_printf("Disconnect 4G network.\n");
     check_thread_stop();
     run_shell(s.ifdown_cmd);
-    if (s.module_type.load(std::memory_order_acquire) != MODULE_EC20) {
-        as_supervisor_work([] { set_qnetdevctl(0, 1, 0); });
-    } else if (s.app_name[0] != '\0') {
+    const module_family &family = current_family();
+    if (external_program_owns_link(family, s.app_name)) {
         run_shell(s.killall_cmd);
         sleep_for(3, 0);
     } else {
-        as_supervisor_work([] { set_qcrmcall(0, 1, 0); });
+        as_supervisor_work([&family] { data_step_run(family.hang_up); });
     }
     s.connected.store(0, std::memory_order_release);
     stats_link_down();

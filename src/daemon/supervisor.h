@@ -30,7 +30,7 @@ enum class sv_step : uint8_t {
     opened,      // the port is open; the threads start 2 s later
     port_gone,   // firmware re-open: the old port must vanish first,
     port_back,   // then the module come back,
-    watch,       // then (EC200S) vanish again once its new firmware boots
+    watch,       // then (when watched) vanish again once its new firmware boots
 };
 
 struct supervisor {
@@ -45,13 +45,12 @@ struct supervisor {
 
     // The module's own times; tests shorten them.
     int64_t settle_ms = 20000;          // after a power cycle or a firmware end
-    int64_t ec20_fota_extra_ms = 40000; // the EC20 installs its firmware for longer
     int64_t open_wait_ms = 2000;        // from the port's opening to the threads' start
     int64_t look_ms = 1000;             // discovery's rhythm
     int64_t absent_ms = 60000;          // a module gone this long is power-cycled
     int64_t port_gone_ms = 30000;       // 30 tests 1 s apart for the old port to vanish
     int64_t port_back_ms = 60000;       // 60 tries 1 s apart for the module to come back
-    int64_t watch_ms = 1198000;         // the EC200S reboots after updating within this
+    int64_t watch_ms = 1198000;         // a watched module reboots after updating within this
 
     sv_step step = sv_step::none;
     int64_t step_due_ms = 0;   // the step's next look or write
@@ -59,7 +58,7 @@ struct supervisor {
     int power_write = 0;       // the next write of the power cycle
     int misses = 0;            // discovery misses since the last power cycle
     int64_t settle_after_ms = 0; // the settle that follows the power cycle
-    bool reopen_watch = false; // the EC200S re-open: watch the port after it
+    bool reopen_watch = false;   // watch the port after the re-open
     bool module_absent = false; // (1101, 1) went out; (1101, 0) follows the next opening
     // inotify on the port's directory while a firmware re-open waits, else -1.
     int port_events = -1;

@@ -1,21 +1,19 @@
 // The module firmware update: the module is told where its new image is with
-// AT+QFOTADL (a local file the daemon pushes through the AT port, EC200T and
-// EC200S only, or an HTTP/FTP URL it fetches itself), and the update is
+// AT+QFOTADL (a local file the daemon pushes through the AT port, for the
+// families that take one, or an HTTP/FTP URL it fetches itself), and the update is
 // followed as one long transaction through its start, download and update
 // phases, reported to the client under code 561. What happens after the
 // module reboots (re-opening the port, the final event) is the supervisor's,
 // told through the fota_* flags of daemon_state.
 #pragma once
 
+#include "core/family.h"
 #include "core/report.h"
 
 #include <cstdint>
 
 constexpr int FOTA_CODE = 561;
 constexpr int FOTA_CHUNK_MAX = 1500; // the read buffer; larger requests are cut to it
-constexpr int FOTA_CHUNK_EC200T = 320;
-constexpr int FOTA_CHUNK_EC200S = 240;
-constexpr int64_t FOTA_PAUSE_US = 8000;
 
 // The time limits of the phases. The daemon uses the defaults; tests shorten them.
 struct fota_limits {
@@ -23,16 +21,12 @@ struct fota_limits {
     int64_t file_end_ms = 60000;   // last byte pushed to the download end line
     int64_t url_end_ms = 1800000;  // command sent to the download end line
     int64_t update_ms = -1;        // silence in the update phase; -1: the family's own
-    // The EC200S may leave the bus without an END line; the supervisor then
+    // A watched module may leave the bus without an END line; the supervisor then
     // tells through fota_port_status, which is looked at this often.
     int64_t port_watch_ms = 100;
 };
 
-// The update phase's silence limit of a module family: 10 s EC200T, 20 min
-// EC200S, 2 min EC20.
-int64_t fota_update_limit_ms(int32_t module_type);
-
-// Runs the update for the present `module_type`: mode 0 pushes the file
+// Runs the update as the present module's family does it: mode 0 pushes the file
 // `source` in chunks of `chunk_size` bytes with `chunk_delay_us` after each,
 // any other mode has the module fetch the URL `source`. The file is read as
 // root for `peer`, the client, so it must be a regular file that the client
@@ -59,4 +53,5 @@ struct fota_line {
     bool unsolicited = false;           // the line goes to the common thread (a module error too)
     bool download_told = false;         // the family's supervisor flag is raised
 };
-fota_step fota_line_step(fota_phase phase, const char *line, int32_t module_type, fota_line *out);
+fota_step fota_line_step(fota_phase phase, const char *line, const module_family &family,
+                         fota_line *out);

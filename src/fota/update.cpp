@@ -17,19 +17,11 @@
 namespace {
 
 // What differs between the module families.
-struct fota_variant {
-    bool takes_file; // and so accepts FILESTART
-    const char *file_suffix; // after the announced size
-    std::atomic<uint8_t> daemon_state::*after_download; // nullptr: nothing to tell
-    bool watches_port; // may leave the bus without its END line
-};
+using fota_variant = family_fota;
 
-const fota_variant &variant_of(int32_t module_type) {
-    static const fota_variant EC20 = {false, "", &daemon_state::fota_reopen, false};
-    static const fota_variant EC200T = {true, "", nullptr, false};
-    static const fota_variant EC200S = {true, ",1",
-                                        &daemon_state::fota_reopen_watch, true};
-    return module_type == MODULE_EC200T ? EC200T : module_type == MODULE_EC200S ? EC200S : EC20;
+// The module may leave the bus after its update without an END line.
+bool watches_port(const fota_variant &v) {
+    return v.after_download == fota_after_download::reopen_watch;
 }
 
 using step = fota_step;
@@ -57,7 +49,7 @@ template <int TAG> bool end_ok(const char *line) { return end_result(line, TAG)[
 constexpr size_t UPDATING_PERCENT_AT = 25;
 
 constexpr at_row COMMAND_OK = {"OK", nullptr, at_verdict::passed_over};
-// The EC20 takes no file upload: it reads these rows without the last.
+// A family that takes no file reads these rows without the last.
 constexpr at_row START_ROWS[] = {
     COMMAND_OK,
     {"+QIND: \"FOTA\",\"HTTPSTART\"", nullptr, at_verdict::success, STARTED},
@@ -134,7 +126,7 @@ step reading(const at_judgement &j, const char *line, const fota_variant &v, fot
         }
         out->status = STATUS_PROGRESS;
         text_set(out->text, DOWNLOAD_ENDS[tag].done);
-        out->download_told = v.after_download != nullptr;
+        out->download_told = v.after_download != fota_after_download::nothing;
         return step::next_phase;
     }
 }
@@ -147,8 +139,11 @@ step take_line(const at_heard &h, const fota_variant &v) {
         report(out.status, out.text);
     if (out.unsolicited)
         urc_push(h.line);
-    if (out.download_told)
-        supervisor_request(state().*v.after_download, 1);
+    if (out.download_told) {
+        // The supervisor re-opens the port, and watches it when asked to.
+        daemon_state &ds = state();
+        supervisor_request(watches_port(v) ? ds.fota_reopen_watch : ds.fota_reopen, 1);
+    }
     return s;
 }
 
@@ -252,8 +247,8 @@ step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms
     const at_rules rules = phase_rules(fota_phase::update, v);
     int64_t deadline = monotonic_ms() + limit_ms;
     for (;;) {
-        // The EC200S can only be watched through the supervisor's word.
-        int64_t wait_until = v.watches_port ? monotonic_ms() + port_watch_ms : deadline;
+        // A module that is watched can only be followed through the supervisor's word.
+        int64_t wait_until = watches_port(v) ? monotonic_ms() + port_watch_ms : deadline;
         at_heard h;
         if (at_wait(rules, wait_until < deadline ? wait_until : deadline, &h) != at_verdict::timed_out) {
             step st = take_line(h, v);
@@ -262,7 +257,7 @@ step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms
             else if (st != step::waiting)
                 return st;
         }
-        if (v.watches_port) {
+        if (watches_port(v)) {
             int32_t port = s.fota_port_status.load(std::memory_order_acquire);
             if (port > 0) {
                 report(STATUS_PROGRESS, "Fota end");
@@ -297,35 +292,23 @@ step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int6
     }
     if (st != step::next_phase)
         return st;
-    if (v.watches_port)
+    if (watches_port(v))
         state().fota_port_status.store(0, std::memory_order_release);
     return update_phase(v, update_limit_ms, limits.port_watch_ms);
 }
 
 } // namespace
 
-fota_step fota_line_step(fota_phase phase, const char *line, int32_t module_type, fota_line *out) {
+fota_step fota_line_step(fota_phase phase, const char *line, const module_family &family,
+                         fota_line *out) {
     *out = fota_line{};
-    return reading(at_judge(phase_rules(phase, variant_of(module_type)), line), line,
-                   variant_of(module_type), out);
-}
-
-int64_t fota_update_limit_ms(int32_t module_type) {
-    switch (module_type) {
-    case MODULE_EC200T:
-        return 10000;
-    case MODULE_EC200S:
-        return 1200000;
-    default:
-        return 120000;
-    }
+    return reading(at_judge(phase_rules(phase, family.fota), line), line, family.fota, out);
 }
 
 int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
                 const client_peer &peer, const fota_limits &limits) {
     daemon_state &s = state();
-    const int32_t type = s.module_type.load(std::memory_order_acquire);
-    const fota_variant &v = variant_of(type);
+    const fota_variant &v = current_family().fota;
     const bool file_mode = mode == 0;
     // A URL goes into the command line.
     if (chunk_size < 1 || chunk_delay_us < 0 || (file_mode && !v.takes_file) ||
@@ -355,7 +338,7 @@ int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_dela
     // to the supervisor, whose reset or re-open clears the mark.
     s.fota_active.store(1, std::memory_order_release);
     const size_t chunk = static_cast<size_t>(chunk_size < FOTA_CHUNK_MAX ? chunk_size : FOTA_CHUNK_MAX);
-    const int64_t update_limit = limits.update_ms >= 0 ? limits.update_ms : fota_update_limit_ms(type);
+    const int64_t update_limit = limits.update_ms >= 0 ? limits.update_ms : v.update_silence_ms;
     // Whole milliseconds, but a pause that was asked for is never dropped.
     const int64_t pause_ms = (chunk_delay_us + 999) / 1000;
     step st = run_phases(file_mode ? &file : nullptr, v, chunk, pause_ms, limits, update_limit);

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 namespace {
 
@@ -31,44 +32,43 @@ void report_qnetdevstatus(const char *line, at_outcome *out, void *) {
     outcome_text(out, text);
 }
 
-// One step of a dial procedure; its name is the failure text for the client.
-struct dial_step {
+// What a data-call step runs; its name is the failure text for the client.
+struct step_action {
     const char *name;
     int (*run)();
 };
-
-int deactivate_context() { return set_qideact(1, 0); }
 
 int configure_context() {
     apn_settings apn = apn_snapshot();
     return set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth, 0);
 }
 
-int activate_context() { return set_qiact(1, 0); }
-int start_network_device() { return set_qnetdevctl(1, 1, 0); }
-int start_data_call() { return set_qcrmcall(1, 1, 0); }
-
-constexpr dial_step EC200_DIAL[] = {
-    {"set_qideact", deactivate_context},
+// In the order of data_step; the steps run silent.
+constexpr step_action STEP_ACTIONS[] = {
+    {"set_ate", [] { return set_ate(0, 0); }},
+    {"set_qideact", [] { return set_qideact(1, 0); }},
     {"set_qicsgp", configure_context},
-    {"set_qiact", activate_context},
-    {"set_qnetdevctl", start_network_device},
+    {"set_qiact", [] { return set_qiact(1, 0); }},
+    {"set_qnetdevctl", [] { return set_qnetdevctl(1, 1, 0); }},
+    {"set_qnetdevctl", [] { return set_qnetdevctl(0, 1, 0); }},
+    {"set_qcrmcall", [] { return set_qcrmcall(1, 1, 0); }},
+    {"set_qcrmcall", [] { return set_qcrmcall(0, 1, 0); }},
 };
+static_assert(std::size(STEP_ACTIONS) == DATA_STEP_COUNT, "one action per data step");
 
-constexpr dial_step EC20_DIAL[] = {
-    {"set_qideact", deactivate_context},
-    {"set_qicsgp", configure_context},
-    {"set_qiact", activate_context},
-    {"set_qcrmcall", start_data_call},
-};
+const step_action &action_of(data_step step) {
+    return STEP_ACTIONS[static_cast<size_t>(step)];
+}
 
-// Runs the steps in order and stops at the first that fails; the steps stay
-// silent. Returns the failed step's name, or null when every step succeeded.
-template <size_t N> const char *run_dial(const dial_step (&steps)[N]) {
-    for (const dial_step &step : steps) {
-        if (step.run() < 0) {
-            log_printf("%s failed!\n", step.name);
-            return step.name;
+// Runs the family's steps in order and stops at the first that fails and
+// must not. Returns the failed step's name, or null when the dial got through.
+const char *run_dial(const module_family &family) {
+    for (size_t i = 0; i < family.dial_steps; ++i) {
+        const dial_step &step = family.dial[i];
+        const step_action &action = action_of(step.step);
+        if (action.run() < 0 && step.must_succeed) {
+            log_printf("%s failed!\n", action.name);
+            return action.name;
         }
     }
     return nullptr;
@@ -131,18 +131,11 @@ int get_qnetdevstatus(uint8_t report) {
                           report_qnetdevstatus);
 }
 
-int dial_ec200(uint8_t report) {
-    daemon_state &s = state();
-    log_printf("Begin to dial up...\n");
-    s.dial_in_progress.store(1, std::memory_order_release);
-    // Echo off; a module that keeps echoing still dials, the echo is dropped.
-    set_ate(0, 0);
-    return dial_end(run_dial(EC200_DIAL), report);
-}
+int data_step_run(data_step step) { return action_of(step).run(); }
 
-int dial_ec20(uint8_t report) {
+int dial(const module_family &family, uint8_t report) {
     daemon_state &s = state();
-    if (s.app_name[0] != '\0') {
+    if (external_program_owns_link(family, s.app_name)) {
         // The external program owns the connection; whether it came up is for
         // the link check to find out.
         app_start();
@@ -151,9 +144,8 @@ int dial_ec20(uint8_t report) {
             client_report(CODE_DIAL, STATUS_OK, nullptr);
         return 0;
     }
+    if (family.dial_logged)
+        log_printf("Begin to dial up...\n");
     s.dial_in_progress.store(1, std::memory_order_release);
-    set_ate(0, 0);
-    // Stop a call that may still be up from before; if there is none, that is fine too.
-    set_qcrmcall(0, 1, 0);
-    return dial_end(run_dial(EC20_DIAL), report);
+    return dial_end(run_dial(family), report);
 }

@@ -6,6 +6,8 @@
 // thread that holds the right to use the AT port.
 #pragma once
 
+#include "core/family.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -62,7 +64,7 @@ int set_cmgf(int32_t mode, uint8_t report); // 0 PDU, other text
 int set_csms(int32_t on, uint8_t report);
 int set_cnmi(int32_t mode, uint8_t report); // 0, 1, 2; any other value gives 3
 int set_ate(int32_t on, uint8_t report);
-int set_usbifc(int32_t on, uint8_t report); // EC200T and EC200S only
+int set_usbifc(int32_t on, uint8_t report); // not every family has it
 
 // ---- data call ----
 int set_qideact(int32_t cid, uint8_t report);
@@ -75,10 +77,13 @@ int set_qnetdevstatus(int32_t on, uint8_t report);
 // 1 when the module's network device is up, 0 when not, -1 when the query
 // failed. A send failure is reported whatever `report` says.
 int get_qnetdevstatus(uint8_t report);
-// The dial procedures: 0 connected, -1 when a step failed (reported under
-// CODE_DIAL with the step's name). dial_in_progress is 1 while they run.
-int dial_ec200(uint8_t report);
-int dial_ec20(uint8_t report);
+// The dial procedure of `family`: its steps in order, or the external
+// program when that owns the link. 0 connected, -1 when a step failed
+// (reported under CODE_DIAL with the step's name). dial_in_progress is 1
+// while the steps run.
+int dial(const module_family &family, uint8_t report);
+// One data-call step, silent: >= 0 on success.
+int data_step_run(data_step step);
 
 // ---- voice calls ----
 int answer_call(); // always reports; "NO CARRIER" reports status 1 yet returns 0

@@ -11,12 +11,6 @@
 #include <strings.h>
 #include <unistd.h>
 
-const module_entry module_table[MODULE_TABLE_SIZE] = {
-    {MODULE_EC200T, {'2', 'c', '7', 'c'}, {'6', '0', '2', '6'}, 0, 3, "EC200T"},
-    {MODULE_EC200S, {'2', 'c', '7', 'c'}, {'6', '0', '0', '2'}, 0, 3, "EC200S"},
-    {MODULE_EC20, {'2', 'c', '7', 'c'}, {'0', '1', '2', '5'}, 4, 2, "EC20"},
-};
-
 namespace {
 
 using path_buf = char[256];
@@ -35,12 +29,12 @@ void read_id(const char *base, const char *entry, const char *file, char (&id)[5
     }
 }
 
-// The table entry this USB device matches, or null (interfaces and hubs have no such ids).
-const module_entry *device_match(const char *base, const char *entry) {
+// The family this USB device is of, or null (interfaces and hubs have no such ids).
+const module_family *device_match(const char *base, const char *entry) {
     char vendor[5], product[5];
     read_id(base, entry, "idVendor", vendor);
     read_id(base, entry, "idProduct", product);
-    for (const module_entry &m : module_table) {
+    for (const module_family &m : MODULE_FAMILIES) {
         if (strncasecmp(vendor, m.vendor_id, 4) == 0 && strncasecmp(product, m.product_id, 4) == 0)
             return &m;
     }
@@ -88,11 +82,11 @@ int module_discover(const module_paths &paths, char (&at_port)[MODULE_NAME_SIZE]
         memset(at_name, 0, sizeof at_name);
         memset(net_name, 0, sizeof net_name);
         have_at = have_net = false;
-        const module_entry *m = device_match(paths.usb_devices, e->d_name);
+        const module_family *m = device_match(paths.usb_devices, e->d_name);
         if (m == nullptr)
             continue;
-        state().module_type.store(static_cast<int32_t>(m->module_type), std::memory_order_release);
-        log_printf("Find 4G module: %s\n", m->model_name);
+        state().family.store(m, std::memory_order_release);
+        log_printf("Find 4G module: %s\n", m->name);
 
         path_buf path;
         bool opened = false;
@@ -128,10 +122,10 @@ int module_find_at_port(const module_paths &paths, char (&at_port)[MODULE_NAME_S
         return -1;
     int result = -1;
     while (dirent *e = readdir(base)) {
-        const module_entry *m = device_match(paths.usb_devices, e->d_name);
+        const module_family *m = device_match(paths.usb_devices, e->d_name);
         if (m == nullptr)
             continue;
-        state().module_type.store(static_cast<int32_t>(m->module_type), std::memory_order_release);
+        state().family.store(m, std::memory_order_release);
         path_buf path;
         bool opened = false;
         interface_dir(path, paths.usb_devices, e->d_name, m->at_if_num, "");
@@ -146,14 +140,14 @@ int module_find_at_port(const module_paths &paths, char (&at_port)[MODULE_NAME_S
     return result;
 }
 
-int module_probe_type(const module_paths &paths) {
+const module_family *module_probe_family(const module_paths &paths) {
     DIR *base = opendir(paths.usb_devices);
     if (base == nullptr)
-        return -1;
-    int result = -1;
+        return nullptr;
+    const module_family *result = nullptr;
     while (dirent *e = readdir(base)) {
-        if (const module_entry *m = device_match(paths.usb_devices, e->d_name))
-            result = static_cast<int>(m->module_type);
+        if (const module_family *m = device_match(paths.usb_devices, e->d_name))
+            result = m;
     }
     closedir(base);
     return result;

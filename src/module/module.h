@@ -1,7 +1,10 @@
-// Module hardware: recognising the module on the USB bus, the board's power
+// Module hardware: recognising the module on the USB bus (by the USB ids and
+// interface numbers of its family's row, core/family.h), the board's power
 // and reset lines of the module, and the bring-up that waits for the module
 // and opens its AT port.
 #pragma once
+
+#include "core/family.h"
 
 #include <atomic>
 #include <cstddef>
@@ -14,18 +17,6 @@ constexpr const char *USB_DEVICES_PATH = "/sys/bus/usb/devices";
 // Interface and tty names up to the kernel's 15 characters; longer ones are not found.
 constexpr size_t MODULE_NAME_SIZE = 16;
 
-struct module_entry {
-    uint32_t module_type;
-    char vendor_id[4];  // no terminator
-    char product_id[4]; // no terminator
-    uint32_t net_if_num;
-    uint32_t at_if_num;
-    char model_name[12];
-};
-
-constexpr int MODULE_TABLE_SIZE = 3;
-extern const module_entry module_table[MODULE_TABLE_SIZE];
-
 // Where the module is looked for; the daemon uses the real paths.
 struct module_paths {
     const char *usb_devices = USB_DEVICES_PATH;
@@ -33,13 +24,14 @@ struct module_paths {
 };
 
 // Full discovery: the AT port's tty name and the network interface name, both
-// needed for 0. Sets `module_type` and logs what it finds.
+// needed for 0. Sets the state's `family` and logs what it finds.
 int module_discover(const module_paths &paths, char (&at_port)[MODULE_NAME_SIZE],
                     char (&net_if)[MODULE_NAME_SIZE]);
-// The AT port alone (the module back after a firmware download). Sets `module_type`.
+// The AT port alone (the module back after a firmware download). Sets `family`.
 int module_find_at_port(const module_paths &paths, char (&at_port)[MODULE_NAME_SIZE]);
-// The `module_type` of the supported module present (the last one wins), or -1.
-int module_probe_type(const module_paths &paths);
+// The family of the supported module present (the last one wins), or null.
+// Leaves the state's `family` alone.
+const module_family *module_probe_family(const module_paths &paths);
 
 // One ASCII digit to a control line; the board gives no answer worth checking.
 void control_line_write(int line, char value);

@@ -25,7 +25,8 @@ namespace {
 
 struct world {
     int64_t now = 1000, call_ends = 0, slept = 0;
-    int probe = -1, reassert = 0, app = -1, type = MODULE_EC20;
+    int probe = -1, reassert = 0, app = -1;
+    const module_family *present = &family_of(modem_family::ec20);
     std::string log; // what the last round did
 } w;
 
@@ -38,11 +39,13 @@ check_env fake_env() {
     };
     e.sleep_until = [](int64_t deadline) { w.slept = deadline - std::exchange(w.now, deadline); };
     e.link_check = [] { return w.log += "probe ", w.probe; };
-    e.reassert_ec200 = [] { return w.log += "ec200 ", w.reassert; };
-    e.reassert_ec20 = [] { return w.log += "ec20 ", w.reassert; };
+    e.reassert = [](link_reassert how) {
+        w.log += how == link_reassert::network_device ? "netdevctl " : "qcrmcall ";
+        return w.reassert;
+    };
     e.app_running = [] { return w.app; };
     static const module_paths board;
-    e.probe_type = [](const module_paths &) { return w.type; };
+    e.probe_family = [](const module_paths &) { return w.present; };
     e.paths = &board;
     e.start_app = [] { w.log += "app "; };
     return e;
@@ -52,7 +55,7 @@ class CheckRoundTest : public testing::Test {
 protected:
     void SetUp() override {
         w = world{};
-        state().module_type.store(MODULE_EC200T);
+        state().family.store(&family_of(modem_family::ec200t));
         state().ping_disabled.store(0);
     }
     bool rounds(int n) {
@@ -70,7 +73,7 @@ protected:
 
 TEST_F(CheckRoundTest, ProbeAndReassertionFailuresGiveUpAtTheTenthInARow) {
     EXPECT_TRUE(rounds(9));
-    EXPECT_EQ(w.log + std::to_string(w.slept), "probe ec200 10000");
+    EXPECT_EQ(w.log + std::to_string(w.slept), "probe netdevctl 10000");
     w.probe = 0; // an answer resets both counts and the period
     EXPECT_TRUE(rounds(1));
     w.probe = -1;
@@ -82,18 +85,18 @@ TEST_F(CheckRoundTest, ProbeAndReassertionFailuresGiveUpAtTheTenthInARow) {
 
     c = check_counters{};
     state().ping_disabled.store(1);
-    state().module_type.store(MODULE_EC20);
+    state().family.store(&family_of(modem_family::ec20));
     state().check_timeS.store(UINT32_MAX); // no overflow of the deadline
     w.reassert = -1;
     EXPECT_TRUE(rounds(1));
     EXPECT_EQ(w.slept, int64_t{UINT32_MAX} * 1000);
     EXPECT_TRUE(rounds(8));
     EXPECT_FALSE(rounds(1));
-    EXPECT_EQ(w.log, "ec20 ");
+    EXPECT_EQ(w.log, "qcrmcall ");
 }
 
 TEST_F(CheckRoundTest, ExternalProgramRestartedThreeTimesInARowThenReset) {
-    state().module_type.store(MODULE_EC20);
+    state().family.store(&family_of(modem_family::ec20));
     strcpy(state().app_name, "conn_app");
     EXPECT_TRUE(rounds(3));
     w.app = 0; // seen running: the count starts afresh
@@ -103,7 +106,7 @@ TEST_F(CheckRoundTest, ExternalProgramRestartedThreeTimesInARowThenReset) {
     EXPECT_EQ(w.log, "probe app ");
     EXPECT_FALSE(rounds(1));
     c = check_counters{};
-    w.type = MODULE_EC200T; // another module: no restart, reset at once
+    w.present = &family_of(modem_family::ec200t); // another module: no restart, reset at once
     EXPECT_FALSE(rounds(1));
     EXPECT_EQ(w.log, "probe ");
 }
@@ -118,7 +121,7 @@ TEST_F(CheckRoundTest, PassThroughAndCallsHoldOffTheModule) {
     EXPECT_EQ(state().at_passthrough.load(), 1);
     EXPECT_EQ(w.log, "");
     EXPECT_TRUE(rounds(2)); // the 201st period drops pass-through
-    EXPECT_EQ(w.log, "ec200 ");
+    EXPECT_EQ(w.log, "netdevctl ");
 
     state().check_timeS.store(0); // still a second between rounds
     state().call_active.store(1);
@@ -136,7 +139,7 @@ TEST(CheckThreadTest, CancellationInItsSleepOrMidExchangeGivesThePortBack) {
     fresh_state fresh;
     emulated_port port(modem_family::ec200t);
     daemon_state &s = state();
-    s.module_type.store(MODULE_EC200T);
+    s.family.store(&family_of(modem_family::ec200t));
     module_paths paths;
     pthread_t tid;
     for (uint32_t period : {UINT32_MAX, 0u}) { // cancelled in its sleep, then mid-exchange

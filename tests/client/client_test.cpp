@@ -22,7 +22,7 @@ class WorkerTest : public port_test {
 protected:
     // Runs one request as the server would: with the AT gate taken and worker_busy set.
     void run(family f, const std::string &raw) {
-        run_worker(raw, f == EC20);
+        run_worker(raw, f == EC20 ? modem_family::ec20 : modem_family::ec200t);
         EXPECT_EQ(state().worker_busy.load(), 0); // the gate is free again on every path
         EXPECT_TRUE(state().at_mutex.try_lock());
         state().at_mutex.unlock();
@@ -131,7 +131,7 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
 // A root client's requests through the server, the emulated EC200T answering.
 class ServedTest : public testing::Test {
 protected:
-    ServedTest() { state().module_type = MODULE_EC200T; }
+    ServedTest() { state().family = &family_of(modem_family::ec200t); }
     void send(uint16_t code) {
         std::string raw = request_bytes(code);
         handle_request(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), ROOT);

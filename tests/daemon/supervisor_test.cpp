@@ -31,7 +31,7 @@ protected:
         daemon_state &s = state();
         s.module_restarting.store(0);
         s.auto_dial.store(1);
-        s.module_type.store(MODULE_EC200T);
+        s.family.store(&family_of(modem_family::ec200t));
         port = std::make_unique<emulated_port>(modem_family::ec200t);
         port->module().set_reply("AT+QIACT=1", modem_reply::error());
         g_now = 1000;
@@ -48,7 +48,7 @@ protected:
     // client, and connects.
     void dial_through_external_program() {
         daemon_state &s = state();
-        s.module_type.store(MODULE_EC20);
+        s.family.store(&family_of(modem_family::ec20));
         strcpy(s.app_name, "conn_app");
         supervisor_pass(sv);
     }
@@ -187,7 +187,7 @@ protected:
         daemon_state &s = state();
         ASSERT_EQ(serial_open(&s.at_fd, node.c_str()), 0);
         strcpy(s.at_port_path, node.c_str());
-        s.module_type.store(MODULE_EC200S);
+        s.family.store(&family_of(modem_family::ec200s));
         supervisor_start_threads(sv);
         s.phase.store(module_phase::idle);
     }

@@ -45,7 +45,7 @@ protected:
         for (auto *flag : {&s.fota_done, &s.fota_reopen, &s.fota_reopen_watch, &s.module_reset_request})
             flag->store(0);
         s.fota_port_status = 0;
-        s.module_type = f == mf::ec20 ? MODULE_EC20 : f == mf::ec200t ? MODULE_EC200T : MODULE_EC200S;
+        s.family = &family_of(f);
         port = std::make_unique<emulated_port>(f);
         pthread_t check;
         ASSERT_EQ(pthread_create(&check, nullptr, [](void *) -> void * { for (;;) pause(); }, nullptr), 0);
@@ -98,7 +98,7 @@ TEST_F(FotaTest, UpdatesThatSucceed) {
         std::string img = c.fields[0] == "0" ? image_of(std::stoul(c.fields[1])) : "";
         if (c.fields[0] == "0")
             c.fields[1] = dir.write("fw.bin", img);
-        run_worker(request_bytes(FOTA_CODE, c.fields), c.family == mf::ec20);
+        run_worker(request_bytes(FOTA_CODE, c.fields), c.family);
         EXPECT_EQ(client.frames(), c.frames + " download end|" + UPDATED);
         auto record = port->module().wait_for_command(c.command, 1000);
         EXPECT_EQ(record ? record->body : "<none>", img);

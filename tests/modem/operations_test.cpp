@@ -75,12 +75,13 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
          0, "451 0 set token|", ""},
         {[] { return lbs_config(1, "speed", "3"); }, "", "", -1, "451 10 |", ""},
         // A dial stops at its first failing step; the steps themselves report nothing.
-        {[] { return dial_ec200(1); }, "ATE0\r\n" + context, "OK\r\n", -1, "370 1 set_qiact|", "",
-         nullptr, nullptr, {"AT+QIACT"}, true},
-        {[] { return dial_ec200(1); }, "ATE0\r\n" + context + "AT+QNETDEVCTL=1,1\r\n", "OK\r\n", 0,
-         "370 0 |", "", nullptr, nullptr, {}, true},
+        {[] { return dial(family_of(modem_family::ec200t), 1); }, "ATE0\r\n" + context, "OK\r\n",
+         -1, "370 1 set_qiact|", "", nullptr, nullptr, {"AT+QIACT"}, true},
+        {[] { return dial(family_of(modem_family::ec200t), 1); },
+         "ATE0\r\n" + context + "AT+QNETDEVCTL=1,1\r\n", "OK\r\n", 0, "370 0 |", "", nullptr,
+         nullptr, {}, true},
         // The echo switch and stopping an old call may fail; the dial goes on.
-        {[] { return dial_ec20(1); },
+        {[] { return dial(family_of(modem_family::ec20), 1); },
          "ATE0\r\nAT$QCRMCALL=0,1,1,2,1\r\n" + context + "AT$QCRMCALL=1,1,1,2,1\r\n", "OK\r\n",
          -1, "370 1 set_qcrmcall|", "", nullptr, nullptr, {"ATE0", "AT$QCRMCALL"}, true},
     };
@@ -198,7 +199,7 @@ TEST(ExternalProgramTest, EachSettingIsOneArgument) {
     };
     config_apply("app_name", program.c_str());
     app_cmd_build();
-    ASSERT_EQ(dial_ec20(0), 0);
+    ASSERT_EQ(dial(family_of(modem_family::ec20), 0), 0);
     EXPECT_EQ(arguments(), ""); // already there: awaited
     ASSERT_EQ(unlink(out.c_str()), 0);
 
@@ -207,7 +208,7 @@ TEST(ExternalProgramTest, EachSettingIsOneArgument) {
           {"apn_auth", "2"}})
         config_apply(key, value);
     app_cmd_build();
-    ASSERT_EQ(dial_ec20(0), 0);
+    ASSERT_EQ(dial(family_of(modem_family::ec20), 0), 0);
     ASSERT_TRUE(wait_until([&] { return access(out.c_str(), F_OK) == 0; }, 5000))
         << state().app_cmd;
     EXPECT_EQ(arguments(), "-s\nmy apn;x\nu&\np w'\n2\n");

@@ -26,20 +26,21 @@ TEST(DiscoveryTest, UsbLayouts) {
         const char *at, *net;
         int at_found; // module_find_at_port: the AT port alone
         const char *at_alone;
-        int probed; // module_probe_type, also what module_type holds at the end
+        std::string probed; // module_probe_family ("" none), also the state's family at the end
     } cases[] = {
         {"2c7c:0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwan0"}, 0, "ttyUSB2", "wwan0", 0,
-         "ttyUSB2", MODULE_EC20},
+         "ttyUSB2", "EC20"},
         // No network directory: discovery skips the device, the AT port alone is found.
-        {"2c7c:6026", {"1-1/1-1:1.3/ttyUSB3"}, -1, "old", "old", 0, "ttyUSB3", MODULE_EC200T},
+        {"2c7c:6026", {"1-1/1-1:1.3/ttyUSB3"}, -1, "old", "old", 0, "ttyUSB3", "EC200T"},
         // The network interface without a tty: one name found still fails.
         {"2c7c:6026", {"1-1/1-1:1.3", "1-1/1-1:1.0/net/usb0"}, -1, "old", "old", -1,
-         "old", MODULE_EC200T},
+         "old", "EC200T"},
         {"2c7c:0125", {"1-1/1-1:1.2/ttyUSB2", "1-1/1-1:1.4/net/wwp0s20f0u1i4abc"}, -1,
-         "old", "old", 0, "ttyUSB2", MODULE_EC20}, // 16 characters are too many
-        {"2c7c:0126", {"1-1/1-1:1.2/ttyUSB2"}, -1, "old", "old", -1, "old", -1},
-        {"", {}, -1, "old", "old", -1, "old", -1}, // no device tree at all
+         "old", "old", 0, "ttyUSB2", "EC20"}, // 16 characters are too many
+        {"2c7c:0126", {"1-1/1-1:1.2/ttyUSB2"}, -1, "old", "old", -1, "old", ""},
+        {"", {}, -1, "old", "old", -1, "old", ""}, // no device tree at all
     };
+    auto name = [](const module_family *f) { return std::string(f != nullptr ? f->name : ""); };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << "row " << (&c - cases));
         fresh_state fresh;
@@ -49,15 +50,15 @@ TEST(DiscoveryTest, UsbLayouts) {
         module_paths paths;
         paths.usb_devices = c.ids.empty() ? "/nonexistent/usb/devices" : sys.path().c_str();
         char at[MODULE_NAME_SIZE] = "old", net[MODULE_NAME_SIZE] = "old";
-        state().module_type = -1; // no scan writes it, to see whether one did
+        state().family = nullptr; // no scan writes it, to see whether one did
         EXPECT_EQ(module_discover(paths, at, net), c.discovered);
         EXPECT_STREQ(at, c.at);
         EXPECT_STREQ(net, c.net);
         char alone[MODULE_NAME_SIZE] = "old";
         EXPECT_EQ(module_find_at_port(paths, alone), c.at_found);
         EXPECT_STREQ(alone, c.at_alone);
-        EXPECT_EQ(module_probe_type(paths), c.probed);
-        EXPECT_EQ(state().module_type.load(), c.probed);
+        EXPECT_EQ(name(module_probe_family(paths)), c.probed);
+        EXPECT_EQ(name(state().family.load()), c.probed);
     }
 }
 

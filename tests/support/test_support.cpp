@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
+#include <strings.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -196,12 +197,21 @@ emulated_port::~emulated_port() {
     emu_.stop();
 }
 
-void run_worker(const std::string &raw, bool ec20) {
+const module_family &family_of(modem_family family) {
+    for (const module_family &f : MODULE_FAMILIES) {
+        if (strcasecmp(f.name, modem_family_name(family)) == 0)
+            return f;
+    }
+    throw std::runtime_error("no row for the emulated family");
+}
+
+void run_worker(const std::string &raw, modem_family family) {
     worker_request req{raw.size(), {}};
     memcpy(req.bytes, raw.data(), raw.size());
+    state().family = &family_of(family);
     state().at_mutex.lock();
     state().worker_busy = 1;
-    (ec20 ? request_worker_ec20 : request_worker_ec200)(&req);
+    request_worker(&req);
 }
 
 std::string port_test::module_got() {

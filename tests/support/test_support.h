@@ -149,9 +149,12 @@ struct emulated_bench {
     client_end client;
 };
 
-// Runs one request as the server starts a worker: the AT gate taken and
-// worker_busy set, for the worker to give back.
-void run_worker(const std::string &raw, bool ec20);
+// The daemon's row for the emulator's module family.
+const module_family &family_of(modem_family family);
+
+// Runs one request as the server starts a worker, with a module of `family`
+// present: the AT gate taken and worker_busy set, for the worker to give back.
+void run_worker(const std::string &raw, modem_family family);
 
 // A fresh daemon state, the AT port with its receive thread and the test
 // playing the module, and a connected client. Each look at a side returns what
