@@ -1,5 +1,7 @@
 #include "at/at.h"
 
+#include "core/report.h"
+
 #include <cstring>
 
 namespace {

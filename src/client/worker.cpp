@@ -24,47 +24,49 @@ enum : uint8_t { FAMILY_EC200 = 1, FAMILY_EC20 = 2, FAMILY_BOTH = 3 };
 // The digit of field 1: its first character minus '0'.
 int32_t digit(const request_frame &f) { return static_cast<int32_t>(f.fields[0][0] - '0'); }
 
-int dial(uint8_t family) { return family == FAMILY_EC200 ? dial_ec200(1) : dial_ec20(1); }
+// The client interface is the one place outcomes become reply frames.
+void reply(const op_outcome &o) {
+    if (o.status != STATUS_NONE)
+        client_report(o.code, o.status, o.reply_text());
+}
+void reply_now(const op_outcome &o, void *) { reply(o); }
+const reply_sink TO_CLIENT{reply_now, nullptr};
 
-void passthrough_switch(const request_frame &f) {
+op_outcome dial(uint8_t family) { return family == FAMILY_EC200 ? dial_ec200() : dial_ec20(); }
+
+op_outcome passthrough_switch(const request_frame &f) {
     state().at_passthrough.store(f.fields[0][0] == '0' ? 0 : 1, std::memory_order_release);
-    client_report(f.code, STATUS_OK, nullptr);
+    return outcome(f.code, STATUS_OK);
 }
 
-void raw_at_line(const request_frame &f) {
+op_outcome raw_at_line(const request_frame &f) {
     daemon_state &s = state();
-    if (s.at_passthrough.load(std::memory_order_acquire) != 1) {
-        client_report(f.code, STATUS_PASSTHROUGH_OFF, nullptr);
-        return;
-    }
+    if (s.at_passthrough.load(std::memory_order_acquire) != 1)
+        return outcome(f.code, STATUS_PASSTHROUGH_OFF);
     size_t len = strlen(f.fields[1]);
-    if (len > FIELD_SIZE - 3) {
-        client_report(f.code, STATUS_BAD_PARAM, nullptr);
-        return;
-    }
+    if (len > FIELD_SIZE - 3)
+        return outcome(f.code, STATUS_BAD_PARAM);
     char line[FIELD_SIZE];
     memcpy(line, f.fields[1], len);
     memcpy(line + len, "\r\n", 3);
     // The answer comes back line by line as pass-through events.
     if (at_send(line, len + 2) == -1)
-        at_report_send_failure(f.code);
+        return at_send_failure(f.code);
+    return outcome(f.code, STATUS_NONE);
 }
 
-void speak(const request_frame &f) {
-    if (f.fields[0][0] == '0') {
-        play_tts(0, "");
-    } else if (f.field_count < 2) {
-        client_report(f.code, STATUS_BAD_PARAM, nullptr);
-    } else {
-        play_tts(1, f.fields[1]);
-    }
+op_outcome speak(const request_frame &f) {
+    if (f.fields[0][0] == '0')
+        return play_tts(0, "");
+    if (f.field_count < 2)
+        return outcome(f.code, STATUS_BAD_PARAM);
+    return play_tts(1, f.fields[1]);
 }
 
-void location_config(const request_frame &f) {
+op_outcome location_config(const request_frame &f) {
     if (f.fields[0][0] == '1' && f.field_count < 3)
-        client_report(f.code, STATUS_BAD_PARAM, nullptr);
-    else
-        lbs_config(f.fields[0][0] == '1' ? 1 : 0, f.fields[1], f.fields[2]);
+        return outcome(f.code, STATUS_BAD_PARAM);
+    return lbs_config(f.fields[0][0] == '1' ? 1 : 0, f.fields[1], f.fields[2]);
 }
 
 // The validity octet of a 251 request, in decimal; -1, which the operation
@@ -82,9 +84,9 @@ int validity_field(const char *field) {
     return field[0] == '\0' ? -1 : v;
 }
 
-void send_sms_pdu(const request_frame &f) {
-    sms_send_pdu(f.fields[0][0] != '0', f.fields[1], f.fields[2], f.fields[3],
-                 validity_field(f.fields[4]), f.fields[5][0] != '0');
+op_outcome send_sms_pdu(const request_frame &f) {
+    return sms_send_pdu(f.fields[0][0] != '0', f.fields[1], f.fields[2], f.fields[3],
+                        validity_field(f.fields[4]), f.fields[5][0] != '0', TO_CLIENT);
 }
 
 // A whole-number field; a text that is no number gives 0, which the update
@@ -94,15 +96,13 @@ int64_t integer_field(const char *field) {
     return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : v;
 }
 
-void firmware_update(const request_frame &f, uint8_t family, const client_peer &peer) {
+op_outcome firmware_update(const request_frame &f, uint8_t family, const client_peer &peer) {
     const int mode = digit(f);
     if (family == FAMILY_EC20) {
         // The EC20 family fetches its image itself; it takes no file.
         if (mode == 0)
-            client_report(f.code, STATUS_BAD_PARAM, nullptr);
-        else
-            fota_update(mode, f.fields[1], FOTA_CHUNK_EC200T, FOTA_PAUSE_US, peer);
-        return;
+            return outcome(f.code, STATUS_BAD_PARAM);
+        return fota_update(mode, f.fields[1], FOTA_CHUNK_EC200T, FOTA_PAUSE_US, peer, TO_CLIENT);
     }
     int chunk = state().module_type.load(std::memory_order_acquire) == MODULE_EC200S
                     ? FOTA_CHUNK_EC200S
@@ -112,61 +112,61 @@ void firmware_update(const request_frame &f, uint8_t family, const client_peer &
         chunk = static_cast<int>(integer_field(f.fields[2]));
         pause_us = integer_field(f.fields[3]) * 1000;
     }
-    fota_update(mode, f.fields[1], chunk, pause_us, peer);
+    return fota_update(mode, f.fields[1], chunk, pause_us, peer, TO_CLIENT);
 }
 
 struct worker_code {
     uint16_t code;
     uint8_t families;
     int min_fields; // fewer answer status 10
-    void (*run)(const request_frame &f, uint8_t family);
+    op_outcome (*run)(const request_frame &f, uint8_t family);
     // Instead of run, for a code that acts for the client as who it is.
-    void (*run_as)(const request_frame &f, uint8_t family, const client_peer &peer) = nullptr;
+    op_outcome (*run_as)(const request_frame &f, uint8_t family, const client_peer &peer) = nullptr;
 };
 
-// What each code runs. Operations send their own replies.
+// What each code runs; its outcome is the reply.
 const worker_code WORKER_CODES[] = {
-    {51, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_ati(1); }},
-    {52, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_gsn(1); }},
-    {101, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_cimi(1); }},
-    {102, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_csq(1); }},
-    {103, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_cops(1); }},
-    {110, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_creg(digit(f), 1); }},
-    {111, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_creg(); }},
-    {190, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qnetdevstatus(digit(f), 1); }},
-    {191, FAMILY_EC20, 0, [](const request_frame &, uint8_t) { get_qnetdevstatus(1); }},
-    {201, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_csca(1); }},
-    {231, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cmgf(digit(f), 1); }},
-    {232, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_csms(digit(f), 1); }},
-    {233, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cnmi(digit(f), 1); }},
-    {234, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_colp(digit(f), 1); }},
-    {235, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qtonedet(digit(f), 1); }},
-    {236, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_clip(digit(f), 1); }},
-    {237, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_cscs(f.fields[0], 1); }},
-    {238, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { set_ate(digit(f), 1); }},
-    {251, FAMILY_BOTH, 6, [](const request_frame &f, uint8_t) { send_sms_pdu(f); }},
+    {51, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_ati(); }},
+    {52, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_gsn(); }},
+    {101, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_cimi(); }},
+    {102, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_csq(); }},
+    {103, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_cops(); }},
+    {110, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_creg(digit(f)); }},
+    {111, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_creg(); }},
+    {190, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qnetdevstatus(digit(f)); }},
+    {191, FAMILY_EC20, 0, [](const request_frame &, uint8_t) { return get_qnetdevstatus(); }},
+    {201, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_csca(); }},
+    {231, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cmgf(digit(f)); }},
+    {232, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_csms(digit(f)); }},
+    {233, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cnmi(digit(f)); }},
+    {234, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_colp(digit(f)); }},
+    {235, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qtonedet(digit(f)); }},
+    {236, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_clip(digit(f)); }},
+    {237, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cscs(f.fields[0]); }},
+    {238, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_ate(digit(f)); }},
+    {251, FAMILY_BOTH, 6, [](const request_frame &f, uint8_t) { return send_sms_pdu(f); }},
     {252, FAMILY_BOTH, 2,
-     [](const request_frame &f, uint8_t) { sms_send_text(f.fields[0], f.fields[1]); }},
-    {301, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_sms_call_defaults(); }},
-    {302, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { answer_call(); }},
-    {303, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { hang_up(); }},
-    {304, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { voice_dial(f.fields[0]); }},
-    {310, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { speak(f); }},
+     [](const request_frame &f, uint8_t) { return sms_send_text(f.fields[0], f.fields[1]); }},
+    {301, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_sms_call_defaults(); }},
+    {302, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return answer_call(); }},
+    {303, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return hang_up(); }},
+    {304, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return voice_dial(f.fields[0]); }},
+    {310, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return speak(f); }},
     {351, FAMILY_BOTH, 0,
      [](const request_frame &, uint8_t) {
          apn_settings apn = apn_snapshot();
-         set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth, 1);
+         return set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth);
      }},
-    {352, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qideact(1, 1); }},
-    {353, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { set_qiact(1, 1); }},
-    {360, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_qnetdevctl(digit(f), 1, 1); }},
-    {362, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { set_qcrmcall(digit(f), 1, 1); }},
-    {370, FAMILY_BOTH, 0, [](const request_frame &, uint8_t family) { dial(family); }},
-    {401, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { passthrough_switch(f); }},
-    {402, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { raw_at_line(f); }},
-    {451, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { location_config(f); }},
-    {452, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { get_qlbs(); }},
-    {551, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { set_usbifc(digit(f), 1); }},
+    {352, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_qideact(1); }},
+    {353, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_qiact(1); }},
+    {360, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { return set_qnetdevctl(digit(f), 1); }},
+    {362, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qcrmcall(digit(f), 1); }},
+    {370, FAMILY_BOTH, 0, [](const request_frame &, uint8_t family) { return dial(family); }},
+    {401, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return passthrough_switch(f); }},
+    {402, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { return raw_at_line(f); }},
+    {451, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { return location_config(f); }},
+    {452, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_qlbs(); }},
+    {551, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { return set_usbifc(digit(f)); }},
     {561, FAMILY_BOTH, 2, nullptr, firmware_update},
 };
 
@@ -210,14 +210,14 @@ void run_request(const worker_request &raw, uint8_t family) {
         if (c.code != f.code || (c.families & family) == 0)
             continue;
         if (f.field_count < c.min_fields)
-            client_report(f.code, STATUS_BAD_PARAM, nullptr);
+            reply(outcome(f.code, STATUS_BAD_PARAM));
         else if (c.run_as != nullptr)
-            c.run_as(f, family, raw.peer);
+            reply(c.run_as(f, family, raw.peer));
         else
-            c.run(f, family);
+            reply(c.run(f, family));
         return;
     }
-    client_report(f.code, STATUS_UNKNOWN_CODE, nullptr);
+    reply(outcome(f.code, STATUS_UNKNOWN_CODE));
 }
 
 WORKER_FRAME_UNGUARDED void *run_worker(void *request_copy, uint8_t family) {
@@ -235,48 +235,41 @@ void *request_worker_ec200(void *request_copy) { return run_worker(request_copy,
 
 void *request_worker_ec20(void *request_copy) { return run_worker(request_copy, FAMILY_EC20); }
 
-int set_sms_call_defaults() {
+op_outcome set_sms_call_defaults() {
     struct step {
         const char *name;
-        int (*run)();
+        op_outcome (*run)();
     };
     static const step STEPS[] = {
-        {"set_cscs", [] { return set_cscs("GSM", 0); }},
-        {"set_cmgf", [] { return set_cmgf(0, 0); }},
-        {"set_csms", [] { return set_csms(0, 0); }},
-        {"set_cnmi", [] { return set_cnmi(2, 0); }},
-        {"set_colp", [] { return set_colp(1, 0); }},
-        {"set_clip", [] { return set_clip(1, 0); }},
+        {"set_cscs", [] { return set_cscs("GSM"); }},
+        {"set_cmgf", [] { return set_cmgf(0); }},
+        {"set_csms", [] { return set_csms(0); }},
+        {"set_cnmi", [] { return set_cnmi(2); }},
+        {"set_colp", [] { return set_colp(1); }},
+        {"set_clip", [] { return set_clip(1); }},
     };
-    set_ate(0, 0);
+    set_ate(0);
     for (const step &st : STEPS) {
-        if (st.run() < 0) {
-            client_report(301, STATUS_FAIL, st.name);
-            return -1;
-        }
+        if (!st.run().ok())
+            return outcome(301, STATUS_FAIL, st.name);
     }
-    client_report(301, STATUS_OK, nullptr);
-    return 0;
+    return outcome(301, STATUS_OK);
 }
 
-int voice_dial(const char *number) {
+op_outcome voice_dial(const char *number) {
     daemon_state &s = state();
     char line[50];
     // The number stands bare after "ATD": a quote, a control byte or a ';'
     // would let it carry commands of its own.
-    if (strlen(number) > 43 || !at_bare_text_ok(number)) {
-        client_report(304, STATUS_BAD_PARAM, nullptr);
-        return -1;
-    }
+    if (strlen(number) > 43 || !at_bare_text_ok(number))
+        return outcome(304, STATUS_BAD_PARAM);
     s.at_passthrough.store(0, std::memory_order_release);
     int n = text_format(line, sizeof line, "ATD%s;\r\n", number);
     call_active_set(1);
     // Not a transaction: the module's answers come as call events.
     if (at_send(line, static_cast<size_t>(n)) == -1) {
         call_active_set(0);
-        at_report_send_failure(304);
-        return -1;
+        return at_send_failure(304);
     }
-    client_report(304, STATUS_OK, nullptr);
-    return 0;
+    return outcome(304, STATUS_OK);
 }

@@ -365,11 +365,11 @@ int64_t module_step(supervisor &sv, int64_t now) {
 
 void log_sim_state() {
     daemon_state &s = state();
-    if (get_cimi(0) == 0) {
+    if (get_cimi().ok()) {
         log_printf("Sim imsi: %s\n", s.sim_imsi);
-        if (get_cops(0) == 0)
+        if (get_cops().ok())
             log_printf("COPS: %s\n", s.operator_name);
-        if (get_csq(0) == 0)
+        if (get_csq().ok())
             log_printf("Signal: %s\n", s.signal_rssi);
     } else {
         log_printf("Sim status: SIM_ABSENT\n");
@@ -393,9 +393,9 @@ int64_t dial_action(supervisor &sv) {
     bool ec200 = s.module_type.load(std::memory_order_acquire) != MODULE_EC20;
     if (s.debug.load(std::memory_order_acquire))
         log_sim_state();
-    int result = ec200 ? dial_ec200(0) : dial_ec20(0);
+    bool dialled = (ec200 ? dial_ec200() : dial_ec20()).ok();
     s.dial_in_progress.store(0, std::memory_order_release);
-    if (result == 0) {
+    if (dialled) {
         s.connected.store(1, std::memory_order_release);
         stats_link_up(monotonic_ms());
         sv.next_dial_ms = 0;
@@ -437,12 +437,12 @@ void disconnect_action() {
     check_thread_stop();
     run_shell(s.ifdown_cmd);
     if (s.module_type.load(std::memory_order_acquire) != MODULE_EC20) {
-        as_supervisor_work([] { set_qnetdevctl(0, 1, 0); });
+        as_supervisor_work([] { set_qnetdevctl(0, 1); });
     } else if (s.app_name[0] != '\0') {
         run_shell(s.killall_cmd);
         sleep_for(3, 0);
     } else {
-        as_supervisor_work([] { set_qcrmcall(0, 1, 0); });
+        as_supervisor_work([] { set_qcrmcall(0, 1); });
     }
     s.connected.store(0, std::memory_order_release);
     stats_link_down();
