@@ -158,8 +158,16 @@ struct at_heard : at_judgement {
 // they came. Returns the line's verdict, or timed_out.
 at_verdict at_wait(const at_rules &r, int64_t deadline_ms, at_heard *h);
 // Ends the exchange after the line that ended its wait: that line to urc_ring
-// first when it is passed on, then at_finish.
+// first when it is passed on, then at_finish. On a thread that holds passed-on
+// lines, such an exchange stays open until at_settle().
 void at_end(const at_heard &h);
+// A request worker replies after its operation has returned, yet the client
+// must get the reply before the event its last line makes (the common thread's
+// "NO CARRIER" or module error): with `on`, the calling thread's exchanges that
+// end on a passed-on line stay open, still collecting, so that no later line
+// overtakes it, until at_settle() or the thread's next exchange ends them.
+void at_hold_passed_on(bool on);
+void at_settle();
 
 // ---- the transaction frame: one command, one answer ----
 using at_info = void (*)(const char *line, void *ctx);

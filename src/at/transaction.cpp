@@ -23,6 +23,12 @@ void collect(char (&text)[100], size_t &used, const char *line) {
     text[used] = '\0';
 }
 
+// A request worker's exchange whose ending line is the common thread's as well
+// (a "NO CARRIER" to ATA, a module error), held open until the reply is out.
+thread_local bool t_hold_passed_on = false;
+thread_local bool t_held = false;
+thread_local at_heard t_held_end;
+
 // Parses the ending line into the outcome; the caller finishes.
 op_outcome settle(const at_member &m, const char *line, at_parse parse, void *ctx) {
     op_outcome out = outcome(m.report_code, STATUS_OK);
@@ -75,9 +81,27 @@ at_verdict at_wait(const at_rules &r, int64_t deadline_ms, at_heard *h) {
 }
 
 void at_end(const at_heard &h) {
+    if (h.pass_on && t_hold_passed_on) {
+        // Still collecting meanwhile: no later line can overtake this one.
+        t_held_end = h;
+        t_held = true;
+        return;
+    }
     if (h.pass_on)
         urc_push(h.line);
     at_finish();
+}
+
+void at_hold_passed_on(bool on) { t_hold_passed_on = on; }
+
+void at_settle() {
+    if (!t_held)
+        return;
+    t_held = false;
+    const bool hold = t_hold_passed_on;
+    t_hold_passed_on = false;
+    at_end(t_held_end);
+    t_hold_passed_on = hold;
 }
 
 op_outcome at_transaction(const at_member &m, const char *cmd, at_parse parse, void *ctx) {

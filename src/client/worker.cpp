@@ -215,6 +215,8 @@ void run_request(const worker_request &raw, uint8_t family) {
             reply(c.run_as(f, family, raw.peer));
         else
             reply(c.run(f, family));
+        // The events of the exchange's last line follow the reply.
+        at_settle();
         return;
     }
     reply(outcome(f.code, STATUS_UNKNOWN_CODE));
@@ -224,7 +226,9 @@ WORKER_FRAME_UNGUARDED void *run_worker(void *request_copy, uint8_t family) {
     pthread_setname_np(pthread_self(), "zolvin_worker");
     // A worker cancelled by a restart request still gives the AT port back.
     pthread_cleanup_push(cleanup, nullptr);
+    at_hold_passed_on(true);
     run_request(*static_cast<const worker_request *>(request_copy), family);
+    at_hold_passed_on(false);
     pthread_cleanup_pop(1);
     return nullptr;
 }

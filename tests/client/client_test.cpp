@@ -5,6 +5,7 @@
 #include "client/client.h"
 #include "core/config.h"
 #include "modem/modem.h"
+#include "sms/common.h"
 #include "sms/send.h"
 #include "support/test_support.h"
 
@@ -103,6 +104,24 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
             EXPECT_EQ(module_got(), c.module);
         }
     }
+}
+
+// The client learns how its request ended before the event that the
+// exchange's last line makes: "NO CARRIER" to ATA, a module error to a setting.
+TEST_F(WorkerTest, TheReplyComesBeforeTheEventOfTheExchangesLastLine) {
+    pthread_t common;
+    ASSERT_EQ(pthread_create(&common, nullptr, common_thread, nullptr), 0);
+    const std::pair<uint16_t, const char *> cases[] = {{302, "NO CARRIER"}, {238, "+CME ERROR: 3"}};
+    for (const auto &[code, line] : cases) {
+        std::thread worker([&, code = code] { run(EC200, request_bytes(code, {"1"})); });
+        EXPECT_FALSE(port.module_reads("\r\n", 3000).empty());
+        port.module_says(std::string(line) + "\r\n");
+        worker.join();
+        EXPECT_EQ(client.frames(2, 3000), code == 302 ? "302 1 NO CARRIER|1001 2 1|"
+                                                      : "238 1 |1201 1 +CME ERROR: 3|");
+    }
+    pthread_cancel(common);
+    pthread_join(common, nullptr);
 }
 
 TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
