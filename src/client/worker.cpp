@@ -126,48 +126,48 @@ struct worker_code {
 
 // What each code runs; its outcome is the reply.
 const worker_code WORKER_CODES[] = {
-    {51, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_ati(); }},
-    {52, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_gsn(); }},
-    {101, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_cimi(); }},
-    {102, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_csq(); }},
-    {103, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_cops(); }},
-    {110, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_creg(digit(f)); }},
-    {111, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_creg(); }},
-    {190, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qnetdevstatus(digit(f)); }},
-    {191, FAMILY_EC20, 0, [](const request_frame &, uint8_t) { return get_qnetdevstatus(); }},
-    {201, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_csca(); }},
-    {231, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cmgf(digit(f)); }},
-    {232, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_csms(digit(f)); }},
-    {233, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cnmi(digit(f)); }},
-    {234, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_colp(digit(f)); }},
-    {235, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qtonedet(digit(f)); }},
-    {236, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_clip(digit(f)); }},
-    {237, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cscs(f.fields[0]); }},
-    {238, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_ate(digit(f)); }},
-    {251, FAMILY_BOTH, 6, [](const request_frame &f, uint8_t) { return send_sms_pdu(f); }},
-    {252, FAMILY_BOTH, 2,
+    {CODE_GET_ATI, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_ati(); }},
+    {CODE_GET_GSN, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_gsn(); }},
+    {CODE_GET_CIMI, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_cimi(); }},
+    {CODE_GET_CSQ, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_csq(); }},
+    {CODE_GET_COPS, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_cops(); }},
+    {CODE_SET_CREG, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_creg(digit(f)); }},
+    {CODE_GET_CREG, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_creg(); }},
+    {CODE_SET_QNETDEVSTATUS, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qnetdevstatus(digit(f)); }},
+    {CODE_GET_QNETDEVSTATUS, FAMILY_EC20, 0, [](const request_frame &, uint8_t) { return get_qnetdevstatus(); }},
+    {CODE_GET_CSCA, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_csca(); }},
+    {CODE_SET_CMGF, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cmgf(digit(f)); }},
+    {CODE_SET_CSMS, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_csms(digit(f)); }},
+    {CODE_SET_CNMI, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cnmi(digit(f)); }},
+    {CODE_SET_COLP, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_colp(digit(f)); }},
+    {CODE_SET_QTONEDET, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qtonedet(digit(f)); }},
+    {CODE_SET_CLIP, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_clip(digit(f)); }},
+    {CODE_SET_CSCS, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_cscs(f.fields[0]); }},
+    {CODE_SET_ATE, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return set_ate(digit(f)); }},
+    {CODE_SMS_SEND_PDU, FAMILY_BOTH, 6, [](const request_frame &f, uint8_t) { return send_sms_pdu(f); }},
+    {CODE_SMS_SEND_TEXT, FAMILY_BOTH, 2,
      [](const request_frame &f, uint8_t) { return sms_send_text(f.fields[0], f.fields[1]); }},
-    {301, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_sms_call_defaults(); }},
-    {302, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return answer_call(); }},
-    {303, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return hang_up(); }},
-    {304, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return voice_dial(f.fields[0]); }},
-    {310, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return speak(f); }},
-    {351, FAMILY_BOTH, 0,
+    {CODE_SMS_CALL_DEFAULTS, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_sms_call_defaults(); }},
+    {CODE_ANSWER_CALL, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return answer_call(); }},
+    {CODE_HANG_UP, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return hang_up(); }},
+    {CODE_VOICE_DIAL, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return voice_dial(f.fields[0]); }},
+    {CODE_PLAY_TTS, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return speak(f); }},
+    {CODE_SET_QICSGP, FAMILY_BOTH, 0,
      [](const request_frame &, uint8_t) {
          apn_settings apn = apn_snapshot();
          return set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth);
      }},
-    {352, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_qideact(1); }},
-    {353, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_qiact(1); }},
-    {360, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { return set_qnetdevctl(digit(f), 1); }},
-    {362, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qcrmcall(digit(f), 1); }},
-    {370, FAMILY_BOTH, 0, [](const request_frame &, uint8_t family) { return dial(family); }},
-    {401, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return passthrough_switch(f); }},
-    {402, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { return raw_at_line(f); }},
-    {451, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { return location_config(f); }},
-    {452, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_qlbs(); }},
-    {551, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { return set_usbifc(digit(f)); }},
-    {561, FAMILY_BOTH, 2, nullptr, firmware_update},
+    {CODE_SET_QIDEACT, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_qideact(1); }},
+    {CODE_SET_QIACT, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return set_qiact(1); }},
+    {CODE_SET_QNETDEVCTL, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { return set_qnetdevctl(digit(f), 1); }},
+    {CODE_SET_QCRMCALL, FAMILY_EC20, 1, [](const request_frame &f, uint8_t) { return set_qcrmcall(digit(f), 1); }},
+    {CODE_DIAL, FAMILY_BOTH, 0, [](const request_frame &, uint8_t family) { return dial(family); }},
+    {CODE_PASSTHROUGH, FAMILY_BOTH, 1, [](const request_frame &f, uint8_t) { return passthrough_switch(f); }},
+    {CODE_AT_LINE, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { return raw_at_line(f); }},
+    {CODE_LBS_CONFIG, FAMILY_BOTH, 2, [](const request_frame &f, uint8_t) { return location_config(f); }},
+    {CODE_GET_QLBS, FAMILY_BOTH, 0, [](const request_frame &, uint8_t) { return get_qlbs(); }},
+    {CODE_SET_USBIFC, FAMILY_EC200, 1, [](const request_frame &f, uint8_t) { return set_usbifc(digit(f)); }},
+    {CODE_FOTA, FAMILY_BOTH, 2, nullptr, firmware_update},
 };
 
 #ifdef ZOLVIN_ASAN
@@ -204,7 +204,7 @@ void run_request(const worker_request &raw, uint8_t family) {
     request_frame f;
     if (request_parse(raw.bytes, raw.len, &f) != 0 || f.oversize_field)
         return; // an oversize field ends the request without a reply
-    if (f.code != 401 && f.code != 402)
+    if (f.code != CODE_PASSTHROUGH && f.code != CODE_AT_LINE)
         state().at_passthrough.store(0, std::memory_order_release);
     for (const worker_code &c : WORKER_CODES) {
         if (c.code != f.code || (c.families & family) == 0)
@@ -255,9 +255,9 @@ op_outcome set_sms_call_defaults() {
     set_ate(0);
     for (const step &st : STEPS) {
         if (!st.run().ok())
-            return outcome(301, STATUS_FAIL, st.name);
+            return outcome(CODE_SMS_CALL_DEFAULTS, STATUS_FAIL, st.name);
     }
-    return outcome(301, STATUS_OK);
+    return outcome(CODE_SMS_CALL_DEFAULTS, STATUS_OK);
 }
 
 op_outcome voice_dial(const char *number) {
@@ -266,14 +266,14 @@ op_outcome voice_dial(const char *number) {
     // The number stands bare after "ATD": a quote, a control byte or a ';'
     // would let it carry commands of its own.
     if (strlen(number) > 43 || !at_bare_text_ok(number))
-        return outcome(304, STATUS_BAD_PARAM);
+        return outcome(CODE_VOICE_DIAL, STATUS_BAD_PARAM);
     s.at_passthrough.store(0, std::memory_order_release);
     int n = text_format(line, sizeof line, "ATD%s;\r\n", number);
     call_active_set(1);
     // Not a transaction: the module's answers come as call events.
     if (at_send(line, static_cast<size_t>(n)) == -1) {
         call_active_set(0);
-        return at_send_failure(304);
+        return at_send_failure(CODE_VOICE_DIAL);
     }
-    return outcome(304, STATUS_OK);
+    return outcome(CODE_VOICE_DIAL, STATUS_OK);
 }

@@ -12,7 +12,6 @@
 
 #include <cstdint>
 
-constexpr int FOTA_CODE = 561;
 constexpr int FOTA_CHUNK_MAX = 1500; // the read buffer; larger requests are cut to it
 constexpr int FOTA_CHUNK_EC200T = 320;
 constexpr int FOTA_CHUNK_EC200S = 240;

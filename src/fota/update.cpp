@@ -99,7 +99,7 @@ struct update_reply {
 };
 
 void report(update_reply &r, int status, const char *text) {
-    r.replies(outcome(FOTA_CODE, status, text));
+    r.replies(outcome(CODE_FOTA, status, text));
 }
 
 // What the update makes of a line as the engine judged it.
@@ -233,7 +233,7 @@ step push_file(image_file &f, const fota_variant &v, size_t chunk_size, int64_t 
             return step::failed;
         }
         if (at_send(buf, static_cast<size_t>(n)) == -1) {
-            r.replies(at_send_failure(FOTA_CODE));
+            r.replies(at_send_failure(CODE_FOTA));
             return step::failed;
         }
         sent += n;
@@ -338,11 +338,11 @@ op_outcome fota_update(int mode, const char *source, int chunk_size, int64_t chu
     // A URL goes into the command line.
     if (chunk_size < 1 || chunk_delay_us < 0 || (file_mode && !v.takes_file) ||
         (!file_mode && !at_text_ok(source)))
-        return outcome(FOTA_CODE, STATUS_BAD_PARAM);
+        return outcome(CODE_FOTA, STATUS_BAD_PARAM);
     update_reply r{replies};
     image_file file;
     if (file_mode && !image_open(source, peer, &file, r))
-        return outcome(FOTA_CODE, STATUS_NONE);
+        return outcome(CODE_FOTA, STATUS_NONE);
 
     // The link check must not touch the module while it takes its new firmware.
     check_thread_stop();
@@ -355,7 +355,7 @@ op_outcome fota_update(int mode, const char *source, int chunk_size, int64_t chu
     else
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"%s\"\r\n", source);
     if (!at_start(cmd, strlen(cmd)))
-        return at_send_failure(FOTA_CODE);
+        return at_send_failure(CODE_FOTA);
     // From here the module may reboot at any time; every end below hands it
     // to the supervisor, whose reset or re-open clears the mark.
     s.fota_active.store(1, std::memory_order_release);
@@ -368,9 +368,9 @@ op_outcome fota_update(int mode, const char *source, int chunk_size, int64_t chu
     if (st == step::done) {
         // The supervisor's 561 event follows "Fota end".
         supervisor_request(s.fota_done, 1);
-        return outcome(FOTA_CODE, STATUS_NONE);
+        return outcome(CODE_FOTA, STATUS_NONE);
     }
     // The module is somewhere in its update: only a power cycle brings it back for sure.
     supervisor_request(s.module_reset_request, 1);
-    return outcome(FOTA_CODE, STATUS_NONE);
+    return outcome(CODE_FOTA, STATUS_NONE);
 }

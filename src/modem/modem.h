@@ -4,44 +4,11 @@
 // They run on the thread that holds the right to use the AT port.
 #pragma once
 
+#include "core/codes.h"
 #include "core/outcome.h"
 
 #include <cstddef>
 #include <cstdint>
-
-// Report codes (equal to the client command codes).
-enum : int {
-    CODE_GET_ATI = 51,
-    CODE_GET_GSN = 52,
-    CODE_GET_CIMI = 101,
-    CODE_GET_CSQ = 102,
-    CODE_GET_COPS = 103,
-    CODE_SET_CREG = 110,
-    CODE_GET_CREG = 111,
-    CODE_SET_QNETDEVSTATUS = 190,
-    CODE_GET_QNETDEVSTATUS = 191,
-    CODE_GET_CSCA = 201,
-    CODE_SET_CMGF = 231,
-    CODE_SET_CSMS = 232,
-    CODE_SET_CNMI = 233,
-    CODE_SET_COLP = 234,
-    CODE_SET_QTONEDET = 235,
-    CODE_SET_CLIP = 236,
-    CODE_SET_CSCS = 237,
-    CODE_SET_ATE = 238,
-    CODE_ANSWER_CALL = 302,
-    CODE_HANG_UP = 303,
-    CODE_PLAY_TTS = 310,
-    CODE_SET_QICSGP = 351,
-    CODE_SET_QIDEACT = 352,
-    CODE_SET_QIACT = 353,
-    CODE_SET_QNETDEVCTL = 360,
-    CODE_SET_QCRMCALL = 362,
-    CODE_DIAL = 370,
-    CODE_LBS_CONFIG = 451,
-    CODE_GET_QLBS = 452,
-    CODE_SET_USBIFC = 551,
-};
 
 // ---- identity and network queries ----
 op_outcome get_ati();  // module_model: the answer lines joined by ','

@@ -113,8 +113,8 @@ struct cmgs_rules {
     bool message_ref;
 };
 
-constexpr cmgs_rules PDU_RULES = {SMS_SEND_PDU_CODE, "time out!", 10, true};
-constexpr cmgs_rules TEXT_RULES = {SMS_SEND_TEXT_CODE, "time out", 1, false};
+constexpr cmgs_rules PDU_RULES = {CODE_SMS_SEND_PDU, "time out!", 10, true};
+constexpr cmgs_rules TEXT_RULES = {CODE_SMS_SEND_TEXT, "time out", 1, false};
 
 // The module's '>' asks for the body.
 constexpr at_row PROMPT_ROWS[] = {{">", nullptr, at_verdict::success}};
@@ -288,7 +288,7 @@ op_outcome sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination,
     // nothing; with the stored centre it is built again below.
     if (!sms_submit_build(ucs2, stored_smsc ? "" : smsc, destination, text, validity,
                           status_report, reference, &message))
-        return outcome(SMS_SEND_PDU_CODE, STATUS_BAD_PARAM);
+        return outcome(CODE_SMS_SEND_PDU, STATUS_BAD_PARAM);
     // A failed switch is not fatal: the module may be in PDU mode already.
     set_cmgf(0);
     if (stored_smsc) {
@@ -303,7 +303,7 @@ op_outcome sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination,
         // The module's centre may be longer than a PDU address holds.
         if (!sms_submit_build(ucs2, s.smsc_number, destination, text, validity, status_report,
                               reference, &message))
-            return outcome(SMS_SEND_PDU_CODE, STATUS_BAD_PARAM);
+            return outcome(CODE_SMS_SEND_PDU, STATUS_BAD_PARAM);
     }
     if (message.count > 1)
         s.sms_reference.store(reference);
@@ -328,7 +328,7 @@ op_outcome sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination,
     }
     // Counted before the reply, so a 913 asked on it includes this message.
     stat_add(stat_counter::sms_out);
-    return outcome(SMS_SEND_PDU_CODE, STATUS_OK, refs);
+    return outcome(CODE_SMS_SEND_PDU, STATUS_OK, refs);
 }
 
 op_outcome sms_send_text(const char *destination, const char *text) {
@@ -337,10 +337,10 @@ op_outcome sms_send_text(const char *destination, const char *text) {
     // early and let the rest run as commands, and ESC would cancel it.
     if (strnlen(destination, TEXT_DESTINATION_MAX + 1) > TEXT_DESTINATION_MAX ||
         !at_text_ok(destination) || strpbrk(text, "\x1A\x1B") != nullptr)
-        return outcome(SMS_SEND_TEXT_CODE, STATUS_BAD_PARAM);
+        return outcome(CODE_SMS_SEND_TEXT, STATUS_BAD_PARAM);
     if (!set_cmgf(1).ok()) {
         set_cmgf(0);
-        return outcome(SMS_SEND_TEXT_CODE, STATUS_FAIL, "set_cmgf");
+        return outcome(CODE_SMS_SEND_TEXT, STATUS_FAIL, "set_cmgf");
     }
     if (destination[0] == '+')
         ++destination;

@@ -10,9 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr int SMS_SEND_PDU_CODE = 251;
-constexpr int SMS_SEND_TEXT_CODE = 252;
-
 constexpr size_t SMS_PDU_SIZE = 512;
 
 // What one message carries, and one part of a concatenated message once its

@@ -109,7 +109,7 @@ TEST_F(FotaTest, UpdatesThatSucceed) {
         std::string img = c.fields[0] == "0" ? image_of(std::stoul(c.fields[1])) : "";
         if (c.fields[0] == "0")
             c.fields[1] = dir.write("fw.bin", img);
-        run_worker(request_bytes(FOTA_CODE, c.fields), c.family == mf::ec20);
+        run_worker(request_bytes(CODE_FOTA, c.fields), c.family == mf::ec20);
         EXPECT_EQ(client.frames(), c.frames + " download end|" + UPDATED);
         auto record = port->module().wait_for_command(c.command, 1000);
         EXPECT_EQ(record ? record->body : "<none>", img);
