@@ -18,14 +18,14 @@ void run(benchmark::State &st, const at_member &m, const char *cmd, const char *
     at_port port;
     port.start_rx();
     for (auto _ : st) {
-        int result = 1;
-        std::thread caller([&] { result = at_transaction(m, cmd, 0); });
+        bool ok = false;
+        std::thread caller([&] { ok = at_transaction(m, cmd).ok(); });
         port.module_reads("\n", 1000);
         auto sent = std::chrono::steady_clock::now();
         port.module_says(answer);
         caller.join();
         auto done = std::chrono::steady_clock::now();
-        if (result != 0) {
+        if (!ok) {
             st.SkipWithError("transaction failed");
             break;
         }

@@ -7,7 +7,7 @@
 
 #include "at/serial.h"
 #include "core/daemon_state.h"
-#include "core/report.h"
+#include "core/outcome.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -35,10 +35,10 @@ void rings_reset();
 // Writes a command (with its own line end) or raw bytes to the AT port: the
 // length, or -1 (also while the port is closed).
 int at_send(const char *cmd, size_t len);
-// The reply to a write that failed: status 13 when the module is not ready
+// The outcome of a write that failed: status 13 when the module is not ready
 // (it left the bus: the failed write may be the first sign), else status 1
 // "at send error!".
-void at_report_send_failure(int code);
+op_outcome at_send_failure(int code);
 // Closes the port (`at_fd` -1) once no write is under way; the receive thread
 // must be stopped first. The supervisor's alone.
 void at_port_close();
@@ -157,17 +157,25 @@ struct at_heard : at_judgement {
 // lines passed over vanish and unsolicited ones go to urc_ring in the order
 // they came. Returns the line's verdict, or timed_out.
 at_verdict at_wait(const at_rules &r, int64_t deadline_ms, at_heard *h);
-// Ends the exchange after the line that ended its wait, once the exchange has
-// reported: that line to urc_ring first when it is passed on, then at_finish.
+// Ends the exchange after the line that ended its wait: that line to urc_ring
+// first when it is passed on, then at_finish. On a thread that holds passed-on
+// lines, such an exchange stays open until at_settle().
 void at_end(const at_heard &h);
+// A request worker replies after its operation has returned, yet the client
+// must get the reply before the event its last line makes (the common thread's
+// "NO CARRIER" or module error): with `on`, the calling thread's exchanges that
+// end on a passed-on line stay open, still collecting, so that no later line
+// overtakes it, until at_settle() or the thread's next exchange ends them.
+void at_hold_passed_on(bool on);
+void at_settle();
 
 // ---- the transaction frame: one command, one answer ----
 using at_info = void (*)(const char *line, void *ctx);
 
 constexpr size_t AT_MEMBER_ROWS = 4; // "OK", the result, a line that also ends, an answer line
 
-// One row of the AT command family: the rows its answer is read by, and how
-// it reports.
+// One row of the AT command family: the rows its answer is read by, and the
+// code its outcome answers.
 struct at_member {
     int report_code;
     uint32_t timeout_ms;
@@ -176,7 +184,6 @@ struct at_member {
     uint8_t errors; // at_errors
     // Every line no rule takes is part of the answer, joined by ','; "OK" ends it.
     bool collects;
-    bool send_error_always_reported; // "at send error!" even when report is 0
     at_info info; // given the lines of an answer row while the wait goes on
 
     constexpr at_rules rules() const {
@@ -191,11 +198,6 @@ struct at_member {
     constexpr at_member with_errors(uint8_t e) const {
         at_member m = *this;
         m.errors = e;
-        return m;
-    }
-    constexpr at_member send_error_always() const {
-        at_member m = *this;
-        m.send_error_always_reported = true;
         return m;
     }
     // A line that also ends the wait through the parse step and is then passed
@@ -213,7 +215,7 @@ struct at_member {
 
 // A member that reads its answer by the rows added to it.
 constexpr at_member at_member_reading(int code, uint32_t timeout_ms, uint8_t errors) {
-    return {code, timeout_ms, {}, 0, errors, false, false, nullptr};
+    return {code, timeout_ms, {}, 0, errors, false, nullptr};
 }
 // "OK" ends; every error line fails.
 constexpr at_member at_setter(int code, uint32_t timeout_ms) {
@@ -246,21 +248,16 @@ constexpr at_member at_collect_until_ok(int code, uint32_t timeout_ms) {
     return m;
 }
 
-// What a member's parse step makes of its success line.
-struct at_outcome {
-    int result;         // the member's return value
-    int status;         // reported status
-    bool has_text;
-    bool always_report; // report even when the caller asked for silence
-    char text[REPLY_TEXT_MAX + 1];
-};
-using at_parse = void (*)(const char *line, at_outcome *out, void *ctx);
+// What a member's parse step makes of its success line: it starts as status
+// 0 without text under the member's code.
+using at_parse = void (*)(const char *line, op_outcome *out, void *ctx);
 
 // Runs one exchange: send `cmd`, wait for the member's ending line or its
-// time-out, parse, report when `report` is set. Returns the outcome's result,
-// or -1 on an error line, time-out or send failure.
-int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse parse = nullptr,
-                   void *ctx = nullptr);
+// time-out, parse. Returns the outcome: the parse step's, status 1 on an
+// error line (no text) or the time-out ("time out!"), at_send_failure's when
+// the command could not be written.
+op_outcome at_transaction(const at_member &m, const char *cmd, at_parse parse = nullptr,
+                          void *ctx = nullptr);
 
 // ---- the right to use the port ----
 // One exchange at a time: a request worker (for its whole life), the

@@ -1,5 +1,7 @@
 #include "at/at.h"
 
+#include "core/report.h"
+
 #include <cstring>
 
 namespace {
@@ -107,6 +109,7 @@ void line_deliver(const char *line) {
 
 void at_begin() {
     daemon_state &s = state();
+    at_settle();
     {
         lock_hold hold(&s.line_lock);
         ring_clear(s.resp_ring);

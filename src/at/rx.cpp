@@ -27,11 +27,11 @@ int at_send(const char *cmd, size_t len) {
     return written;
 }
 
-void at_report_send_failure(int code) {
-    if (module_ready())
-        client_report(code, STATUS_FAIL, "at send error!");
-    else
-        client_report(code, STATUS_NOT_READY, nullptr);
+op_outcome at_send_failure(int code) {
+    op_outcome o = module_ready() ? outcome(code, STATUS_FAIL, "at send error!")
+                                  : outcome(code, STATUS_NOT_READY);
+    o.unsent = true;
+    return o;
 }
 
 void at_port_close() {

@@ -23,19 +23,18 @@ void collect(char (&text)[100], size_t &used, const char *line) {
     text[used] = '\0';
 }
 
-// Parses the ending line and reports the outcome; the caller finishes.
-int settle(const at_member &m, const char *line, uint8_t report, at_parse parse, void *ctx) {
-    at_outcome out;
-    out.result = 0;
-    out.status = STATUS_OK;
-    out.has_text = false;
-    out.always_report = false;
-    out.text[0] = '\0';
+// A request worker's exchange whose ending line is the common thread's as well
+// (a "NO CARRIER" to ATA, a module error), held open until the reply is out.
+thread_local bool t_hold_passed_on = false;
+thread_local bool t_held = false;
+thread_local at_heard t_held_end;
+
+// Parses the ending line into the outcome; the caller finishes.
+op_outcome settle(const at_member &m, const char *line, at_parse parse, void *ctx) {
+    op_outcome out = outcome(m.report_code, STATUS_OK);
     if (parse != nullptr)
         parse(line, &out, ctx);
-    if (report || out.always_report)
-        client_report(m.report_code, out.status, out.has_text ? out.text : nullptr);
-    return out.result;
+    return out;
 }
 
 } // namespace
@@ -82,18 +81,32 @@ at_verdict at_wait(const at_rules &r, int64_t deadline_ms, at_heard *h) {
 }
 
 void at_end(const at_heard &h) {
+    if (h.pass_on && t_hold_passed_on) {
+        // Still collecting meanwhile: no later line can overtake this one.
+        t_held_end = h;
+        t_held = true;
+        return;
+    }
     if (h.pass_on)
         urc_push(h.line);
     at_finish();
 }
 
-int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse parse,
-                   void *ctx) {
-    if (!at_start(cmd, strlen(cmd))) {
-        if (report || m.send_error_always_reported)
-            at_report_send_failure(m.report_code);
-        return -1;
-    }
+void at_hold_passed_on(bool on) { t_hold_passed_on = on; }
+
+void at_settle() {
+    if (!t_held)
+        return;
+    t_held = false;
+    const bool hold = t_hold_passed_on;
+    t_hold_passed_on = false;
+    at_end(t_held_end);
+    t_hold_passed_on = hold;
+}
+
+op_outcome at_transaction(const at_member &m, const char *cmd, at_parse parse, void *ctx) {
+    if (!at_start(cmd, strlen(cmd)))
+        return at_send_failure(m.report_code);
     const at_rules rules = m.rules();
     const int64_t deadline = monotonic_ms() + m.timeout_ms;
     char collected[100] = {};
@@ -109,20 +122,16 @@ int at_transaction(const at_member &m, const char *cmd, uint8_t report, at_parse
                 m.info(h.line, ctx);
             break;
         case at_verdict::success: {
-            int result = settle(m, m.collects ? collected : h.line, report, parse, ctx);
+            op_outcome out = settle(m, m.collects ? collected : h.line, parse, ctx);
             at_end(h);
-            return result;
+            return out;
         }
         case at_verdict::failure:
-            if (report)
-                client_report(m.report_code, STATUS_FAIL, nullptr);
             at_end(h);
-            return -1;
+            return outcome(m.report_code, STATUS_FAIL);
         default:
-            if (report)
-                client_report(m.report_code, STATUS_FAIL, "time out!");
             at_finish();
-            return -1;
+            return outcome(m.report_code, STATUS_FAIL, "time out!");
         }
     }
 }

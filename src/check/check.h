@@ -4,6 +4,7 @@
 // program, and asks the supervisor for a module reset when that keeps failing.
 #pragma once
 
+#include "core/outcome.h"
 #include "module/module.h"
 
 #include <cstddef>
@@ -81,6 +82,12 @@ bool check_round(check_counters &c, const check_env &env);
 // time-outs (by its defaults 10 s for one server, 28 s for three, twice that
 // when a search domain adds a second name; resolv.conf's options shorten it).
 void check_thread_stop();
+
+// Where the check thread sends the frames the client gets although it did not
+// ask: a port that cannot be written when the EC20 re-assertion asks for the
+// network device's state (191, as at_send_failure says). Set before the first
+// check thread starts.
+void check_frames_to(const reply_sink &sink);
 
 // Thread entry; `arg` is the supervisor's const module_paths *. Returns only
 // after giving up, with `module_reset_request` raised.

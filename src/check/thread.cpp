@@ -14,6 +14,9 @@
 
 namespace {
 
+// Set at start-up, before any check thread exists.
+reply_sink g_client_frames;
+
 // ---- the real world of the thread ----
 
 // Returns once the call is over or at the deadline. pthread_cond_timedwait
@@ -56,14 +59,19 @@ template <typename F> int with_port(F exchange) {
 int reassert(link_reassert how) {
     switch (how) {
     case link_reassert::network_device:
-        return with_port([] { return set_qnetdevctl(1, 1, 0); });
+        return with_port([] { return set_qnetdevctl(1, 1).ok() ? 0 : -1; });
     case link_reassert::data_call:
         return with_port([] {
-            if (get_qnetdevstatus(0) == 1)
+            bool up = false;
+            op_outcome status = get_qnetdevstatus(&up);
+            // A port that cannot be written is news the client gets even unasked.
+            if (status.unsent)
+                g_client_frames(status);
+            if (up)
                 return 0;
             // The deactivation clears a half-up call that would refuse the activation.
-            set_qcrmcall(0, 1, 0);
-            return set_qcrmcall(1, 1, 0);
+            set_qcrmcall(0, 1);
+            return set_qcrmcall(1, 1).ok() ? 0 : -1;
         });
     }
     return -1;
@@ -88,6 +96,8 @@ bool keep_app_running(check_counters &c, const check_env &env) {
 }
 
 } // namespace
+
+void check_frames_to(const reply_sink &sink) { g_client_frames = sink; }
 
 check_env check_env_real(const module_paths *paths) {
     check_env env;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "core/frames.h"
+#include "core/outcome.h"
 #include "core/report.h"
 
 #include <cstddef>
@@ -36,8 +37,8 @@ struct worker_request {
 void *request_worker(void *request_copy);
 
 // The two operations that exist only for the client.
-int set_sms_call_defaults();
-int voice_dial(const char *number);
+op_outcome set_sms_call_defaults();
+op_outcome voice_dial(const char *number);
 
 // Who may be a client: root, the daemon's own user, and, when the configuration
 // names a client_group, its members by primary or supplementary group. Any

@@ -193,16 +193,16 @@ struct local_code {
 };
 
 const local_code LOCAL_CODES[] = {
-    {901, [](const request_frame &) { restart_module(); }},
-    {911, [](const request_frame &f) { reply(f.code, STATUS_OK, BANNER); }},
-    {912, [](const request_frame &f) { connection_state(f.code); }},
-    {913, statistics},
-    {501, auto_dial_switch},
-    {521, apn_setting},
-    {522, check_switch},
-    {523, ping_setting},
-    {524, check_period},
-    {525, down_script_setting, true},
+    {CODE_RESTART, [](const request_frame &) { restart_module(); }},
+    {CODE_VERSION, [](const request_frame &f) { reply(f.code, STATUS_OK, BANNER); }},
+    {CODE_STATE, [](const request_frame &f) { connection_state(f.code); }},
+    {CODE_STATS, statistics},
+    {CODE_AUTO_DIAL, auto_dial_switch},
+    {CODE_APN, apn_setting},
+    {CODE_AUTO_CHECK, check_switch},
+    {CODE_PING_ADDRESS, ping_setting},
+    {CODE_CHECK_PERIOD, check_period},
+    {CODE_DOWN_SCRIPT, down_script_setting, true},
 };
 
 // A worker's replies go to the client that sent its request, or nowhere.
@@ -371,7 +371,7 @@ void handle_subscriber_request(const uint8_t *buf, size_t len, int slot) {
         return; // not ours: no reply at all
     g_answer_slot = slot;
     // Subscribers look, they do not steer: only the codes that change nothing.
-    if (f.code == 911 || f.code == 912 || f.code == 913)
+    if (f.code == CODE_VERSION || f.code == CODE_STATE || f.code == CODE_STATS)
         handle_request(buf, len, client_peer{});
     else
         reply(f.code, STATUS_NOT_SERVED);

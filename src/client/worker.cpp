@@ -22,45 +22,47 @@ namespace {
 // The digit of field 1: its first character minus '0'.
 int32_t digit(const request_frame &f) { return static_cast<int32_t>(f.fields[0][0] - '0'); }
 
-void passthrough_switch(const request_frame &f) {
+// The client interface is the one place outcomes become reply frames.
+void reply(const op_outcome &o) {
+    if (o.status != STATUS_NONE)
+        client_report(o.code, o.status, o.reply_text());
+}
+void reply_now(const op_outcome &o, void *) { reply(o); }
+const reply_sink TO_CLIENT{reply_now, nullptr};
+
+op_outcome passthrough_switch(const request_frame &f) {
     state().at_passthrough.store(f.fields[0][0] == '0' ? 0 : 1, std::memory_order_release);
-    client_report(f.code, STATUS_OK, nullptr);
+    return outcome(f.code, STATUS_OK);
 }
 
-void raw_at_line(const request_frame &f) {
+op_outcome raw_at_line(const request_frame &f) {
     daemon_state &s = state();
-    if (s.at_passthrough.load(std::memory_order_acquire) != 1) {
-        client_report(f.code, STATUS_PASSTHROUGH_OFF, nullptr);
-        return;
-    }
+    if (s.at_passthrough.load(std::memory_order_acquire) != 1)
+        return outcome(f.code, STATUS_PASSTHROUGH_OFF);
     size_t len = strlen(f.fields[1]);
-    if (len > FIELD_SIZE - 3) {
-        client_report(f.code, STATUS_BAD_PARAM, nullptr);
-        return;
-    }
+    if (len > FIELD_SIZE - 3)
+        return outcome(f.code, STATUS_BAD_PARAM);
     char line[FIELD_SIZE];
     memcpy(line, f.fields[1], len);
     memcpy(line + len, "\r\n", 3);
     // The answer comes back line by line as pass-through events.
     if (at_send(line, len + 2) == -1)
-        at_report_send_failure(f.code);
+        return at_send_failure(f.code);
+    return outcome(f.code, STATUS_NONE);
 }
 
-void speak(const request_frame &f) {
-    if (f.fields[0][0] == '0') {
-        play_tts(0, "");
-    } else if (f.field_count < 2) {
-        client_report(f.code, STATUS_BAD_PARAM, nullptr);
-    } else {
-        play_tts(1, f.fields[1]);
-    }
+op_outcome speak(const request_frame &f) {
+    if (f.fields[0][0] == '0')
+        return play_tts(0, "");
+    if (f.field_count < 2)
+        return outcome(f.code, STATUS_BAD_PARAM);
+    return play_tts(1, f.fields[1]);
 }
 
-void location_config(const request_frame &f) {
+op_outcome location_config(const request_frame &f) {
     if (f.fields[0][0] == '1' && f.field_count < 3)
-        client_report(f.code, STATUS_BAD_PARAM, nullptr);
-    else
-        lbs_config(f.fields[0][0] == '1' ? 1 : 0, f.fields[1], f.fields[2]);
+        return outcome(f.code, STATUS_BAD_PARAM);
+    return lbs_config(f.fields[0][0] == '1' ? 1 : 0, f.fields[1], f.fields[2]);
 }
 
 // The validity octet of a 251 request, in decimal; -1, which the operation
@@ -78,9 +80,9 @@ int validity_field(const char *field) {
     return field[0] == '\0' ? -1 : v;
 }
 
-void send_sms_pdu(const request_frame &f) {
-    sms_send_pdu(f.fields[0][0] != '0', f.fields[1], f.fields[2], f.fields[3],
-                 validity_field(f.fields[4]), f.fields[5][0] != '0');
+op_outcome send_sms_pdu(const request_frame &f) {
+    return sms_send_pdu(f.fields[0][0] != '0', f.fields[1], f.fields[2], f.fields[3],
+                        validity_field(f.fields[4]), f.fields[5][0] != '0', TO_CLIENT);
 }
 
 // A whole-number field; a text that is no number gives 0, which the update
@@ -90,13 +92,11 @@ int64_t integer_field(const char *field) {
     return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : v;
 }
 
-void firmware_update(const request_frame &f, const client_peer &peer) {
+op_outcome firmware_update(const request_frame &f, const client_peer &peer) {
     const int mode = digit(f);
     const family_fota &fw = current_family().fota;
-    if (mode == 0 && !fw.takes_file) {
-        client_report(f.code, STATUS_BAD_PARAM, nullptr);
-        return;
-    }
+    if (mode == 0 && !fw.takes_file)
+        return outcome(f.code, STATUS_BAD_PARAM);
     int chunk = fw.chunk_size;
     int64_t pause_us = fw.chunk_pause_us;
     // Only a family that takes a file is paced by the client.
@@ -104,61 +104,62 @@ void firmware_update(const request_frame &f, const client_peer &peer) {
         chunk = static_cast<int>(integer_field(f.fields[2]));
         pause_us = integer_field(f.fields[3]) * 1000;
     }
-    fota_update(mode, f.fields[1], chunk, pause_us, peer);
+    return fota_update(mode, f.fields[1], chunk, pause_us, peer, TO_CLIENT);
 }
 
 struct worker_code {
     uint16_t code;
     int min_fields; // fewer answer status 10
-    void (*run)(const request_frame &f);
+    op_outcome (*run)(const request_frame &f);
     // Instead of run, for a code that acts for the client as who it is.
-    void (*run_as)(const request_frame &f, const client_peer &peer) = nullptr;
+    op_outcome (*run_as)(const request_frame &f, const client_peer &peer) = nullptr;
 };
 
-// What each code runs. Operations send their own replies. A code that only
-// some families serve is answered 20 on the others (family_serves).
+// What each code runs; its outcome is the reply. A code that only some
+// families serve is answered 20 on the others (family_serves).
 const worker_code WORKER_CODES[] = {
-    {51, 0, [](const request_frame &) { get_ati(1); }},
-    {52, 0, [](const request_frame &) { get_gsn(1); }},
-    {101, 0, [](const request_frame &) { get_cimi(1); }},
-    {102, 0, [](const request_frame &) { get_csq(1); }},
-    {103, 0, [](const request_frame &) { get_cops(1); }},
-    {110, 1, [](const request_frame &f) { set_creg(digit(f), 1); }},
-    {111, 0, [](const request_frame &) { get_creg(); }},
-    {190, 1, [](const request_frame &f) { set_qnetdevstatus(digit(f), 1); }},
-    {191, 0, [](const request_frame &) { get_qnetdevstatus(1); }},
-    {201, 0, [](const request_frame &) { get_csca(1); }},
-    {231, 1, [](const request_frame &f) { set_cmgf(digit(f), 1); }},
-    {232, 1, [](const request_frame &f) { set_csms(digit(f), 1); }},
-    {233, 1, [](const request_frame &f) { set_cnmi(digit(f), 1); }},
-    {234, 1, [](const request_frame &f) { set_colp(digit(f), 1); }},
-    {235, 1, [](const request_frame &f) { set_qtonedet(digit(f), 1); }},
-    {236, 1, [](const request_frame &f) { set_clip(digit(f), 1); }},
-    {237, 1, [](const request_frame &f) { set_cscs(f.fields[0], 1); }},
-    {238, 1, [](const request_frame &f) { set_ate(digit(f), 1); }},
-    {251, 6, [](const request_frame &f) { send_sms_pdu(f); }},
-    {252, 2, [](const request_frame &f) { sms_send_text(f.fields[0], f.fields[1]); }},
-    {301, 0, [](const request_frame &) { set_sms_call_defaults(); }},
-    {302, 0, [](const request_frame &) { answer_call(); }},
-    {303, 0, [](const request_frame &) { hang_up(); }},
-    {304, 1, [](const request_frame &f) { voice_dial(f.fields[0]); }},
-    {310, 1, [](const request_frame &f) { speak(f); }},
-    {351, 0,
+    {CODE_GET_ATI, 0, [](const request_frame &) { return get_ati(); }},
+    {CODE_GET_GSN, 0, [](const request_frame &) { return get_gsn(); }},
+    {CODE_GET_CIMI, 0, [](const request_frame &) { return get_cimi(); }},
+    {CODE_GET_CSQ, 0, [](const request_frame &) { return get_csq(); }},
+    {CODE_GET_COPS, 0, [](const request_frame &) { return get_cops(); }},
+    {CODE_SET_CREG, 1, [](const request_frame &f) { return set_creg(digit(f)); }},
+    {CODE_GET_CREG, 0, [](const request_frame &) { return get_creg(); }},
+    {CODE_SET_QNETDEVSTATUS, 1, [](const request_frame &f) { return set_qnetdevstatus(digit(f)); }},
+    {CODE_GET_QNETDEVSTATUS, 0, [](const request_frame &) { return get_qnetdevstatus(); }},
+    {CODE_GET_CSCA, 0, [](const request_frame &) { return get_csca(); }},
+    {CODE_SET_CMGF, 1, [](const request_frame &f) { return set_cmgf(digit(f)); }},
+    {CODE_SET_CSMS, 1, [](const request_frame &f) { return set_csms(digit(f)); }},
+    {CODE_SET_CNMI, 1, [](const request_frame &f) { return set_cnmi(digit(f)); }},
+    {CODE_SET_COLP, 1, [](const request_frame &f) { return set_colp(digit(f)); }},
+    {CODE_SET_QTONEDET, 1, [](const request_frame &f) { return set_qtonedet(digit(f)); }},
+    {CODE_SET_CLIP, 1, [](const request_frame &f) { return set_clip(digit(f)); }},
+    {CODE_SET_CSCS, 1, [](const request_frame &f) { return set_cscs(f.fields[0]); }},
+    {CODE_SET_ATE, 1, [](const request_frame &f) { return set_ate(digit(f)); }},
+    {CODE_SMS_SEND_PDU, 6, [](const request_frame &f) { return send_sms_pdu(f); }},
+    {CODE_SMS_SEND_TEXT, 2,
+     [](const request_frame &f) { return sms_send_text(f.fields[0], f.fields[1]); }},
+    {CODE_SMS_CALL_DEFAULTS, 0, [](const request_frame &) { return set_sms_call_defaults(); }},
+    {CODE_ANSWER_CALL, 0, [](const request_frame &) { return answer_call(); }},
+    {CODE_HANG_UP, 0, [](const request_frame &) { return hang_up(); }},
+    {CODE_VOICE_DIAL, 1, [](const request_frame &f) { return voice_dial(f.fields[0]); }},
+    {CODE_PLAY_TTS, 1, [](const request_frame &f) { return speak(f); }},
+    {CODE_SET_QICSGP, 0,
      [](const request_frame &) {
          apn_settings apn = apn_snapshot();
-         set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth, 1);
+         return set_qicsgp(1, 1, apn.name, apn.user, apn.passwd, apn.auth);
      }},
-    {352, 0, [](const request_frame &) { set_qideact(1, 1); }},
-    {353, 0, [](const request_frame &) { set_qiact(1, 1); }},
-    {360, 1, [](const request_frame &f) { set_qnetdevctl(digit(f), 1, 1); }},
-    {362, 1, [](const request_frame &f) { set_qcrmcall(digit(f), 1, 1); }},
-    {370, 0, [](const request_frame &) { dial(current_family(), 1); }},
-    {401, 1, [](const request_frame &f) { passthrough_switch(f); }},
-    {402, 2, [](const request_frame &f) { raw_at_line(f); }},
-    {451, 2, [](const request_frame &f) { location_config(f); }},
-    {452, 0, [](const request_frame &) { get_qlbs(); }},
-    {551, 1, [](const request_frame &f) { set_usbifc(digit(f), 1); }},
-    {561, 2, nullptr, firmware_update},
+    {CODE_SET_QIDEACT, 0, [](const request_frame &) { return set_qideact(1); }},
+    {CODE_SET_QIACT, 0, [](const request_frame &) { return set_qiact(1); }},
+    {CODE_SET_QNETDEVCTL, 1, [](const request_frame &f) { return set_qnetdevctl(digit(f), 1); }},
+    {CODE_SET_QCRMCALL, 1, [](const request_frame &f) { return set_qcrmcall(digit(f), 1); }},
+    {CODE_DIAL, 0, [](const request_frame &) { return dial(current_family()); }},
+    {CODE_PASSTHROUGH, 1, [](const request_frame &f) { return passthrough_switch(f); }},
+    {CODE_AT_LINE, 2, [](const request_frame &f) { return raw_at_line(f); }},
+    {CODE_LBS_CONFIG, 2, [](const request_frame &f) { return location_config(f); }},
+    {CODE_GET_QLBS, 0, [](const request_frame &) { return get_qlbs(); }},
+    {CODE_SET_USBIFC, 1, [](const request_frame &f) { return set_usbifc(digit(f)); }},
+    {CODE_FOTA, 2, nullptr, firmware_update},
 };
 
 #ifdef ZOLVIN_ASAN
@@ -195,20 +196,22 @@ void run_request(const worker_request &raw) {
     request_frame f;
     if (request_parse(raw.bytes, raw.len, &f) != 0 || f.oversize_field)
         return; // an oversize field ends the request without a reply
-    if (f.code != 401 && f.code != 402)
+    if (f.code != CODE_PASSTHROUGH && f.code != CODE_AT_LINE)
         state().at_passthrough.store(0, std::memory_order_release);
     for (const worker_code &c : WORKER_CODES) {
         if (c.code != f.code || !family_serves(current_family(), f.code))
             continue;
         if (f.field_count < c.min_fields)
-            client_report(f.code, STATUS_BAD_PARAM, nullptr);
+            reply(outcome(f.code, STATUS_BAD_PARAM));
         else if (c.run_as != nullptr)
-            c.run_as(f, raw.peer);
+            reply(c.run_as(f, raw.peer));
         else
-            c.run(f);
+            reply(c.run(f));
+        // The events of the exchange's last line follow the reply.
+        at_settle();
         return;
     }
-    client_report(f.code, STATUS_UNKNOWN_CODE, nullptr);
+    reply(outcome(f.code, STATUS_UNKNOWN_CODE));
 }
 
 } // namespace
@@ -217,53 +220,48 @@ WORKER_FRAME_UNGUARDED void *request_worker(void *request_copy) {
     pthread_setname_np(pthread_self(), "zolvin_worker");
     // A worker cancelled by a restart request still gives the AT port back.
     pthread_cleanup_push(cleanup, nullptr);
+    at_hold_passed_on(true);
     run_request(*static_cast<const worker_request *>(request_copy));
+    at_hold_passed_on(false);
     pthread_cleanup_pop(1);
     return nullptr;
 }
 
-int set_sms_call_defaults() {
+op_outcome set_sms_call_defaults() {
     struct step {
         const char *name;
-        int (*run)();
+        op_outcome (*run)();
     };
     static const step STEPS[] = {
-        {"set_cscs", [] { return set_cscs("GSM", 0); }},
-        {"set_cmgf", [] { return set_cmgf(0, 0); }},
-        {"set_csms", [] { return set_csms(0, 0); }},
-        {"set_cnmi", [] { return set_cnmi(2, 0); }},
-        {"set_colp", [] { return set_colp(1, 0); }},
-        {"set_clip", [] { return set_clip(1, 0); }},
+        {"set_cscs", [] { return set_cscs("GSM"); }},
+        {"set_cmgf", [] { return set_cmgf(0); }},
+        {"set_csms", [] { return set_csms(0); }},
+        {"set_cnmi", [] { return set_cnmi(2); }},
+        {"set_colp", [] { return set_colp(1); }},
+        {"set_clip", [] { return set_clip(1); }},
     };
-    set_ate(0, 0);
+    set_ate(0);
     for (const step &st : STEPS) {
-        if (st.run() < 0) {
-            client_report(301, STATUS_FAIL, st.name);
-            return -1;
-        }
+        if (!st.run().ok())
+            return outcome(CODE_SMS_CALL_DEFAULTS, STATUS_FAIL, st.name);
     }
-    client_report(301, STATUS_OK, nullptr);
-    return 0;
+    return outcome(CODE_SMS_CALL_DEFAULTS, STATUS_OK);
 }
 
-int voice_dial(const char *number) {
+op_outcome voice_dial(const char *number) {
     daemon_state &s = state();
     char line[50];
     // The number stands bare after "ATD": a quote, a control byte or a ';'
     // would let it carry commands of its own.
-    if (strlen(number) > 43 || !at_bare_text_ok(number)) {
-        client_report(304, STATUS_BAD_PARAM, nullptr);
-        return -1;
-    }
+    if (strlen(number) > 43 || !at_bare_text_ok(number))
+        return outcome(CODE_VOICE_DIAL, STATUS_BAD_PARAM);
     s.at_passthrough.store(0, std::memory_order_release);
     int n = text_format(line, sizeof line, "ATD%s;\r\n", number);
     call_active_set(1);
     // Not a transaction: the module's answers come as call events.
     if (at_send(line, static_cast<size_t>(n)) == -1) {
         call_active_set(0);
-        at_report_send_failure(304);
-        return -1;
+        return at_send_failure(CODE_VOICE_DIAL);
     }
-    client_report(304, STATUS_OK, nullptr);
-    return 0;
+    return outcome(CODE_VOICE_DIAL, STATUS_OK);
 }

@@ -3,6 +3,8 @@
 // `client_report` (core/report.h).
 #pragma once
 
+#include "core/codes.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <sys/socket.h>
@@ -35,21 +37,6 @@ enum : int {
     STATUS_NOT_READY = 13,
     STATUS_NOT_SERVED = 14, // not allowed to this client, or not served on this socket
     STATUS_UNKNOWN_CODE = 20,
-};
-
-// Codes of frames the daemon sends unprompted (and the late completions).
-enum : int {
-    EVENT_AT_LINE = 402,
-    EVENT_FOTA_DONE = 561,
-    EVENT_RESTARTED = 901,
-    EVENT_CALL = 1001,
-    EVENT_TTS_DONE = 1011,
-    EVENT_TONE = 1021,
-    EVENT_SMS = 1031,
-    EVENT_SMS_REPORT = 1032,
-    EVENT_SMS_PART = 1033, // a piece of a record longer than one frame; status: pieces to come
-    EVENT_MODULE = 1101, // status 1: the module left the bus; 0: it is back
-    EVENT_MODULE_ERROR = 1201,
 };
 
 struct request_frame {

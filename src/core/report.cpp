@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr int FIRST_EVENT_CODE = 1000;
-
 // The generation the calling thread's replies belong to; 0: unbound.
 thread_local uint32_t t_reply_generation = 0;
 // The last generation handed out; changed under client_lock for writing.

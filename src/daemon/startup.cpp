@@ -1,6 +1,7 @@
 #include "daemon/startup.h"
 
 #include "at/at.h"
+#include "check/check.h"
 #include "client/client.h"
 #include "core/config.h"
 #include "core/daemon_state.h"
@@ -20,6 +21,9 @@
 
 namespace {
 pthread_attr_t g_thread_attr;
+
+// The frames the client gets from the daemon's own work, unasked.
+void to_client(const op_outcome &o, void *) { client_report(o.code, o.status, o.reply_text()); }
 } // namespace
 
 void parse_command_line(int argc, char **argv) {
@@ -66,6 +70,8 @@ int daemon_main(int argc, char **argv) {
             s.ping_disabled.store(0, std::memory_order_release);
     }
 
+    check_frames_to({to_client, nullptr});
+
     pthread_attr_init(&g_thread_attr);
     pthread_attr_setstacksize(&g_thread_attr, THREAD_STACK_SIZE);
 
@@ -91,9 +97,9 @@ int daemon_main(int argc, char **argv) {
         event_report(EVENT_RESTARTED, STATUS_OK, nullptr);
     // A client's worker may already own the port: the identity is then not logged.
     if (s.debug.load(std::memory_order_acquire) && port_work_begin()) {
-        if (get_ati(0) == 0)
+        if (get_ati().ok())
             log_printf("Module: %s\n", s.module_model);
-        if (get_gsn(0) == 0)
+        if (get_gsn().ok())
             log_printf("Module imei: %s\n", s.module_imei);
         port_work_end();
     }

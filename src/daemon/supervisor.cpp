@@ -365,11 +365,11 @@ int64_t module_step(supervisor &sv, int64_t now) {
 
 void log_sim_state() {
     daemon_state &s = state();
-    if (get_cimi(0) == 0) {
+    if (get_cimi().ok()) {
         log_printf("Sim imsi: %s\n", s.sim_imsi);
-        if (get_cops(0) == 0)
+        if (get_cops().ok())
             log_printf("COPS: %s\n", s.operator_name);
-        if (get_csq(0) == 0)
+        if (get_csq().ok())
             log_printf("Signal: %s\n", s.signal_rssi);
     } else {
         log_printf("Sim status: SIM_ABSENT\n");
@@ -393,9 +393,9 @@ int64_t dial_action(supervisor &sv) {
     const module_family &family = current_family();
     if (s.debug.load(std::memory_order_acquire))
         log_sim_state();
-    int result = dial(family, 0);
+    bool dialled = dial(family).ok();
     s.dial_in_progress.store(0, std::memory_order_release);
-    if (result == 0) {
+    if (dialled) {
         s.connected.store(1, std::memory_order_release);
         stats_link_up(monotonic_ms());
         sv.next_dial_ms = 0;

@@ -2,17 +2,17 @@
 // AT+QFOTADL (a local file the daemon pushes through the AT port, for the
 // families that take one, or an HTTP/FTP URL it fetches itself), and the update is
 // followed as one long transaction through its start, download and update
-// phases, reported to the client under code 561. What happens after the
+// phases, its frames under code 561. What happens after the
 // module reboots (re-opening the port, the final event) is the supervisor's,
 // told through the fota_* flags of daemon_state.
 #pragma once
 
 #include "core/family.h"
+#include "core/outcome.h"
 #include "core/report.h"
 
 #include <cstdint>
 
-constexpr int FOTA_CODE = 561;
 constexpr int FOTA_CHUNK_MAX = 1500; // the read buffer; larger requests are cut to it
 
 // The time limits of the phases. The daemon uses the defaults; tests shorten them.
@@ -30,13 +30,16 @@ struct fota_limits {
 // `source` in chunks of `chunk_size` bytes with `chunk_delay_us` after each,
 // any other mode has the module fetch the URL `source`. The file is read as
 // root for `peer`, the client, so it must be a regular file that the client
-// could read itself; any other is "file not found!". Reports every step
-// under 561 (progress status 5, failure status 1, refused request status 10).
-// Returns 0 once the update ended or was handed to the supervisor as success,
-// -1 otherwise; a failure after the module was told raises
-// module_reset_request. The caller holds the AT port.
-int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
-                const client_peer &peer, const fota_limits &limits = fota_limits());
+// could read itself; any other is "file not found!". Every frame under 561
+// goes to `replies` as it happens (progress status 5, a failure status 1) and
+// the outcome then owes none (STATUS_NONE); only a refused request (status 10)
+// and a command that could not be written are the outcome itself. A failure
+// after the module was told raises module_reset_request once its frame is out;
+// success hands the module to the supervisor (fota_done). The caller holds the
+// AT port.
+op_outcome fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
+                       const client_peer &peer, const reply_sink &replies,
+                       const fota_limits &limits = fota_limits());
 
 // What the update makes of one module line in one of its phases. Pure: the
 // caller carries out the report, the hand-over and the supervisor's word.

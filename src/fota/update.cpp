@@ -85,7 +85,14 @@ at_rules phase_rules(fota_phase phase, const fota_variant &v) {
     }
 }
 
-void report(int status, const char *text) { client_report(FOTA_CODE, status, text); }
+// Where the update's frames go, each as it happens: the requester's stream.
+struct update_reply {
+    reply_sink replies;
+};
+
+void report(update_reply &r, int status, const char *text) {
+    r.replies(outcome(CODE_FOTA, status, text));
+}
 
 // What the update makes of a line as the engine judged it.
 step reading(const at_judgement &j, const char *line, const fota_variant &v, fota_line *out) {
@@ -132,11 +139,11 @@ step reading(const at_judgement &j, const char *line, const fota_variant &v, fot
 }
 
 // Carries out what a line of the phase asks for.
-step take_line(const at_heard &h, const fota_variant &v) {
+step take_line(const at_heard &h, const fota_variant &v, update_reply &r) {
     fota_line out;
     step s = reading(h, h.line, v, &out);
     if (out.status >= 0)
-        report(out.status, out.text);
+        report(r, out.status, out.text);
     if (out.unsolicited)
         urc_push(h.line);
     if (out.download_told) {
@@ -149,15 +156,15 @@ step take_line(const at_heard &h, const fota_variant &v) {
 
 // The start and download phases end on their first line that is not passed
 // over or unsolicited; `waiting` when the deadline came first.
-step phase_wait(fota_phase phase, const fota_variant &v, int64_t deadline_ms) {
+step phase_wait(fota_phase phase, const fota_variant &v, int64_t deadline_ms, update_reply &r) {
     at_heard h;
     if (at_wait(phase_rules(phase, v), deadline_ms, &h) == at_verdict::timed_out)
         return step::waiting;
-    return take_line(h, v);
+    return take_line(h, v, r);
 }
 
-step timed_out() {
-    report(STATUS_FAIL, "time out!");
+step timed_out(update_reply &r) {
+    report(r, STATUS_FAIL, "time out!");
     return step::failed;
 }
 
@@ -190,16 +197,16 @@ bool peer_may_read(const struct stat &st, const client_peer &peer) {
 // root: a link put in the client's way is not followed, a FIFO or device does
 // not hold the worker or act on its opening, and the client learns nothing of
 // a file it could not read itself.
-bool image_open(const char *path, const client_peer &peer, image_file *f) {
+bool image_open(const char *path, const client_peer &peer, image_file *f, update_reply &r) {
     f->fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     struct stat st;
     if (f->fd < 0 || fstat(f->fd, &st) != 0 || !S_ISREG(st.st_mode) || !peer_may_read(st, peer)) {
-        report(STATUS_FAIL, "file not found!");
+        report(r, STATUS_FAIL, "file not found!");
         return false;
     }
     f->size = static_cast<long long>(st.st_size);
     if (f->size < 2) {
-        report(STATUS_FAIL, "file is too small!");
+        report(r, STATUS_FAIL, "file is too small!");
         return false;
     }
     return true;
@@ -207,7 +214,7 @@ bool image_open(const char *path, const client_peer &peer, image_file *f) {
 
 // Pushes the image at the paced rate, taking the module's lines meanwhile.
 step push_file(image_file &f, const fota_variant &v, size_t chunk_size, int64_t pause_ms,
-               int64_t end_limit_ms) {
+               int64_t end_limit_ms, update_reply &r) {
     char buf[FOTA_CHUNK_MAX];
     long long sent = 0;
     long long last_percent = 0;
@@ -217,11 +224,11 @@ step push_file(image_file &f, const fota_variant &v, size_t chunk_size, int64_t 
             continue;
         if (n <= 0) {
             // The module still waits for the bytes it was promised.
-            report(STATUS_FAIL, n < 0 ? "file read error!" : "file shorter than its size!");
+            report(r, STATUS_FAIL, n < 0 ? "file read error!" : "file shorter than its size!");
             return step::failed;
         }
         if (at_send(buf, static_cast<size_t>(n)) == -1) {
-            at_report_send_failure(FOTA_CODE);
+            r.replies(at_send_failure(CODE_FOTA));
             return step::failed;
         }
         sent += n;
@@ -230,19 +237,19 @@ step push_file(image_file &f, const fota_variant &v, size_t chunk_size, int64_t 
             last_percent = percent;
             char text[32];
             text_format(text, sizeof text, "File downloading %lld%%", percent);
-            report(STATUS_PROGRESS, text);
+            report(r, STATUS_PROGRESS, text);
         }
         // The pause is the wait for the module's lines: one deadline, however
         // many lines come meanwhile.
-        step s = phase_wait(fota_phase::download, v, monotonic_ms() + pause_ms);
+        step s = phase_wait(fota_phase::download, v, monotonic_ms() + pause_ms, r);
         if (s != step::waiting)
             return s;
     }
-    step s = phase_wait(fota_phase::download, v, monotonic_ms() + end_limit_ms);
-    return s == step::waiting ? timed_out() : s;
+    step s = phase_wait(fota_phase::download, v, monotonic_ms() + end_limit_ms, r);
+    return s == step::waiting ? timed_out(r) : s;
 }
 
-step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms) {
+step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms, update_reply &r) {
     daemon_state &s = state();
     const at_rules rules = phase_rules(fota_phase::update, v);
     int64_t deadline = monotonic_ms() + limit_ms;
@@ -251,7 +258,7 @@ step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms
         int64_t wait_until = watches_port(v) ? monotonic_ms() + port_watch_ms : deadline;
         at_heard h;
         if (at_wait(rules, wait_until < deadline ? wait_until : deadline, &h) != at_verdict::timed_out) {
-            step st = take_line(h, v);
+            step st = take_line(h, v, r);
             if (st == step::next_phase)
                 deadline = monotonic_ms() + limit_ms;
             else if (st != step::waiting)
@@ -260,41 +267,41 @@ step update_phase(const fota_variant &v, int64_t limit_ms, int64_t port_watch_ms
         if (watches_port(v)) {
             int32_t port = s.fota_port_status.load(std::memory_order_acquire);
             if (port > 0) {
-                report(STATUS_PROGRESS, "Fota end");
+                report(r, STATUS_PROGRESS, "Fota end");
                 return step::done;
             }
             if (port < 0) {
-                report(STATUS_FAIL, nullptr);
+                report(r, STATUS_FAIL, nullptr);
                 return step::failed;
             }
         }
         if (monotonic_ms() >= deadline)
-            return timed_out();
+            return timed_out(r);
     }
 }
 
 // The phases after the command went out; the transaction is open.
 step run_phases(image_file *file, const fota_variant &v, size_t chunk_size, int64_t pause_ms,
-                const fota_limits &limits, int64_t update_limit_ms) {
+                const fota_limits &limits, int64_t update_limit_ms, update_reply &r) {
     const bool file_mode = file != nullptr;
     const int64_t sent_at = monotonic_ms();
-    step st = phase_wait(fota_phase::start, v, sent_at + limits.start_ms);
+    step st = phase_wait(fota_phase::start, v, sent_at + limits.start_ms, r);
     if (st == step::waiting)
-        return timed_out();
+        return timed_out(r);
     if (st == step::failed)
         return st;
     if (file_mode) {
-        st = push_file(*file, v, chunk_size, pause_ms, limits.file_end_ms);
+        st = push_file(*file, v, chunk_size, pause_ms, limits.file_end_ms, r);
     } else {
-        st = phase_wait(fota_phase::download, v, sent_at + limits.url_end_ms);
+        st = phase_wait(fota_phase::download, v, sent_at + limits.url_end_ms, r);
         if (st == step::waiting)
-            st = timed_out();
+            st = timed_out(r);
     }
     if (st != step::next_phase)
         return st;
     if (watches_port(v))
         state().fota_port_status.store(0, std::memory_order_release);
-    return update_phase(v, update_limit_ms, limits.port_watch_ms);
+    return update_phase(v, update_limit_ms, limits.port_watch_ms, r);
 }
 
 } // namespace
@@ -305,20 +312,20 @@ fota_step fota_line_step(fota_phase phase, const char *line, const module_family
     return reading(at_judge(phase_rules(phase, family.fota), line), line, family.fota, out);
 }
 
-int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
-                const client_peer &peer, const fota_limits &limits) {
+op_outcome fota_update(int mode, const char *source, int chunk_size, int64_t chunk_delay_us,
+                       const client_peer &peer, const reply_sink &replies,
+                       const fota_limits &limits) {
     daemon_state &s = state();
     const fota_variant &v = current_family().fota;
     const bool file_mode = mode == 0;
     // A URL goes into the command line.
     if (chunk_size < 1 || chunk_delay_us < 0 || (file_mode && !v.takes_file) ||
-        (!file_mode && !at_text_ok(source))) {
-        client_report(FOTA_CODE, STATUS_BAD_PARAM, nullptr);
-        return -1;
-    }
+        (!file_mode && !at_text_ok(source)))
+        return outcome(CODE_FOTA, STATUS_BAD_PARAM);
+    update_reply r{replies};
     image_file file;
-    if (file_mode && !image_open(source, peer, &file))
-        return -1;
+    if (file_mode && !image_open(source, peer, &file, r))
+        return outcome(CODE_FOTA, STATUS_NONE);
 
     // The link check must not touch the module while it takes its new firmware.
     check_thread_stop();
@@ -330,10 +337,8 @@ int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_dela
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"FILE:%lld\"%s\r\n", file.size, v.file_suffix);
     else
         text_format(cmd, sizeof cmd, "AT+QFOTADL=\"%s\"\r\n", source);
-    if (!at_start(cmd, strlen(cmd))) {
-        at_report_send_failure(FOTA_CODE);
-        return -1;
-    }
+    if (!at_start(cmd, strlen(cmd)))
+        return at_send_failure(CODE_FOTA);
     // From here the module may reboot at any time; every end below hands it
     // to the supervisor, whose reset or re-open clears the mark.
     s.fota_active.store(1, std::memory_order_release);
@@ -341,13 +346,14 @@ int fota_update(int mode, const char *source, int chunk_size, int64_t chunk_dela
     const int64_t update_limit = limits.update_ms >= 0 ? limits.update_ms : v.update_silence_ms;
     // Whole milliseconds, but a pause that was asked for is never dropped.
     const int64_t pause_ms = (chunk_delay_us + 999) / 1000;
-    step st = run_phases(file_mode ? &file : nullptr, v, chunk, pause_ms, limits, update_limit);
+    step st = run_phases(file_mode ? &file : nullptr, v, chunk, pause_ms, limits, update_limit, r);
     at_finish();
     if (st == step::done) {
+        // The supervisor's 561 event follows "Fota end".
         supervisor_request(s.fota_done, 1);
-        return 0;
+        return outcome(CODE_FOTA, STATUS_NONE);
     }
     // The module is somewhere in its update: only a power cycle brings it back for sure.
     supervisor_request(s.module_reset_request, 1);
-    return -1;
+    return outcome(CODE_FOTA, STATUS_NONE);
 }

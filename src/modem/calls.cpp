@@ -15,28 +15,28 @@ constexpr at_member ATH_ROW = at_setter(CODE_HANG_UP, 90000).with_errors(AT_ERRO
 constexpr at_member COLP_ROW = at_setter(CODE_SET_COLP, 15000);
 constexpr at_member CLIP_ROW = at_setter(CODE_SET_CLIP, 15000);
 
-void answered(const char *line, at_outcome *out, void *) {
+void answered(const char *line, op_outcome *out, void *) {
     if (!has_prefix(line, "NO CARRIER"))
         return;
     call_active_set(0);
     out->status = STATUS_FAIL;
-    outcome_text(out, "NO CARRIER");
+    out->set_text("NO CARRIER");
 }
 
-void hung_up(const char *, at_outcome *, void *) {
+void hung_up(const char *, op_outcome *, void *) {
     call_active_set(0);
 }
 
 } // namespace
 
-int answer_call() { return at_transaction(ATA_ROW, "ATA\r\n", 1, answered); }
+op_outcome answer_call() { return at_transaction(ATA_ROW, "ATA\r\n", answered); }
 
-int hang_up() { return at_transaction(ATH_ROW, "ATH\r\n", 1, hung_up); }
+op_outcome hang_up() { return at_transaction(ATH_ROW, "ATH\r\n", hung_up); }
 
-int set_colp(int32_t on, uint8_t report) {
-    return at_transaction(COLP_ROW, on != 0 ? "AT+COLP=1\r\n" : "AT+COLP=0\r\n", report);
+op_outcome set_colp(int32_t on) {
+    return at_transaction(COLP_ROW, on != 0 ? "AT+COLP=1\r\n" : "AT+COLP=0\r\n");
 }
 
-int set_clip(int32_t on, uint8_t report) {
-    return at_transaction(CLIP_ROW, on != 0 ? "AT+CLIP=1\r\n" : "AT+CLIP=0\r\n", report);
+op_outcome set_clip(int32_t on) {
+    return at_transaction(CLIP_ROW, on != 0 ? "AT+CLIP=1\r\n" : "AT+CLIP=0\r\n");
 }

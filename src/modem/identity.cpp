@@ -25,99 +25,94 @@ struct field_ref {
     size_t size;
 };
 
-// The whole answer is the value: store it and report it.
-void store_answer(const char *answer, at_outcome *out, void *ctx) {
+// The whole answer is the value: stored, and the outcome's text.
+void store_answer(const char *answer, op_outcome *out, void *ctx) {
     auto *field = static_cast<field_ref *>(ctx);
     text_copy(field->text, field->size, answer, field->size - 1);
-    outcome_text(out, answer);
+    out->set_text(answer);
 }
 
-int query_into(char *field, size_t size, const at_member &row, const char *cmd, uint8_t report) {
+op_outcome query_into(char *field, size_t size, const at_member &row, const char *cmd) {
     field_ref ref{field, size};
-    return at_transaction(row, cmd, report, store_answer, &ref);
+    return at_transaction(row, cmd, store_answer, &ref);
 }
 
-void store_csq(const char *line, at_outcome *out, void *) {
+void store_csq(const char *line, op_outcome *out, void *) {
     char value[CSQ_VALUE_SIZE];
     csq_value(line, value);
     text_set(state().signal_rssi, value);
-    outcome_text(out, value);
+    out->set_text(value);
 }
 
-void store_cops(const char *line, at_outcome *out, void *) {
+void store_cops(const char *line, op_outcome *out, void *) {
     char name[IDENTITY_SIZE];
     bool named = cops_operator(line, name, sizeof name);
     // An answer without a usable name still says "no operator": forget the old one.
     text_set(state().operator_name, named ? name : "");
     if (named)
-        outcome_text(out, name);
+        out->set_text(name);
 }
 
-void store_csca(const char *line, at_outcome *out, void *) {
+void store_csca(const char *line, op_outcome *out, void *unusable) {
     daemon_state &s = state();
     char number[sizeof s.smsc_number];
     if (!csca_number(line, number, sizeof number)) {
-        // SMS sending asks with report 0 and still owes its client the reason.
-        out->result = -1;
+        if (unusable != nullptr)
+            *static_cast<bool *>(unusable) = true;
         out->status = STATUS_FAIL;
-        out->always_report = true;
-        outcome_text(out, "Wrong number!");
+        out->set_text("Wrong number!");
         return;
     }
     text_set(s.smsc_number, number);
-    outcome_text(out, number);
+    out->set_text(number);
 }
 
-void report_creg(const char *line, at_outcome *out, void *) {
+void read_creg(const char *line, op_outcome *out, void *) {
     char text[120];
     if (!creg_location(line, text, sizeof text)) {
         // Not registered: the query worked, there is just no location to give.
         out->status = STATUS_FAIL;
         return;
     }
-    outcome_text(out, text);
+    out->set_text(text);
 }
 
 } // namespace
 
-int get_ati(uint8_t report) {
+op_outcome get_ati() {
     daemon_state &s = state();
-    return query_into(s.module_model, sizeof s.module_model, ATI_ROW, "ATI\r\n", report);
+    return query_into(s.module_model, sizeof s.module_model, ATI_ROW, "ATI\r\n");
 }
 
-int get_gsn(uint8_t report) {
+op_outcome get_gsn() {
     daemon_state &s = state();
-    return query_into(s.module_imei, sizeof s.module_imei, GSN_ROW, "AT+GSN\r\n", report);
+    return query_into(s.module_imei, sizeof s.module_imei, GSN_ROW, "AT+GSN\r\n");
 }
 
-int get_cimi(uint8_t report) {
+op_outcome get_cimi() {
     daemon_state &s = state();
-    return query_into(s.sim_imsi, sizeof s.sim_imsi, CIMI_ROW, "AT+CIMI\r\n", report);
+    return query_into(s.sim_imsi, sizeof s.sim_imsi, CIMI_ROW, "AT+CIMI\r\n");
 }
 
-int get_csq(uint8_t report) { return at_transaction(CSQ_ROW, "AT+CSQ\r\n", report, store_csq); }
+op_outcome get_csq() { return at_transaction(CSQ_ROW, "AT+CSQ\r\n", store_csq); }
 
-int get_cops(uint8_t report) {
-    return at_transaction(COPS_ROW, "AT+COPS?\r\n", report, store_cops);
-}
+op_outcome get_cops() { return at_transaction(COPS_ROW, "AT+COPS?\r\n", store_cops); }
 
-int get_csca(uint8_t report) {
+op_outcome get_csca(bool *unusable) {
     // A failed query must not leave an old centre for SMS sending to use.
     memset(state().smsc_number, 0, sizeof state().smsc_number);
-    return at_transaction(CSCA_ROW, "AT+CSCA?\r\n", report, store_csca);
+    return at_transaction(CSCA_ROW, "AT+CSCA?\r\n", store_csca, unusable);
 }
 
-int set_creg(int32_t n, uint8_t report) {
+op_outcome set_creg(int32_t n) {
     char cmd[32];
     snprintf(cmd, sizeof cmd, "AT+CREG=%d\r\n", n);
-    return at_transaction(CREG_SET_ROW, cmd, report);
+    return at_transaction(CREG_SET_ROW, cmd);
 }
 
-int get_creg() {
+op_outcome get_creg() {
     // Mode 2 makes the answer carry the area code and the cell identity.
-    if (set_creg(2, 0) < 0) {
-        client_report(CODE_GET_CREG, STATUS_FAIL, nullptr);
-        return -1;
-    }
-    return at_transaction(CREG_ROW, "AT+CREG?\r\n", 1, report_creg);
+    if (!set_creg(2).ok())
+        return outcome(CODE_GET_CREG, STATUS_FAIL);
+    return at_transaction(CREG_ROW, "AT+CREG?\r\n", read_creg);
 }

@@ -1,110 +1,74 @@
 // The AT command operations: each runs one exchange of the transaction frame
-// (get_creg two) and reports under its own code, which is also the client
-// command that runs it. With `report` 1 the outcome goes to the client, with 0
-// the operation stays silent; operations without `report` always report. They
-// return 0 on success and -1 on failure unless said otherwise, and run on the
-// thread that holds the right to use the AT port.
+// (get_creg two) and returns its outcome under its own code, which is also the
+// client command that runs it; it is the client interface's to reply with.
+// They run on the thread that holds the right to use the AT port.
 #pragma once
 
+#include "core/codes.h"
 #include "core/family.h"
+#include "core/outcome.h"
 
 #include <cstddef>
 #include <cstdint>
 
-// Report codes (equal to the client command codes).
-enum : int {
-    CODE_GET_ATI = 51,
-    CODE_GET_GSN = 52,
-    CODE_GET_CIMI = 101,
-    CODE_GET_CSQ = 102,
-    CODE_GET_COPS = 103,
-    CODE_SET_CREG = 110,
-    CODE_GET_CREG = 111,
-    CODE_SET_QNETDEVSTATUS = 190,
-    CODE_GET_QNETDEVSTATUS = 191,
-    CODE_GET_CSCA = 201,
-    CODE_SET_CMGF = 231,
-    CODE_SET_CSMS = 232,
-    CODE_SET_CNMI = 233,
-    CODE_SET_COLP = 234,
-    CODE_SET_QTONEDET = 235,
-    CODE_SET_CLIP = 236,
-    CODE_SET_CSCS = 237,
-    CODE_SET_ATE = 238,
-    CODE_ANSWER_CALL = 302,
-    CODE_HANG_UP = 303,
-    CODE_PLAY_TTS = 310,
-    CODE_SET_QICSGP = 351,
-    CODE_SET_QIDEACT = 352,
-    CODE_SET_QIACT = 353,
-    CODE_SET_QNETDEVCTL = 360,
-    CODE_SET_QCRMCALL = 362,
-    CODE_DIAL = 370,
-    CODE_LBS_CONFIG = 451,
-    CODE_GET_QLBS = 452,
-    CODE_SET_USBIFC = 551,
-};
-
 // ---- identity and network queries ----
-int get_ati(uint8_t report);  // module_model: the answer lines joined by ','
-int get_gsn(uint8_t report);  // module_imei
-int get_cimi(uint8_t report); // sim_imsi
-int get_csq(uint8_t report);  // signal_rssi, "-1" when unknown
-int get_cops(uint8_t report); // operator_name, empty when the answer names none
-// smsc_number, emptied first; an unusable answer always reports "Wrong number!".
-int get_csca(uint8_t report);
-int set_creg(int32_t n, uint8_t report);
-// Registration with location: reports "area,cell" (or status 1 when the answer
-// carries none, still returning 0). Always reports.
-int get_creg();
+op_outcome get_ati();  // module_model: the answer lines joined by ','
+op_outcome get_gsn();  // module_imei
+op_outcome get_cimi(); // sim_imsi
+op_outcome get_csq();  // signal_rssi, "-1" when unknown
+op_outcome get_cops(); // operator_name, empty when the answer names none
+// smsc_number, emptied first; an unusable answer is status 1 "Wrong number!"
+// and sets `unusable`, when given.
+op_outcome get_csca(bool *unusable = nullptr);
+op_outcome set_creg(int32_t n);
+// Registration with location: "area,cell", or status 1 without text when the
+// answer carries none. Answers under 111 also when setting mode 2 fails.
+op_outcome get_creg();
 
 // ---- message service and module settings ----
-int set_cscs(const char *charset, uint8_t report);
-int set_cmgf(int32_t mode, uint8_t report); // 0 PDU, other text
-int set_csms(int32_t on, uint8_t report);
-int set_cnmi(int32_t mode, uint8_t report); // 0, 1, 2; any other value gives 3
-int set_ate(int32_t on, uint8_t report);
-int set_usbifc(int32_t on, uint8_t report); // not every family has it
+op_outcome set_cscs(const char *charset);
+op_outcome set_cmgf(int32_t mode); // 0 PDU, other text
+op_outcome set_csms(int32_t on);
+op_outcome set_cnmi(int32_t mode); // 0, 1, 2; any other value gives 3
+op_outcome set_ate(int32_t on);
+op_outcome set_usbifc(int32_t on); // not every family has it
 
 // ---- data call ----
-int set_qideact(int32_t cid, uint8_t report);
-int set_qicsgp(int32_t cid, int32_t type, const char *apn, const char *user, const char *password,
-               int32_t auth, uint8_t report);
-int set_qiact(int32_t cid, uint8_t report);
-int set_qnetdevctl(int32_t op, int32_t cid, uint8_t report);
-int set_qcrmcall(int32_t action, int32_t profile, uint8_t report);
-int set_qnetdevstatus(int32_t on, uint8_t report);
-// 1 when the module's network device is up, 0 when not, -1 when the query
-// failed. A send failure is reported whatever `report` says.
-int get_qnetdevstatus(uint8_t report);
-// The dial procedure of `family`: its steps in order, or the external
-// program when that owns the link. 0 connected, -1 when a step failed
-// (reported under CODE_DIAL with the step's name). dial_in_progress is 1
-// while the steps run.
-int dial(const module_family &family, uint8_t report);
-// One data-call step, silent: >= 0 on success.
+op_outcome set_qideact(int32_t cid);
+op_outcome set_qicsgp(int32_t cid, int32_t type, const char *apn, const char *user,
+                      const char *password, int32_t auth);
+op_outcome set_qiact(int32_t cid);
+op_outcome set_qnetdevctl(int32_t op, int32_t cid);
+op_outcome set_qcrmcall(int32_t action, int32_t profile);
+op_outcome set_qnetdevstatus(int32_t on);
+// The module's network device; `up`, when given, is set when the answer says
+// it is up.
+op_outcome get_qnetdevstatus(bool *up = nullptr);
+// The dial procedure of `family` under CODE_DIAL: its steps in order, or the
+// external program when that owns the link; status 1 with the failed step's
+// name. dial_in_progress is 1 while the steps run and cleared before it returns.
+op_outcome dial(const module_family &family);
+// One data-call step, on its own: >= 0 on success.
 int data_step_run(data_step step);
 
 // ---- voice calls ----
-int answer_call(); // always reports; "NO CARRIER" reports status 1 yet returns 0
-int hang_up();     // always reports
-int set_colp(int32_t on, uint8_t report);
-int set_clip(int32_t on, uint8_t report);
+op_outcome answer_call(); // "NO CARRIER": status 1 with that text
+op_outcome hang_up();
+op_outcome set_colp(int32_t on);
+op_outcome set_clip(int32_t on);
 
 // ---- text-to-speech and tone detection ----
-int set_qtonedet(int32_t on, uint8_t report);
+op_outcome set_qtonedet(int32_t on);
 // start 0 stops speaking (text unused); otherwise speaks the UTF-8 text, of
-// which the first 127 characters are kept. Always reports.
-int play_tts(int32_t start, const char *text);
+// which the first 127 characters are kept.
+op_outcome play_tts(int32_t start, const char *text);
 
 // ---- cell-based location ----
 // mode 1 sets `key` to `value`, any other mode reads `key`. A key that starts
-// with none of the service's setting names reports status 10 and sends nothing.
-// Always reports.
-int lbs_config(int32_t mode, const char *key, const char *value);
-// Reports the position, or status 1 with "errCode:<code>" (still returning 0).
-// Always reports.
-int get_qlbs();
+// with none of the service's setting names is status 10 and nothing is sent.
+op_outcome lbs_config(int32_t mode, const char *key, const char *value);
+// The position, or status 1 with "errCode:<code>".
+op_outcome get_qlbs();
 
 // ---- answer parsing (no I/O; every scan stops at the line's end) ----
 struct quote_span {

@@ -1,6 +1,7 @@
 #include "sms/common.h"
 
 #include "at/at.h"
+#include "core/report.h"
 #include "core/text.h"
 #include "modem/modem.h"
 #include "sms/pdu.h"

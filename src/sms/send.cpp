@@ -113,8 +113,8 @@ struct cmgs_rules {
     bool message_ref;
 };
 
-constexpr cmgs_rules PDU_RULES = {SMS_SEND_PDU_CODE, "time out!", 10, true};
-constexpr cmgs_rules TEXT_RULES = {SMS_SEND_TEXT_CODE, "time out", 1, false};
+constexpr cmgs_rules PDU_RULES = {CODE_SMS_SEND_PDU, "time out!", 10, true};
+constexpr cmgs_rules TEXT_RULES = {CODE_SMS_SEND_TEXT, "time out", 1, false};
 
 // The module's '>' asks for the body.
 constexpr at_row PROMPT_ROWS[] = {{">", nullptr, at_verdict::success}};
@@ -130,15 +130,13 @@ constexpr at_row RESULT_ROWS[] = {
 
 // The command, the prompt, the body (Ctrl-Z included), the result: one
 // exchange, so nothing else reaches the module between command and body.
-// 0 after the module's "OK", the message reference in `ref` (empty when the
-// module gave none); every failure is reported here under the rules' code.
-int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t body_len,
-                  char (&ref)[SMS_MESSAGE_REF_SIZE]) {
+// Status 0 after the module's "OK", the message reference in `ref` (empty
+// when the module gave none); a failure under the rules' code.
+op_outcome cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t body_len,
+                         char (&ref)[SMS_MESSAGE_REF_SIZE]) {
     ref[0] = '\0';
-    if (!at_start(cmd, strlen(cmd))) {
-        at_report_send_failure(r.code);
-        return -1;
-    }
+    if (!at_start(cmd, strlen(cmd)))
+        return at_send_failure(r.code);
     at_heard h;
     at_verdict v = at_wait(PROMPT, monotonic_ms() + PROMPT_TIMEOUT_MS, &h);
     if (v != at_verdict::success) {
@@ -148,13 +146,11 @@ int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t
             at_finish();
         else
             at_end(h);
-        client_report(r.code, STATUS_FAIL, v == at_verdict::timed_out ? r.time_out : nullptr);
-        return -1;
+        return outcome(r.code, STATUS_FAIL, v == at_verdict::timed_out ? r.time_out : nullptr);
     }
     if (at_send(body, body_len) == -1) {
         at_abort();
-        at_report_send_failure(r.code);
-        return -1;
+        return at_send_failure(r.code);
     }
     const at_rules result = {RESULT_ROWS, r.message_ref ? 2u : 1u, AT_ERRORS_ALL, body, r.echo_len};
     const int64_t deadline = monotonic_ms() + RESULT_TIMEOUT_MS;
@@ -165,14 +161,11 @@ int cmgs_exchange(const cmgs_rules &r, const char *cmd, const char *body, size_t
             continue;
         }
         if (v == at_verdict::timed_out) {
-            client_report(r.code, STATUS_FAIL, r.time_out);
             at_finish();
-            return -1;
+            return outcome(r.code, STATUS_FAIL, r.time_out);
         }
-        if (v == at_verdict::failure)
-            client_report(r.code, STATUS_FAIL, nullptr);
         at_end(h);
-        return v == at_verdict::success ? 0 : -1;
+        return outcome(r.code, v == at_verdict::success ? STATUS_OK : STATUS_FAIL);
     }
 }
 
@@ -284,8 +277,8 @@ bool sms_submit_build(uint8_t ucs2, const char *smsc, const char *destination, c
     return true;
 }
 
-int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
-                 int validity, uint8_t status_report) {
+op_outcome sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
+                        int validity, uint8_t status_report, const reply_sink &aside) {
     const bool stored_smsc = strncmp(smsc, "DEFAULT", 7) == 0;
     daemon_state &s = state();
     // A long message takes the next reference; one that fits takes none.
@@ -294,21 +287,23 @@ int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const 
     // Built before anything reaches the module, so a refused request sends
     // nothing; with the stored centre it is built again below.
     if (!sms_submit_build(ucs2, stored_smsc ? "" : smsc, destination, text, validity,
-                          status_report, reference, &message)) {
-        client_report(SMS_SEND_PDU_CODE, STATUS_BAD_PARAM, nullptr);
-        return -1;
-    }
+                          status_report, reference, &message))
+        return outcome(CODE_SMS_SEND_PDU, STATUS_BAD_PARAM);
     // A failed switch is not fatal: the module may be in PDU mode already.
-    set_cmgf(0, 0);
+    set_cmgf(0);
     if (stored_smsc) {
-        if (s.smsc_number[0] == '\0')
-            get_csca(0);
+        if (s.smsc_number[0] == '\0') {
+            // An unusable centre is the client's to know; the send goes on
+            // without one.
+            bool unusable = false;
+            op_outcome centre = get_csca(&unusable);
+            if (unusable)
+                aside(centre);
+        }
         // The module's centre may be longer than a PDU address holds.
         if (!sms_submit_build(ucs2, s.smsc_number, destination, text, validity, status_report,
-                              reference, &message)) {
-            client_report(SMS_SEND_PDU_CODE, STATUS_BAD_PARAM, nullptr);
-            return -1;
-        }
+                              reference, &message))
+            return outcome(CODE_SMS_SEND_PDU, STATUS_BAD_PARAM);
     }
     if (message.count > 1)
         s.sms_reference.store(reference);
@@ -320,9 +315,10 @@ int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const 
         char cmd[24];
         snprintf(cmd, sizeof cmd, "AT+CMGS=%d\r", pdu.tpdu_octets);
         char ref[SMS_MESSAGE_REF_SIZE];
-        // A failing part has reported itself; the parts after it are not sent.
-        if (cmgs_exchange(PDU_RULES, cmd, pdu.text, pdu.len, ref) != 0)
-            return -1;
+        // The first failing part's outcome ends the send; the parts after it are not sent.
+        op_outcome sent = cmgs_exchange(PDU_RULES, cmd, pdu.text, pdu.len, ref);
+        if (!sent.ok())
+            return sent;
         if (i > 0)
             refs[refs_len++] = ',';
         size_t n = strnlen(ref, sizeof ref - 1);
@@ -332,23 +328,19 @@ int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const 
     }
     // Counted before the reply, so a 913 asked on it includes this message.
     stat_add(stat_counter::sms_out);
-    client_report(SMS_SEND_PDU_CODE, STATUS_OK, refs);
-    return 0;
+    return outcome(CODE_SMS_SEND_PDU, STATUS_OK, refs);
 }
 
-void sms_send_text(const char *destination, const char *text) {
+op_outcome sms_send_text(const char *destination, const char *text) {
     // The number goes into the command line. The text is the body after the
     // prompt: quotes and line breaks are its own, but Ctrl-Z would end it
     // early and let the rest run as commands, and ESC would cancel it.
     if (strnlen(destination, TEXT_DESTINATION_MAX + 1) > TEXT_DESTINATION_MAX ||
-        !at_text_ok(destination) || strpbrk(text, "\x1A\x1B") != nullptr) {
-        client_report(SMS_SEND_TEXT_CODE, STATUS_BAD_PARAM, nullptr);
-        return;
-    }
-    if (set_cmgf(1, 0) != 0) {
-        client_report(SMS_SEND_TEXT_CODE, STATUS_FAIL, "set_cmgf");
-        set_cmgf(0, 0);
-        return;
+        !at_text_ok(destination) || strpbrk(text, "\x1A\x1B") != nullptr)
+        return outcome(CODE_SMS_SEND_TEXT, STATUS_BAD_PARAM);
+    if (!set_cmgf(1).ok()) {
+        set_cmgf(0);
+        return outcome(CODE_SMS_SEND_TEXT, STATUS_FAIL, "set_cmgf");
     }
     if (destination[0] == '+')
         ++destination;
@@ -362,9 +354,9 @@ void sms_send_text(const char *destination, const char *text) {
     body[len] = CTRL_Z;
     body[len + 1] = '\0';
     char ref[SMS_MESSAGE_REF_SIZE];
-    if (cmgs_exchange(TEXT_RULES, cmd, body, len + 1, ref) == 0) {
+    op_outcome sent = cmgs_exchange(TEXT_RULES, cmd, body, len + 1, ref);
+    if (sent.ok()) {
         stat_add(stat_counter::sms_out);
-        client_report(SMS_SEND_TEXT_CODE, STATUS_OK, nullptr);
     } else {
         // The module may still wait for a body (a late prompt, a result that
         // never came): ESC cancels it, and a module back at its command line
@@ -374,5 +366,6 @@ void sms_send_text(const char *destination, const char *text) {
     }
     // The receive side reads PDUs: in text mode incoming messages would come
     // as text, which it cannot take apart.
-    set_cmgf(0, 0);
+    set_cmgf(0);
+    return sent;
 }

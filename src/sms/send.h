@@ -2,14 +2,13 @@
 // validity, status-report request; a long text as concatenated parts) and
 // code 252 in text mode. Each message or part is one transaction: the
 // "AT+CMGS" command, the module's '>' prompt, the body ended by Ctrl-Z, the
-// final result. Every outcome is reported under its code.
+// final result. Each returns its outcome under its code.
 #pragma once
+
+#include "core/outcome.h"
 
 #include <cstddef>
 #include <cstdint>
-
-constexpr int SMS_SEND_PDU_CODE = 251;
-constexpr int SMS_SEND_TEXT_CODE = 252;
 
 constexpr size_t SMS_PDU_SIZE = 512;
 
@@ -72,13 +71,14 @@ constexpr size_t SMS_MESSAGE_REF_SIZE = 11;
 // too short to hold one leaves `ref` as it was.
 bool cmgs_reference(const char *line, char (&ref)[SMS_MESSAGE_REF_SIZE]);
 
-// 0 after the module's "OK" to every part (their message references
-// reported as text, joined by ','), -1 otherwise: the first part that fails
-// ends the send with its own report. smsc "DEFAULT" (its first 7 characters)
-// takes the stored centre, asking the module for it when none is stored.
-int sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
-                 int validity, uint8_t status_report);
+// Status 0 after the module's "OK" to every part, their message references
+// as text, joined by ','; otherwise the first failing part's outcome, which
+// ends the send. smsc "DEFAULT" (its first 7 characters) takes the stored
+// centre, asking the module for it when none is stored: an unusable answer
+// goes to `aside` as the query's own outcome (201), and the send goes on.
+op_outcome sms_send_pdu(uint8_t ucs2, const char *smsc, const char *destination, const char *text,
+                        int validity, uint8_t status_report, const reply_sink &aside = {});
 // Switches the module to text mode for the message and back to PDU mode
 // after it; a send that failed first cancels a body the module may still wait
 // for (ESC).
-void sms_send_text(const char *destination, const char *text);
+op_outcome sms_send_text(const char *destination, const char *text);

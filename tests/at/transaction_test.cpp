@@ -12,10 +12,9 @@ const at_member QUERY = at_query(102, 350, "+CSQ:");
 const at_member STEP = at_ok_or_error(353, 500);
 const at_member COLLECT = at_collect_until_ok(51, 350);
 
-void keep_line(const char *line, at_outcome *out, void *ctx) {
+void keep_line(const char *line, op_outcome *out, void *ctx) {
     *static_cast<std::string *>(ctx) = line;
-    out->has_text = true;
-    text_set(out->text, line);
+    out->set_text(line);
 }
 
 struct TransactionTest : testing::Test, emulated_bench {};
@@ -25,27 +24,28 @@ struct TransactionTest : testing::Test, emulated_bench {};
 // and the time-out that drains leftovers; a step that knows none waits for its time-out.
 TEST_F(TransactionTest, AStepThatKnowsNoModuleErrorWaitsForItsTimeOut) {
     port.module().set_reply("AT+QIACT=1", modem_reply::cms_error(500));
-    EXPECT_EQ(at_transaction(STEP, "AT+QIACT=1\r\n", 0), -1);
+    EXPECT_EQ(shown(at_transaction(STEP, "AT+QIACT=1\r\n")), "353 1 time out!|");
     EXPECT_EQ(urc_next(100), "+CMS ERROR: 500");
     EXPECT_EQ(urc_next(100), "<none>");
-    EXPECT_EQ(client.frames(), ""); // report 0: nothing sent
+    EXPECT_EQ(client.frames(), ""); // the caller replies, not the transaction
 }
 
 TEST_F(TransactionTest, CollectedTextKeepsAtMost99CharactersAndAnyTransactionEndsRawMode) {
     std::string p;
     state().at_passthrough = 1;
     port.module().set_reply("ATI", modem_reply::with_lines({std::string(60, 'a'), std::string(60, 'b'), "OK"}));
-    ASSERT_EQ(at_transaction(COLLECT, "ATI\r\n", 0, keep_line, &p), 0);
+    ASSERT_TRUE(at_transaction(COLLECT, "ATI\r\n", keep_line, &p).ok());
     EXPECT_EQ(p, std::string(60, 'a') + "," + std::string(38, 'b'));
     EXPECT_EQ(state().at_passthrough, 0);
 }
 
-TEST_F(TransactionTest, SendFailureReportsAndDrainsNothing) {
+TEST_F(TransactionTest, SendFailureIsItsOutcomeAndDrainsNothing) {
     at_begin();
     line_deliver("stale"); // a cancelled exchange's leftover
     port.close_port();
-    EXPECT_EQ(at_transaction(QUERY, "AT+CSQ\r\n", 1), -1);
-    EXPECT_EQ(client.frames(), "102 1 at send error!|");
+    op_outcome o = at_transaction(QUERY, "AT+CSQ\r\n");
+    EXPECT_EQ(shown(o), "102 1 at send error!|");
+    EXPECT_TRUE(o.unsent);
     EXPECT_EQ(state().at_state, AT_IDLE);
     EXPECT_EQ(urc_next(100), "<none>");
 }

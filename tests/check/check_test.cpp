@@ -158,6 +158,20 @@ TEST(CheckThreadTest, CancellationInItsSleepOrMidExchangeGivesThePortBack) {
     EXPECT_EQ(s.module_reset_request.load(), 0);
 }
 
+// The data-call re-assertion meets a port that cannot be written: the client is
+// told under 191 although nobody asked, and the steps after it stay silent.
+TEST(CheckThreadTest, ADeadPortAtTheStatusQueryReachesTheClient) {
+    fresh_state fresh;
+    state().phase.store(module_phase::connected);
+    state().module_restarting.store(0);
+    sink_capture to_client;
+    check_frames_to(to_client.sink());
+    module_paths paths;
+    EXPECT_LT(check_env_real(&paths).reassert(link_reassert::data_call), 0); // no port is open
+    check_frames_to({});
+    EXPECT_EQ(to_client.got, "191 1 at send error!|");
+}
+
 TEST(IcmpMessageTest, EchoRequestAndReplyFilter) {
     unsigned char m[ICMP_BUFFER_SIZE];
     memset(m, 0xaa, sizeof m);

@@ -5,6 +5,7 @@
 #include "client/client.h"
 #include "core/config.h"
 #include "modem/modem.h"
+#include "sms/common.h"
 #include "sms/send.h"
 #include "support/test_support.h"
 
@@ -105,6 +106,24 @@ TEST_F(WorkerTest, ParameterChecksAndCodesWithoutAnExchange) {
     }
 }
 
+// The client learns how its request ended before the event that the
+// exchange's last line makes: "NO CARRIER" to ATA, a module error to a setting.
+TEST_F(WorkerTest, TheReplyComesBeforeTheEventOfTheExchangesLastLine) {
+    pthread_t common;
+    ASSERT_EQ(pthread_create(&common, nullptr, common_thread, nullptr), 0);
+    const std::pair<uint16_t, const char *> cases[] = {{302, "NO CARRIER"}, {238, "+CME ERROR: 3"}};
+    for (const auto &[code, line] : cases) {
+        std::thread worker([&, code = code] { run(EC200, request_bytes(code, {"1"})); });
+        EXPECT_FALSE(port.module_reads("\r\n", 3000).empty());
+        port.module_says(std::string(line) + "\r\n");
+        worker.join();
+        EXPECT_EQ(client.frames(2, 3000), code == 302 ? "302 1 NO CARRIER|1001 2 1|"
+                                                      : "238 1 |1201 1 +CME ERROR: 3|");
+    }
+    pthread_cancel(common);
+    pthread_join(common, nullptr);
+}
+
 TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     run(EC20, request_bytes(304, {"123"}));
     EXPECT_EQ(client.frames(), "304 0 |");
@@ -117,14 +136,11 @@ TEST_F(WorkerTest, VoiceDialMarksTheCallAndADeadPortFailsAtOnce) {
     state().at_passthrough = 1;
     run(EC200, request_bytes(402, {"0", "AT"}));
     EXPECT_EQ(client.frames(), "402 1 at send error!|");
-    // Silent operations stay silent, but the link state query always tells,
-    // and the registration query reports after its silent first step.
-    EXPECT_EQ(set_cmgf(0, 0), -1);
-    EXPECT_EQ(get_qnetdevstatus(0), -1);
-    EXPECT_EQ(get_creg(), -1);
-    EXPECT_EQ(sms_send_pdu(0, "1", "2", "x", 0, 0), -1);
-    sms_send_text("2", "x");
-    EXPECT_EQ(client.frames(), "191 1 at send error!|111 1 |251 1 at send error!|252 1 set_cmgf|");
+    // Operations of more than one step answer under their own code.
+    EXPECT_EQ(shown(get_creg()), "111 1 |");
+    EXPECT_EQ(shown(sms_send_pdu(0, "1", "2", "x", 0, 0)), "251 1 at send error!|");
+    EXPECT_EQ(shown(sms_send_text("2", "x")), "252 1 set_cmgf|");
+    EXPECT_EQ(client.frames(), "");
     EXPECT_EQ(state().at_state.load(), AT_IDLE);
 }
 

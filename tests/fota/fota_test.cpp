@@ -3,6 +3,7 @@
 #include "at/at.h"
 #include "check/check.h"
 #include "client/client.h"
+#include "core/report.h"
 #include "fota/fota.h"
 #include "support/test_support.h"
 
@@ -60,6 +61,16 @@ protected:
         EXPECT_EQ(s.at_state.load(), AT_IDLE);
         return out + (s.check_tid != 0 ? " checking" : "");
     }
+    // The update as the worker runs it: its frames and its outcome to the client.
+    void update(int mode, const std::string &source, int chunk, int64_t pause_us, const client_peer &peer) {
+        const reply_sink to_client{[](const op_outcome &o, void *) {
+                                       client_report(o.code, o.status, o.reply_text());
+                                   },
+                                   nullptr};
+        op_outcome o = fota_update(mode, source.c_str(), chunk, pause_us, peer, to_client, quick);
+        if (o.status != STATUS_NONE)
+            client_report(o.code, o.status, o.reply_text());
+    }
     // The lines in urc_ring, `want` waited for: the module's last line may
     // still be on its way when the update has ended on the one before it.
     static std::string urc(const std::string &want) {
@@ -98,7 +109,7 @@ TEST_F(FotaTest, UpdatesThatSucceed) {
         std::string img = c.fields[0] == "0" ? image_of(std::stoul(c.fields[1])) : "";
         if (c.fields[0] == "0")
             c.fields[1] = dir.write("fw.bin", img);
-        run_worker(request_bytes(FOTA_CODE, c.fields), c.family);
+        run_worker(request_bytes(CODE_FOTA, c.fields), c.family);
         EXPECT_EQ(client.frames(), c.frames + " download end|" + UPDATED);
         auto record = port->module().wait_for_command(c.command, 1000);
         EXPECT_EQ(record ? record->body : "<none>", img);
@@ -155,7 +166,7 @@ TEST_F(FotaTest, RefusalsAndFailures) {
             port->module().set_reply("AT+QFOTADL=", file ? modem_reply::with_lines(c.lines).for_body()
                                                          : modem_reply::with_lines(c.lines), modem_match::prefix);
         std::string source = file ? dir.path() + "/" + c.source : c.source;
-        EXPECT_EQ(fota_update(file ? 0 : 1, source.c_str(), c.chunk, c.pause_us, root, quick), -1);
+        update(file ? 0 : 1, source, c.chunk, c.pause_us, root);
         EXPECT_EQ(client.frames(), c.frames);
         EXPECT_EQ(flags(), c.flags);
         EXPECT_EQ(urc(c.urc), c.urc);
@@ -197,19 +208,16 @@ TEST_F(FotaTest, OnlyARegularFileTheClientMayReadIsSent) {
         ASSERT_EQ(chown(img.c_str(), c.uid, c.gid), 0);
         ASSERT_EQ(chmod(img.c_str(), c.mode), 0);
         const std::string source = dir.path() + "/" + c.name;
-        auto update = std::async(std::launch::async, [&] {
-            return fota_update(0, source.c_str(), 320, 0, c.peer, quick);
-        });
-        if (update.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
+        auto running = std::async(std::launch::async, [&] { update(0, source, 320, 0, c.peer); });
+        if (running.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
             ADD_FAILURE() << "the update is held in the opening";
             close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK)); // lets it go
         }
-        int result = update.get();
+        running.get();
         if (c.sent) {
             auto record = port->module().wait_for_command("AT+QFOTADL=\"FILE:2\"", 1000);
             EXPECT_EQ(record ? record->body : "<none>", "ab");
         } else {
-            EXPECT_EQ(result, -1);
             EXPECT_EQ(client.frames(), "561 1 file not found!|");
             EXPECT_EQ(flags(), "0000 checking");
             EXPECT_EQ(port->module().command_count(), 0u);
@@ -244,18 +252,16 @@ TEST_F(FotaTest, EndsOnNewsFromOutside) {
             port->module().set_reply("AT+QFOTADL=", modem_reply::with_lines({"OK", STARTED, ENDED}),
                                      modem_match::prefix);
         dir.write("fw.bin", image_of(1000));
-        int result = 0;
         // The 2 s pause after each 100-byte chunk leaves time, even on a loaded
         // machine, to break the push after the first.
-        std::thread update([&] { result = fota_update(c.source == path ? 0 : 1, c.source.c_str(), 100, 2000000, root, quick); });
+        std::thread running([&] { update(c.source == path ? 0 : 1, c.source, 100, 2000000, root); });
         EXPECT_EQ(client.frames(1, 2000), c.first);
         if (!c.then.empty()) {
             port->module().inject_line(FOTA + "\"START\"");
             EXPECT_EQ(client.frames(1, 2000), c.then); // sent after the port status was cleared
         }
         c.news();
-        update.join();
-        EXPECT_EQ(result, c.flags[0] == '1' ? 0 : -1);
+        running.join();
         EXPECT_EQ(client.frames(), c.frames);
         EXPECT_EQ(flags(), c.flags);
     }

@@ -24,11 +24,10 @@ namespace {
 using OperationTest = port_test;
 
 struct exchange {
-    std::function<int()> op;
+    std::function<op_outcome()> op;
     std::string commands; // all the module receives
     std::string answer;   // to each command but those refused
-    int result;
-    const char *reports;
+    const char *outcome;  // as the reply frame would show it
     const char *urc;
     const char *field = nullptr; // a text of daemon_state, and what it holds afterwards
     const char *value = nullptr;
@@ -47,47 +46,47 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
         "AT+QIDEACT=1\r\nAT+QICSGP=1,1,\"internet\",\"\",\"pw\",1\r\nAT+QIACT=1\r\n";
     const exchange cases[] = {
         // The echo is dropped; lines around the answer go on to the common thread.
-        {[] { return get_csq(1); }, "AT+CSQ\r\n", "AT+CSQ\r\r\nRING\r\n+CSQ: 23,99\r\n\r\nOK\r\n",
-         0, "102 0 23|", "RING|OK|", s.signal_rssi, "23"},
+        {get_csq, "AT+CSQ\r\n", "AT+CSQ\r\r\nRING\r\n+CSQ: 23,99\r\n\r\nOK\r\n", "102 0 23|",
+         "RING|OK|", s.signal_rssi, "23"},
         // Everything up to OK is the model text, even RING and ERROR.
-        {[] { return get_ati(1); }, "ATI\r\n", "ATI\r\r\nMAKER\r\nRING\r\nR01\r\nERROR\r\nOKAY\r\n",
-         0, "51 0 MAKER,RING,R01,ERROR|", "", s.module_model, "MAKER,RING,R01,ERROR"},
+        {get_ati, "ATI\r\n", "ATI\r\r\nMAKER\r\nRING\r\nR01\r\nERROR\r\nOKAY\r\n",
+         "51 0 MAKER,RING,R01,ERROR|", "", s.module_model, "MAKER,RING,R01,ERROR"},
         // The IMEI query waits for digits; an ERROR does not end the wait.
-        {[] { return get_gsn(1); }, "AT+GSN\r\n", "ERROR\r\n", -1, "52 1 time out!|", "ERROR|",
-         s.module_imei, "866123"},
-        {[] { return set_csms(0, 1); }, "AT+CSMS=0\r\n", "+CMT: ,24\r\n+CMS ERROR: 500\r\n", -1,
-         "232 1 |", "+CMT: ,24|+CMS ERROR: 500|"},
-        {[] { return set_cnmi(7, 0); }, "AT+CNMI=2,3,0,1,0\r\n", "OK\r\n", 0, "", ""},
-        {[] { return set_usbifc(1, 0); }, "AT+QCFG=\"USBIFC\",2,2\r\n", "OK\r\n", 0, "", ""},
-        // The centre is emptied first; an unusable one is reported whatever the caller asked.
-        {[] { return get_csca(0); }, "AT+CSCA?\r\n", "+CSCA: \"\",145\r\nOK\r\n", -1,
+        {get_gsn, "AT+GSN\r\n", "ERROR\r\n", "52 1 time out!|", "ERROR|", s.module_imei, "866123"},
+        {[] { return set_csms(0); }, "AT+CSMS=0\r\n", "+CMT: ,24\r\n+CMS ERROR: 500\r\n", "232 1 |",
+         "+CMT: ,24|+CMS ERROR: 500|"},
+        {[] { return set_cnmi(7); }, "AT+CNMI=2,3,0,1,0\r\n", "OK\r\n", "233 0 |", ""},
+        {[] { return set_usbifc(1); }, "AT+QCFG=\"USBIFC\",2,2\r\n", "OK\r\n", "551 0 |", ""},
+        // The centre is emptied first; an unusable one is a failure with its reason.
+        {[] { return get_csca(); }, "AT+CSCA?\r\n", "+CSCA: \"\",145\r\nOK\r\n",
          "201 1 Wrong number!|", "OK|", s.smsc_number, ""},
         // A refused mode switch ends the registration query before it asks.
-        {[] { return get_creg(); }, "AT+CREG=2\r\n", "+CME ERROR: 10\r\n", -1, "111 1 |",
-         "+CME ERROR: 10|"},
+        {get_creg, "AT+CREG=2\r\n", "+CME ERROR: 10\r\n", "111 1 |", "+CME ERROR: 10|"},
         // An OK ahead of the answer is dropped.
-        {[] { return get_qnetdevstatus(1); }, "AT+QNETDEVSTATUS?\r\n",
-         "OK\r\n+QNETDEVSTATUS: 1,1\r\n", 1, "191 0 1,1|", ""},
-        // A call ended by the caller still answers 0 (and ends the call, below).
-        {[] { return answer_call(); }, "ATA\r\n", "RING\r\nNO CARRIER\r\n", 0, "302 1 NO CARRIER|",
-         "RING|NO CARRIER|"},
+        {[] {
+             bool up = false;
+             op_outcome o = get_qnetdevstatus(&up);
+             EXPECT_TRUE(up);
+             return o;
+         },
+         "AT+QNETDEVSTATUS?\r\n", "OK\r\n+QNETDEVSTATUS: 1,1\r\n", "191 0 1,1|", ""},
+        // A call ended by the caller (and ends the call, below).
+        {answer_call, "ATA\r\n", "RING\r\nNO CARRIER\r\n", "302 1 NO CARRIER|", "RING|NO CARRIER|"},
         {[] { return lbs_config(1, "token", "abc"); }, "AT+QLBSCFG=\"token\",\"abc\"\r\n", "OK\r\n",
-         0, "451 0 set token|", ""},
-        {[] { return lbs_config(1, "speed", "3"); }, "", "", -1, "451 10 |", ""},
-        // A dial stops at its first failing step; the steps themselves report nothing.
-        {[] { return dial(family_of(modem_family::ec200t), 1); }, "ATE0\r\n" + context, "OK\r\n",
-         -1, "370 1 set_qiact|", "", nullptr, nullptr, {"AT+QIACT"}, true},
-        {[] { return dial(family_of(modem_family::ec200t), 1); },
-         "ATE0\r\n" + context + "AT+QNETDEVCTL=1,1\r\n", "OK\r\n", 0, "370 0 |", "", nullptr,
-         nullptr, {}, true},
+         "451 0 set token|", ""},
+        {[] { return lbs_config(1, "speed", "3"); }, "", "", "451 10 |", ""},
+        // A dial stops at its first failing step, whose name is its outcome.
+        {[] { return dial(family_of(modem_family::ec200t)); }, "ATE0\r\n" + context, "OK\r\n", "370 1 set_qiact|", "", nullptr, nullptr,
+         {"AT+QIACT"}, true},
+        {[] { return dial(family_of(modem_family::ec200t)); }, "ATE0\r\n" + context + "AT+QNETDEVCTL=1,1\r\n", "OK\r\n", "370 0 |", "",
+         nullptr, nullptr, {}, true},
         // The echo switch and stopping an old call may fail; the dial goes on.
-        {[] { return dial(family_of(modem_family::ec20), 1); },
-         "ATE0\r\nAT$QCRMCALL=0,1,1,2,1\r\n" + context + "AT$QCRMCALL=1,1,1,2,1\r\n", "OK\r\n",
-         -1, "370 1 set_qcrmcall|", "", nullptr, nullptr, {"ATE0", "AT$QCRMCALL"}, true},
+        {[] { return dial(family_of(modem_family::ec20)); }, "ATE0\r\nAT$QCRMCALL=0,1,1,2,1\r\n" + context + "AT$QCRMCALL=1,1,1,2,1\r\n",
+         "OK\r\n", "370 1 set_qcrmcall|", "", nullptr, nullptr, {"ATE0", "AT$QCRMCALL"}, true},
     };
     for (const exchange &c : cases) {
-        SCOPED_TRACE(c.commands.empty() ? c.reports : c.commands);
-        std::future<int> op = std::async(std::launch::async, c.op); // as a worker runs it
+        SCOPED_TRACE(c.commands.empty() ? c.outcome : c.commands);
+        std::future<op_outcome> op = std::async(std::launch::async, c.op); // as a worker runs it
         std::string seen;
         while (op.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready) {
             std::string cmd = port.module_reads("\r\n", 50);
@@ -99,9 +98,9 @@ TEST_F(OperationTest, ExchangesWithThePlayedModule) {
                                       [&](const std::string &r) { return cmd.rfind(r, 0) == 0; });
             port.module_says(refuse ? "ERROR\r\n" : c.answer);
         }
-        EXPECT_EQ(op.get(), c.result);
+        EXPECT_EQ(shown(op.get()), c.outcome);
         EXPECT_EQ(seen + module_got(), c.commands);
-        EXPECT_EQ(client.frames(), c.reports);
+        EXPECT_EQ(client.frames(), ""); // the outcome is the caller's to send
         EXPECT_EQ(urc(), c.urc);
         EXPECT_STREQ(c.field, c.value); // both null when the row names no field
         EXPECT_EQ(s.at_state.load(), AT_IDLE);
@@ -199,7 +198,7 @@ TEST(ExternalProgramTest, EachSettingIsOneArgument) {
     };
     config_apply("app_name", program.c_str());
     app_cmd_build();
-    ASSERT_EQ(dial(family_of(modem_family::ec20), 0), 0);
+    ASSERT_TRUE(dial(family_of(modem_family::ec20)).ok());
     EXPECT_EQ(arguments(), ""); // already there: awaited
     ASSERT_EQ(unlink(out.c_str()), 0);
 
@@ -208,7 +207,7 @@ TEST(ExternalProgramTest, EachSettingIsOneArgument) {
           {"apn_auth", "2"}})
         config_apply(key, value);
     app_cmd_build();
-    ASSERT_EQ(dial(family_of(modem_family::ec20), 0), 0);
+    ASSERT_TRUE(dial(family_of(modem_family::ec20)).ok());
     ASSERT_TRUE(wait_until([&] { return access(out.c_str(), F_OK) == 0; }, 5000))
         << state().app_cmd;
     EXPECT_EQ(arguments(), "-s\nmy apn;x\nu&\np w'\n2\n");

@@ -104,6 +104,12 @@ std::string shown(const reply_frame &r) {
 }
 } // namespace
 
+std::string shown(const op_outcome &o) {
+    if (o.status == STATUS_NONE)
+        return "";
+    return std::to_string(o.code) + " " + std::to_string(o.status) + " " + o.text + "|";
+}
+
 std::string client_end::frames() {
     client_report(0xFFFF, 0, nullptr);
     std::string got;

@@ -6,6 +6,7 @@
 
 #include "core/daemon_state.h"
 #include "core/frames.h"
+#include "core/outcome.h"
 #include "core/stats.h"
 #include "core/wait.h"
 #include "modem_emu/modem_emu.h"
@@ -16,6 +17,18 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+// An outcome as the reply frame the client would get, in the form
+// client_end::frames() shows frames ("code status text|"); "" when none is owed.
+std::string shown(const op_outcome &o);
+// Collects the outcomes handed to a reply_sink, shown as above.
+struct sink_capture {
+    std::string got;
+    reply_sink sink() {
+        return {[](const op_outcome &o, void *ctx) { static_cast<sink_capture *>(ctx)->got += shown(o); },
+                this};
+    }
+};
 
 // A fresh daemon state and statistics for the life of the object.
 struct fresh_state {

@@ -68,7 +68,7 @@ bool build_dial(const args &a, command *out, std::string *error) {
         *error = "dial takes on or off";
         return false;
     }
-    return single(out, make(501, {v}));
+    return single(out, make(CODE_AUTO_DIAL, {v}));
 }
 
 // "get SLOT" or "set SLOT [VALUE]" for the numbered settings of 521 and 523.
@@ -86,41 +86,41 @@ bool build_slots(uint16_t code, const args &a, command *out, std::string *error)
     return false;
 }
 
-bool build_apn(const args &a, command *out, std::string *error) { return build_slots(521, a, out, error); }
+bool build_apn(const args &a, command *out, std::string *error) { return build_slots(CODE_APN, a, out, error); }
 
 // The six link check targets are read one request each: 523 reads one slot.
 bool build_ping(const args &a, command *out, std::string *error) {
     if (a[0] == "list" && a.size() == 1) {
         for (char slot = '1'; slot <= '6'; ++slot)
-            out->steps.push_back(make(523, {"0", std::string(1, slot)}));
+            out->steps.push_back(make(CODE_PING_ADDRESS, {"0", std::string(1, slot)}));
         return true;
     }
     if (a[0] == "set" && a.size() != 3) {
         *error = "expected ping set SLOT ADDRESS (\"\" clears it)";
         return false;
     }
-    return build_slots(523, a, out, error);
+    return build_slots(CODE_PING_ADDRESS, a, out, error);
 }
 
 bool build_check(const args &a, command *out, std::string *error) {
     if (a.empty())
-        return single(out, make(522, {"0"}));
+        return single(out, make(CODE_AUTO_CHECK, {"0"}));
     if (a[0] == "period" && a.size() == 1)
-        return single(out, make(524, {"0"}));
+        return single(out, make(CODE_CHECK_PERIOD, {"0"}));
     if (a[0] == "period")
-        return single(out, make(524, {"1", a[1]}));
+        return single(out, make(CODE_CHECK_PERIOD, {"1", a[1]}));
     std::string v;
     if (a.size() != 1 || !switch_value(a[0], &v)) {
         *error = "expected check [on|off] or check period [SECONDS]";
         return false;
     }
-    return single(out, make(522, {"1", v}));
+    return single(out, make(CODE_AUTO_CHECK, {"1", v}));
 }
 
 bool build_down_script(const args &a, command *out, std::string *) {
     if (a.empty())
-        return single(out, make(525, {"0"}));
-    request r = make(525, {"1"});
+        return single(out, make(CODE_DOWN_SCRIPT, {"0"}));
+    request r = make(CODE_DOWN_SCRIPT, {"1"});
     if (!a[0].empty())
         r.fields.push_back(a[0]);
     return single(out, r);
@@ -132,31 +132,31 @@ bool build_passthrough(const args &a, command *out, std::string *error) {
         *error = "passthrough takes on or off";
         return false;
     }
-    return single(out, make(401, {v}));
+    return single(out, make(CODE_PASSTHROUGH, {v}));
 }
 
 // The daemon ends pass-through mode when its client leaves, so a raw command
 // switches it on for its own connection first.
 bool build_at(const args &a, command *out, std::string *) {
-    request on = make(401, {"1"});
+    request on = make(CODE_PASSTHROUGH, {"1"});
     on.quiet = true;
     out->steps.push_back(on);
-    request line = make(402, {"1", a[0]});
+    request line = make(CODE_AT_LINE, {"1", a[0]});
     line.kind = reply_kind::at_lines;
     line.busy_retry_ms = 2000;
     out->steps.push_back(line);
     return true;
 }
 
-bool build_call(const args &a, command *out, std::string *) { return single(out, make(304, {a[0]})); }
-bool build_tts(const args &a, command *out, std::string *) { return single(out, make(310, {"1", a[0]})); }
-bool build_tts_stop(const args &, command *out, std::string *) { return single(out, make(310, {"0"})); }
+bool build_call(const args &a, command *out, std::string *) { return single(out, make(CODE_VOICE_DIAL, {a[0]})); }
+bool build_tts(const args &a, command *out, std::string *) { return single(out, make(CODE_PLAY_TTS, {"1", a[0]})); }
+bool build_tts_stop(const args &, command *out, std::string *) { return single(out, make(CODE_PLAY_TTS, {"0"})); }
 
 bool build_lbs(const args &a, command *out, std::string *error) {
     if (a[0] == "get" && a.size() == 2)
-        return single(out, make(451, {"0", a[1]}));
+        return single(out, make(CODE_LBS_CONFIG, {"0", a[1]}));
     if (a[0] == "set" && a.size() == 3)
-        return single(out, make(451, {"1", a[1], a[2]}));
+        return single(out, make(CODE_LBS_CONFIG, {"1", a[1], a[2]}));
     *error = "expected get KEY or set KEY VALUE";
     return false;
 }
@@ -192,7 +192,7 @@ bool build_sms(const args &a, command *out, std::string *error) {
         return false;
     const std::string &number = a[i], &text = a[i + 1];
     if (text_mode)
-        return single(out, make(252, {number, text}));
+        return single(out, make(CODE_SMS_SEND_TEXT, {number, text}));
     // 7-bit when every character is in the GSM alphabet or its extension
     // table, else UCS-2 (which the daemon refuses for malformed UTF-8).
     std::vector<uint8_t> encoded(2 * text.size() + 2);
@@ -200,7 +200,7 @@ bool build_sms(const args &a, command *out, std::string *error) {
     bool seven = septets >= 0;
     int octets = seven ? 0 : utf8_to_utf16(text.data(), text.size(), encoded.data(), encoded.size());
     size_t units = octets > 0 ? static_cast<size_t>(octets) / 2 : 0;
-    if (!single(out, make(251, {seven ? "0" : "1", "DEFAULT", number, text, validity,
+    if (!single(out, make(CODE_SMS_SEND_PDU, {seven ? "0" : "1", "DEFAULT", number, text, validity,
                                 report ? "1" : "0"})))
         return false;
     // A long text goes out part by part, each of which the module may take
@@ -208,7 +208,7 @@ bool build_sms(const args &a, command *out, std::string *error) {
     size_t n = seven ? static_cast<size_t>(septets) : units;
     size_t parts = n <= (seven ? 160u : 70u) ? 1 : (n + (seven ? 151 : 65)) / (seven ? 152 : 66);
     parts = std::min<size_t>(parts, 10);
-    out->steps[0].timeout_ms = static_cast<int>(parts) * default_timeout_ms(251);
+    out->steps[0].timeout_ms = static_cast<int>(parts) * default_timeout_ms(CODE_SMS_SEND_PDU);
     return true;
 }
 
@@ -261,7 +261,7 @@ bool build_fota(const args &a, command *out, std::string *error) {
         }
         source = std::string(cwd) + "/" + source;
     }
-    request r = make(561, {url ? "1" : "0", source});
+    request r = make(CODE_FOTA, {url ? "1" : "0", source});
     if (!chunk.empty()) {
         r.fields.push_back(chunk);
         r.fields.push_back(pause.empty() ? "8" : pause);
@@ -275,7 +275,8 @@ bool build_status(const args &a, command *out, std::string *error) {
         *error = "usage: status [--json]";
         return false;
     }
-    static const uint16_t CODES[] = {911, 912, 913, 51, 103, 102};
+    static const uint16_t CODES[] = {CODE_VERSION, CODE_STATE, CODE_STATS,
+                                      CODE_GET_ATI, CODE_GET_COPS, CODE_GET_CSQ};
     for (uint16_t code : CODES) {
         request r = make(code);
         // A worker replies before it frees the port: the next query may find it busy.
@@ -291,30 +292,30 @@ bool build_status(const args &a, command *out, std::string *error) {
 constexpr size_t MANY = REQUEST_FIELDS_MAX;
 
 const command_spec COMMANDS[] = {
-    {"version", "version                  daemon version (911)", 0, 0, query<911>},
-    {"state", "state                    connection state (912)", 0, 0, query<912>},
-    {"stats", "stats                    statistics since the daemon started (913)", 0, 0, query<913>},
+    {"version", "version                  daemon version (911)", 0, 0, query<CODE_VERSION>},
+    {"state", "state                    connection state (912)", 0, 0, query<CODE_STATE>},
+    {"stats", "stats                    statistics since the daemon started (913)", 0, 0, query<CODE_STATS>},
     {"status", "status [--json]          the daemon at a glance: version, state, statistics,\n"
                "                           model, operator, signal (911, 912, 913, 51, 103, 102)",
      0, 1, build_status},
     {"restart", "restart                  restart the module; answered once it is open again (901)",
-     0, 0, query<901>},
-    {"model", "model                    module identification (51)", 0, 0, query<51>},
-    {"imei", "imei                     module IMEI (52)", 0, 0, query<52>},
-    {"imsi", "imsi                     SIM IMSI (101)", 0, 0, query<101>},
-    {"signal", "signal                   signal level (102)", 0, 0, query<102>},
-    {"operator", "operator                 network operator (103)", 0, 0, query<103>},
+     0, 0, query<CODE_RESTART>},
+    {"model", "model                    module identification (51)", 0, 0, query<CODE_GET_ATI>},
+    {"imei", "imei                     module IMEI (52)", 0, 0, query<CODE_GET_GSN>},
+    {"imsi", "imsi                     SIM IMSI (101)", 0, 0, query<CODE_GET_CIMI>},
+    {"signal", "signal                   signal level (102)", 0, 0, query<CODE_GET_CSQ>},
+    {"operator", "operator                 network operator (103)", 0, 0, query<CODE_GET_COPS>},
     {"registration", "registration             area and cell of the registration (111)", 0, 0,
-     query<111>},
+     query<CODE_GET_CREG>},
     {"netdev-status", "netdev-status            network device state, EC20 family (191)", 0, 0,
-     query<191>},
-    {"smsc", "smsc                     SMS service centre (201)", 0, 0, query<201>},
+     query<CODE_GET_QNETDEVSTATUS>},
+    {"smsc", "smsc                     SMS service centre (201)", 0, 0, query<CODE_GET_CSCA>},
     {"sms-defaults", "sms-defaults             message and call presentation defaults (301)", 0, 0,
-     query<301>},
-    {"answer", "answer                   answer the incoming call (302)", 0, 0, query<302>},
-    {"hangup", "hangup                   hang up (303)", 0, 0, query<303>},
-    {"data-call", "data-call                dial the data call now (370)", 0, 0, query<370>},
-    {"location", "location                 cell-based position (452)", 0, 0, query<452>},
+     query<CODE_SMS_CALL_DEFAULTS>},
+    {"answer", "answer                   answer the incoming call (302)", 0, 0, query<CODE_ANSWER_CALL>},
+    {"hangup", "hangup                   hang up (303)", 0, 0, query<CODE_HANG_UP>},
+    {"data-call", "data-call                dial the data call now (370)", 0, 0, query<CODE_DIAL>},
+    {"location", "location                 cell-based position (452)", 0, 0, query<CODE_GET_QLBS>},
     {"dial", "dial on|off              keep the data link up or take it down (501)", 1, 1, build_dial},
     {"apn", "apn get N | apn set N [VALUE]   1 name, 2 user, 3 password, 4 auth (521)", 2, 3,
      build_apn},
@@ -508,7 +509,7 @@ private:
         int percent = 0;
         std::string label;
         // On a terminal the update's percentages redraw one bar in place.
-        if (opts_.tty && !opts_.json && !event && f.code == 561 && f.status == STATUS_PROGRESS &&
+        if (opts_.tty && !opts_.json && !event && f.code == CODE_FOTA && f.status == STATUS_PROGRESS &&
             progress_percent(f, &label, &percent)) {
             out_ << "\r" << progress_bar(label, percent) << std::flush;
             bar_open_ = true;
@@ -768,22 +769,7 @@ std::vector<uint8_t> encode(const request &r, std::string *error) {
     return out;
 }
 
-int default_timeout_ms(uint16_t code) {
-    // The longest module waits behind a code, with room for the port to be free.
-    static const std::map<uint16_t, int> LONG = {
-        {901, 120000},  // power cycle, 20 s pause and bring-up
-        {370, 300000},  // a dial may wait minutes for the network
-        {452, 150000},  // the position may take two minutes
-        {303, 100000},  // hang-up waits up to 90 s
-        {251, 130000}, {252, 130000}, // the module may take 120 s to answer a message
-        {234, 20000}, {236, 20000},
-        {301, 60000},  {353, 160000}, {352, 50000},
-        {561, 1300000}, // firmware update
-        {402, 30000},
-    };
-    auto it = LONG.find(code);
-    return it != LONG.end() ? it->second : 15000;
-}
+int default_timeout_ms(uint16_t code) { return code_answer_ms(code); }
 
 std::string status_name(uint16_t code, uint16_t status) {
     if (code == EVENT_SMS_REPORT)
@@ -993,6 +979,9 @@ bool call_words(const reply_frame &f, const std::string &text, std::string *stat
 
 std::string quoted(const std::string &s) { return "\"" + json_escape(s) + "\""; }
 
+// The start of an event's JSON object, named as the protocol names it.
+std::string json_event(uint16_t code) { return std::string("{\"event\":\"") + code_name(code) + "\""; }
+
 } // namespace
 
 std::string format_event(const reply_frame &f, const print_style &style) {
@@ -1007,7 +996,7 @@ std::string format_event(const reply_frame &f, const print_style &style) {
             std::string more = detail.empty() ? ""
                                : state == "ended" ? ",\"reason\":" + quoted(detail)
                                                   : ",\"number\":" + quoted(detail);
-            return "{\"event\":\"call\",\"state\":\"" + state + "\"" + more + "}";
+            return json_event(EVENT_CALL) + ",\"state\":\"" + state + "\"" + more + "}";
         }
         if (state == "ended")
             return "call ended (" + detail + ")";
@@ -1016,9 +1005,9 @@ std::string format_event(const reply_frame &f, const print_style &style) {
         return "call " + state;
     }
     case EVENT_TTS_DONE:
-        return json ? "{\"event\":\"tts_done\"}" : "tts done";
+        return json ? json_event(EVENT_TTS_DONE) + "}" : "tts done";
     case EVENT_TONE:
-        return json ? "{\"event\":\"tone\",\"tone\":" + quoted(text) + "}" : "tone " + plain_escape(text);
+        return json ? json_event(EVENT_TONE) + ",\"tone\":" + quoted(text) + "}" : "tone " + plain_escape(text);
     case EVENT_SMS:
         return format_sms_record(text, style);
     case EVENT_SMS_REPORT: {
@@ -1030,7 +1019,7 @@ std::string format_event(const reply_frame &f, const print_style &style) {
             return "";
         std::string status = std::to_string(f.status);
         if (json)
-            return "{\"event\":\"sms_report\",\"reference\":" + std::to_string(reference) + ",\"status\":" +
+            return json_event(EVENT_SMS_REPORT) + ",\"reference\":" + std::to_string(reference) + ",\"status\":" +
                    status + ",\"outcome\":\"" + report_outcome(f.status) + "\"}";
         return "sms report ref " + std::to_string(reference) + " status " + status + " (" +
                report_outcome(f.status) + ")";
@@ -1039,11 +1028,11 @@ std::string format_event(const reply_frame &f, const print_style &style) {
         if (!text.empty() || (f.status != STATUS_OK && f.status != STATUS_FAIL))
             return "";
         const char *state = f.status == STATUS_FAIL ? "left" : "back";
-        return json ? std::string("{\"event\":\"module\",\"state\":\"") + state + "\"}"
+        return json ? json_event(EVENT_MODULE) + ",\"state\":\"" + state + "\"}"
                     : std::string(f.status == STATUS_FAIL ? "module left the bus" : "module back");
     }
     case EVENT_MODULE_ERROR:
-        return json ? "{\"event\":\"module_error\",\"line\":" + quoted(text) + "}"
+        return json ? json_event(EVENT_MODULE_ERROR) + ",\"line\":" + quoted(text) + "}"
                     : "module error " + plain_escape(text);
     default:
         return "";
@@ -1057,7 +1046,7 @@ std::string format_sms_record(const std::string &record, const print_style &styl
     if (style.json) {
         std::string iso = sms.time;
         iso[10] = 'T';
-        return "{\"event\":\"sms\",\"from\":" + quoted(sms.from) + ",\"time\":\"" + iso +
+        return json_event(EVENT_SMS) + ",\"from\":" + quoted(sms.from) + ",\"time\":\"" + iso +
                "\",\"text\":" + quoted(sms.text) + "}";
     }
     return "sms from " + plain_escape(sms.from) + " at " + sms.time + ": " + plain_escape(sms.text);
@@ -1223,7 +1212,7 @@ std::optional<std::string> answer_text(const std::map<uint16_t, reply_frame> &re
 
 // The statistics when 913 answered with a text that reads.
 std::optional<daemon_stats> stats_of(const std::map<uint16_t, reply_frame> &replies) {
-    std::optional<std::string> text = answer_text(replies, 913);
+    std::optional<std::string> text = answer_text(replies, CODE_STATS);
     daemon_stats s;
     if (!text || !parse_stats(*text, &s))
         return std::nullopt;
@@ -1232,7 +1221,7 @@ std::optional<daemon_stats> stats_of(const std::map<uint16_t, reply_frame> &repl
 
 // The signal level as a number: "20", or "-1" when the module does not know it.
 std::optional<long> signal_level(const std::map<uint16_t, reply_frame> &replies) {
-    std::optional<std::string> text = answer_text(replies, 102);
+    std::optional<std::string> text = answer_text(replies, CODE_GET_CSQ);
     if (!text)
         return std::nullopt;
     size_t sign = !text->empty() && (*text)[0] == '-' ? 1 : 0;
@@ -1269,7 +1258,7 @@ stats_phrases stats_words(const daemon_stats &s) {
     return p;
 }
 
-bool status_code_is_local(uint16_t code) { return code == 911 || code == 912 || code == 913; }
+bool status_code_is_local(uint16_t code) { return code == CODE_VERSION || code == CODE_STATE || code == CODE_STATS; }
 
 int status_exit(const std::map<uint16_t, reply_frame> &replies) {
     return stats_of(replies) ? EXIT_OK : EXIT_FAILED;
@@ -1278,9 +1267,9 @@ int status_exit(const std::map<uint16_t, reply_frame> &replies) {
 std::string format_status(const std::map<uint16_t, reply_frame> &replies, const print_style &style,
                           bool on_events) {
     const std::optional<daemon_stats> stats = stats_of(replies);
-    const std::optional<std::string> version = answer_text(replies, 911);
+    const std::optional<std::string> version = answer_text(replies, CODE_VERSION);
     // 912 carries its state text with busy (12) too; not ready (13) has none.
-    const reply_frame *state_reply = reply_to(replies, 912);
+    const reply_frame *state_reply = reply_to(replies, CODE_STATE);
     std::optional<std::string> state;
     if (state_reply != nullptr && state_reply->text_len > 0 &&
         (state_reply->status == STATUS_OK || state_reply->status == STATUS_BUSY))
@@ -1293,8 +1282,8 @@ std::string format_status(const std::map<uint16_t, reply_frame> &replies, const 
             out += ",\"" + std::string(STATS_KEYS[i]) + "\":";
             out += stats && stats->known[i] ? std::to_string(stats->value[i]) : "null";
         }
-        out += ",\"model\":" + json_text(answer_text(replies, 51)) +
-               ",\"operator\":" + json_text(answer_text(replies, 103)) +
+        out += ",\"model\":" + json_text(answer_text(replies, CODE_GET_ATI)) +
+               ",\"operator\":" + json_text(answer_text(replies, CODE_GET_COPS)) +
                ",\"signal\":" + (signal ? std::to_string(*signal) : "null");
         if (on_events)
             out += ",\"asked_on\":\"events\",\"not_asked\":[\"model\",\"operator\",\"signal\"]";
@@ -1313,25 +1302,25 @@ std::string format_status(const std::map<uint16_t, reply_frame> &replies, const 
         out += padded + first + (!first.empty() && !second.empty() ? joint : "") + second;
     };
     const stats_phrases words = stats ? stats_words(*stats) : stats_phrases{};
-    line("daemon", version ? plain_escape(*version) : "version " + why_not(reply_to(replies, 911)), words.up);
+    line("daemon", version ? plain_escape(*version) : "version " + why_not(reply_to(replies, CODE_VERSION)), words.up);
     line("state", state ? plain_escape(*state) : why_not(state_reply), words.link);
     if (!stats) {
-        const reply_frame *f = reply_to(replies, 913);
+        const reply_frame *f = reply_to(replies, CODE_STATS);
         line("stats", f != nullptr && f->status == STATUS_OK ? "unreadable: " + plain_escape(std::string(f->text, f->text_len))
                                                              : why_not(f));
     }
     line("dials", words.dials);
     // Only the command socket reaches the module: its lines were not asked.
     const std::string not_asked = "not asked (the command socket serves another client)";
-    const reply_frame *model = reply_to(replies, 51);
+    const reply_frame *model = reply_to(replies, CODE_GET_ATI);
     line("module", on_events ? not_asked
                    : model != nullptr && model->status == STATUS_OK ? plain_escape(std::string(model->text, model->text_len))
                                                                     : why_not(model));
     line("faults", words.lost, words.resets);
-    std::optional<std::string> operator_name = answer_text(replies, 103);
+    std::optional<std::string> operator_name = answer_text(replies, CODE_GET_COPS);
     line("operator", on_events ? not_asked
-                     : operator_name ? plain_escape(*operator_name) : why_not(reply_to(replies, 103)));
-    const reply_frame *signal_reply = reply_to(replies, 102);
+                     : operator_name ? plain_escape(*operator_name) : why_not(reply_to(replies, CODE_GET_COPS)));
+    const reply_frame *signal_reply = reply_to(replies, CODE_GET_CSQ);
     std::string signal_words = !signal ? why_not(signal_reply)
                                : *signal < 0 || *signal == 99 ? "unknown"
                                                               : std::to_string(*signal) + " of 31";
