@@ -14,7 +14,9 @@ static=OFF
 args=(-DCMAKE_BUILD_TYPE=MinSizeRel -DZOLVIN_TESTS=OFF -DZOLVIN_WERROR=ON -DZOLVIN_STATIC=$static)
 case "$arch" in
     native) ;;
-    armhf|arm64) args+=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$arch.cmake) ;;
+    armhf|arm64) args+=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$arch.cmake)
+                 # The board's libmosquitto for zolvin_4g_mqtt (not with --static: Debian ships no static one).
+                 [ "$static" = ON ] || args+=(-DZOLVIN_MOSQUITTO_ROOT="$(scripts/mosquitto-sysroot.sh "$arch")") ;;
     *) echo "package.sh: native, armhf or arm64, not '$arch'" >&2; exit 2 ;;
 esac
 build=build/pkg-$arch$([ "$static" = ON ] && echo -static || true)
