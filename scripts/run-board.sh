@@ -157,19 +157,21 @@ events_session() {
 # A broker on the board's loopback, a subscriber to everything the board
 # publishes, and zolvin_4g_mqtt beside the client, all in the board's network
 # namespace (where the daemon's events socket is).
-in_board() { nsenter --net="/proc/$board_pid/ns/net" "$@"; }
+  # (An array, not a function: a function put in the background is a subshell,
+  # and $! would be its pid, not the program's.)
+  in_board=(nsenter --net="/proc/$board_pid/ns/net")
 mqtt_start() {
   [ "$mqtt" -eq 1 ] || return 0
   printf 'user root\nlog_dest stderr\nallow_anonymous true\nlistener 1883 127.0.0.1\n' >"$work/broker.conf"
-  in_board mosquitto -c "$work/broker.conf" >"$work/broker.log" 2>&1 &
+  "${in_board[@]}" mosquitto -c "$work/broker.conf" >"$work/broker.log" 2>&1 &
   mqtt_pids+=($!)
   until_seen ' running' "$work/broker.log" 10 || return 0
-  in_board mosquitto_sub -h 127.0.0.1 -t 'zolvin/#' -v >"$work/mqtt_sub.out" 2>&1 &
+  "${in_board[@]}" mosquitto_sub -h 127.0.0.1 -t 'zolvin/#' -v >"$work/mqtt_sub.out" 2>&1 &
   mqtt_pids+=($!)
   printf 'broker=127.0.0.1\nclient_id=demo-board\nstate_interval_s=5\n' >"$work/zolvin_4g_mqtt.conf"
   echo "== zolvin_4g_mqtt, configuration:"
   sed 's/^/   /' "$work/zolvin_4g_mqtt.conf"
-  in_board "$build/tools/mqtt/zolvin_4g_mqtt" --config "$work/zolvin_4g_mqtt.conf" >"$work/mqtt.log" 2>&1 &
+  "${in_board[@]}" "$build/tools/mqtt/zolvin_4g_mqtt" --config "$work/zolvin_4g_mqtt.conf" >"$work/mqtt.log" 2>&1 &
   mqtt_pids+=($!)
   until_seen 'demo-board/state' "$work/mqtt_sub.out" 10 || true
 }

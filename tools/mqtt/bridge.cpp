@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -443,10 +444,12 @@ int bridge::run(int stop_fd) {
             p[2].events = static_cast<short>(POLLIN | (mosquitto_want_write(mosq_) ? POLLOUT : 0));
         }
         now = clock_type::now();
-        int timeout = next == clock_type::time_point::max()
-                          ? -1
-                          : static_cast<int>(std::max<long>(
-                                0, std::chrono::duration_cast<milliseconds>(next - now).count() + 1));
+        int timeout = -1;
+        if (next != clock_type::time_point::max()) {
+            // Rounded up, so that the wake comes after the deadline, not just before it.
+            const int64_t ms = std::chrono::duration_cast<milliseconds>(next - now).count() + 1;
+            timeout = static_cast<int>(std::min<int64_t>(std::max<int64_t>(ms, 0), 3600 * 1000));
+        }
         int rc = poll(p, 3, timeout);
         if (rc < 0 && errno != EINTR) {
             say(std::string("poll: ") + strerror(errno));
