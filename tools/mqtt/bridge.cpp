@@ -472,6 +472,11 @@ int bridge::run(int stop_fd) {
                     broker_gone_ = true;
                     if (broker_why_.empty())
                         broker_why_ = r == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(r);
+                } else if (r == MOSQ_ERR_SUCCESS && (p[2].revents & (POLLHUP | POLLERR)) != 0 && !broker_gone_) {
+                    // A socket that hangs up stays readable: left alone it would spin the loop.
+                    broker_gone_ = true;
+                    if (broker_why_.empty())
+                        broker_why_ = "connection lost";
                 }
             }
             if (mosq_ != nullptr && !broker_gone_ && (p[2].revents & POLLOUT) != 0) {
