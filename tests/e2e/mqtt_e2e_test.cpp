@@ -7,7 +7,11 @@
 #include "e2e/board.h"
 
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <fstream>
 #include <sys/stat.h>
 #include <sstream>
@@ -91,7 +95,12 @@ struct message {
 // of what the subscriber is owed.
 class mqtt_rig {
 public:
-    explicit mqtt_rig(sim_board &board) : board_(board), dir_(board.path("mqtt")) { mkdir(dir_.c_str(), 0755); }
+    explicit mqtt_rig(sim_board &board) : board_(board), dir_(board.path("mqtt")) {
+        mkdir(dir_.c_str(), 0755);
+        // The board has its network namespace once it serves its control
+        // socket; a program started before would run outside it.
+        EXPECT_TRUE(wait_until([&] { return access(board.path("control.sock").c_str(), F_OK) == 0; }, 10000, 5));
+    }
 
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
     std::string write(const std::string &name, const std::string &content) const {
@@ -119,9 +128,10 @@ public:
         return wait_until([&] { return count_in(path("broker.err"), "test-sub") > 0; }, 10000, 5);
     }
 
-    void start_program(const std::string &conf) {
-        program_ = std::make_unique<ns_process>(&board_, std::vector<std::string>{MQTT_BIN, "--config", write("program.conf", conf)},
-                                                path("program.out"), path("program.err"));
+    void start_program(const std::string &conf, const std::vector<std::string> &more = {}) {
+        std::vector<std::string> argv = {MQTT_BIN, "--config", write("program.conf", conf)};
+        argv.insert(argv.end(), more.begin(), more.end());
+        program_ = std::make_unique<ns_process>(&board_, argv, path("program.out"), path("program.err"));
     }
     ns_process &program() { return *program_; }
     std::string program_err() const { return read_file(path("program.err")); }
@@ -354,6 +364,105 @@ TEST(MqttSlowTest, ABrokerAwayLosesNoEventWithinTheQueueAndDropsTheOldestBeyondI
     ASSERT_EQ(show(b.client->reply(901, milliseconds(60000))), "901/0/");
     ASSERT_TRUE(rig.wait_for([&] { return !rig.events(from).empty(); }));
     EXPECT_EQ(rig.events(from)[0], "restarted {\"code\":901,\"status\":0,\"status_name\":\"ok\",\"text\":\"\"}");
+}
+
+// A stand-in for the daemon's events socket, in the board's network
+// namespace: it answers 912 and 913, sends what it is told, and hangs up.
+class fake_events {
+public:
+    fake_events(sim_board &board, const std::string &name) {
+        board.in_network([&] {
+            sockaddr_un addr{};
+            addr.sun_family = AF_UNIX;
+            memcpy(addr.sun_path + 1, name.data(), name.size());
+            listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&addr),
+                     static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())) != 0 ||
+                ::listen(listen_fd_, 4) != 0)
+                ADD_FAILURE() << "cannot listen on @" << name << ": " << strerror(errno);
+        });
+    }
+    ~fake_events() {
+        hang_up();
+        close(listen_fd_);
+    }
+    bool accept_within(milliseconds timeout) {
+        pollfd p{listen_fd_, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(timeout.count())) != 1)
+            return false;
+        fd_ = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        return fd_ >= 0;
+    }
+    // Answers the requests that come within `timeout`: 912 with `state`, 913
+    // with a statistics text of `link`; true once both were answered.
+    bool serve_state(const std::string &state, int link, milliseconds timeout) {
+        bool state_asked = false, stats_asked = false;
+        const long long until = monotonic_ms() + timeout.count();
+        while (!(state_asked && stats_asked) && monotonic_ms() < until) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, static_cast<int>(until - monotonic_ms())) != 1)
+                break;
+            uint8_t buf[REQUEST_MAX];
+            ssize_t n = recv(fd_, buf, sizeof buf, 0);
+            request_frame r;
+            if (n <= 0 || request_parse(buf, static_cast<size_t>(n), &r) < 0)
+                return false;
+            const std::string stats = "up=5 link=" + std::to_string(link) + " link_s=0 dials=1 dial_failures=0 resets=0 "
+                                      "lost=0 probes=0 probe_failures=0 sms_in=0 sms_out=0 dropped=0";
+            if (r.code == 912)
+                state_asked = send_frame(912, 0, state);
+            else if (r.code == 913)
+                stats_asked = send_frame(913, 0, stats);
+        }
+        return state_asked && stats_asked;
+    }
+    bool send_frame(int code, int status, const std::string &text) {
+        uint8_t frame[REPLY_MAX];
+        size_t len = reply_build(frame, code, status, text.c_str());
+        return send(fd_, frame, len, MSG_NOSIGNAL) == static_cast<ssize_t>(len);
+    }
+    void hang_up() {
+        if (fd_ >= 0)
+            close(std::exchange(fd_, -1));
+    }
+
+private:
+    int listen_fd_ = -1, fd_ = -1;
+};
+
+// The daemon's socket lost: online goes to "0" at once, the program comes back
+// by itself (1 s later, the back-off's first step) with "1" and a fresh state,
+// and what it hears then is published.
+TEST(MqttTest, TheDaemonsSocketLostMeansOfflineUntilTheProgramIsBack) {
+    SKIP_WITHOUT_MQTT();
+    SKIP_WITHOUT_BOARD();
+    sim_board board(board_config("none"));
+    ASSERT_TRUE(board.start_daemon());
+    mqtt_rig rig(board);
+    ASSERT_TRUE(rig.start_broker());
+    ASSERT_TRUE(rig.start_subscriber()) << read_file(rig.path("broker.err")) << read_file(rig.path("sub.err"));
+    const std::string name = "zolvin_mqtt_test_events";
+    fake_events daemon(board, name);
+    rig.start_program(PROGRAM_CONF, {"--events-socket", "@" + name});
+    ASSERT_TRUE(daemon.accept_within(WAIT)) << rig.program_err();
+    ASSERT_TRUE(daemon.serve_state("Connected", 1, WAIT));
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.payloads(PREFIX + "/state").empty(); })) << rig.program_err();
+    EXPECT_EQ(rig.payloads(PREFIX + "/online"), std::vector<std::string>{"1"});
+
+    daemon.hang_up();
+    ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/online").size() == 2; }));
+    EXPECT_EQ(rig.payloads(PREFIX + "/online").back(), "0");
+    EXPECT_EQ(rig.retained(PREFIX + "/online"), "1 0");
+    const long long lost = monotonic_ms();
+    ASSERT_TRUE(daemon.accept_within(milliseconds(5000)));
+    EXPECT_GE(monotonic_ms() - lost, 800); // the back-off, not a busy retry
+    ASSERT_TRUE(daemon.serve_state("Disconnected", 0, WAIT));
+    ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/state").size() == 2; }));
+    EXPECT_EQ(json_member(rig.payloads(PREFIX + "/state").back(), "state"), "\"Disconnected\"");
+    EXPECT_EQ(rig.payloads(PREFIX + "/online").back(), "1");
+    ASSERT_TRUE(daemon.send_frame(1021, 1, "7"));
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.events().empty(); }));
+    EXPECT_EQ(rig.events(), std::vector<std::string>{"tone {\"event\":\"tone\",\"tone\":\"7\"}"});
 }
 
 // The openssl commands that make a CA and a broker certificate for 127.0.0.1

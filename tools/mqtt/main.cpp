@@ -14,17 +14,19 @@
 
 namespace {
 
-const char USAGE[] = "usage: zolvin_4g_mqtt [--config FILE]\n"
+const char USAGE[] = "usage: zolvin_4g_mqtt [--config FILE] [--events-socket NAME]\n"
                      "Publishes the events and state of zolvin_4g to the MQTT broker named in FILE\n"
                      "(default /etc/zolvin_4g_mqtt.conf). See zolvin_4g_mqtt(8).\n";
 
 } // namespace
 
 int main(int argc, char **argv) {
-    std::string path = mqtt::CONFIG_PATH;
+    std::string path = mqtt::CONFIG_PATH, events_socket = EVENTS_SOCKET_NAME;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--config") == 0 && i + 1 < argc) {
             path = argv[++i];
+        } else if (strcmp(argv[i], "--events-socket") == 0 && i + 1 < argc) {
+            events_socket = argv[++i];
         } else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
             fputs(USAGE, stdout);
             return 0;
@@ -39,7 +41,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "zolvin_4g_mqtt: %s\n", error.c_str());
         return mqtt::EXIT_CONFIG;
     }
-    opts.events_socket = EVENTS_SOCKET_NAME;
+    opts.events_socket = events_socket;
 
     // SIGTERM and SIGINT end the loop through a descriptor it watches; a
     // broker or daemon that hangs up must not end the program.
