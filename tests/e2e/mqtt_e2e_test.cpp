@@ -102,6 +102,18 @@ public:
         EXPECT_TRUE(wait_until([&] { return access(board.path("control.sock").c_str(), F_OK) == 0; }, 10000, 5));
     }
 
+    // A sanitized build's report on the program's standard error fails the
+    // test; the program ends with SIGTERM, so a leak check runs too.
+    ~mqtt_rig() {
+        if (program_ == nullptr)
+            return;
+        program_->stop();
+        const std::string err = program_err();
+        EXPECT_TRUE(err.find("Sanitizer") == std::string::npos && err.find("runtime error") == std::string::npos) << err;
+    }
+    mqtt_rig(const mqtt_rig &) = delete;
+    mqtt_rig &operator=(const mqtt_rig &) = delete;
+
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
     std::string write(const std::string &name, const std::string &content) const {
         std::ofstream(path(name), std::ios::binary) << content;
