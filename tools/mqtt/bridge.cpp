@@ -78,7 +78,7 @@ int connect_events(const std::string &name, uid_t owner, std::string *error) {
 
 class bridge {
 public:
-    bridge(const bridge_options &o) : o_(o), queue_(static_cast<size_t>(o.cfg.queue)) {}
+    explicit bridge(const bridge_options &o) : o_(o), queue_(static_cast<size_t>(o.cfg.queue)) {}
     ~bridge() { broker_close(); daemon_close(); }
     int run(int stop_fd);
 
