@@ -90,6 +90,7 @@ private:
     // `events_first`: the events queued before go out before it.
     void publish_retained(const std::string &topic, const std::string &payload, bool events_first = true);
     void flush_queue();
+    void greet_broker();
     void shutdown();
     static void on_connect(mosquitto *, void *self, int rc);
     static void on_disconnect(mosquitto *, void *self, int rc);
@@ -117,6 +118,7 @@ private:
 
     mosquitto *mosq_ = nullptr;
     bool broker_up_ = false;   // CONNACK accepted
+    bool just_connected_ = false; // accepted; online and the state not yet published
     bool broker_gone_ = false; // a callback saw the connection end
     std::string broker_why_;   // the reason a callback or the library's log gave
     backoff broker_backoff_;
@@ -149,12 +151,19 @@ void bridge::on_connect(mosquitto *, void *self, int rc) {
         return;
     }
     b->broker_up_ = true;
+    b->just_connected_ = true;
     b->broker_backoff_.reset();
     say("connected to the broker " + b->o_.cfg.broker + ":" + std::to_string(b->o_.cfg.broker_port()));
+}
+
+void bridge::greet_broker() {
+    // Called from the loop, not from on_connect: the library holds its own
+    // locks around a callback, and a publication there takes them in another order.
+    just_connected_ = false;
     // Online first: a fleet sees the board back before its backlog.
-    b->publish_retained(b->topic("online"), b->online_value(), false);
-    if (b->have_stats_)
-        b->publish_state();
+    publish_retained(topic("online"), online_value(), false);
+    if (have_stats_)
+        publish_state();
 }
 
 void bridge::on_disconnect(mosquitto *, void *self, int rc) {
@@ -214,6 +223,7 @@ void bridge::broker_close() {
         mosquitto_destroy(mosq_);
     mosq_ = nullptr;
     broker_up_ = false;
+    just_connected_ = false;
     broker_gone_ = false;
 }
 
@@ -426,6 +436,8 @@ int bridge::run(int stop_fd) {
         }
         if (mosq_ != nullptr && (broker_gone_ || mosquitto_socket(mosq_) < 0))
             broker_lost(now, broker_why_.empty() ? "connection lost" : broker_why_);
+        if (broker_up_ && just_connected_)
+            greet_broker();
         flush_queue();
 
         // The next deadline.
