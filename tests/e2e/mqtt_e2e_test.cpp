@@ -210,8 +210,9 @@ private:
 // A member of a JSON object as Python's json module reads it ("null" when
 // it is missing), so that no check rests on our own escaping.
 std::string json_member(const std::string &json, const std::string &key) {
-    auto [status, out] = run_command("printf '%s' '" + json + "' | python3 -c 'import json,sys; print(json.dumps(json.load(sys.stdin).get(\"" +
-                                     key + "\")))'");
+    temp_dir dir;
+    auto [status, out] = run_command("python3 -c 'import json,sys; print(json.dumps(json.load(sys.stdin).get(\"" + key +
+                                     "\")))' <" + dir.write("member.json", json));
     EXPECT_EQ(status, 0) << json;
     return out.substr(0, out.find('\n'));
 }
