@@ -14,14 +14,18 @@ static=OFF
 args=(-DCMAKE_BUILD_TYPE=MinSizeRel -DZOLVIN_TESTS=OFF -DZOLVIN_WERROR=ON -DZOLVIN_STATIC=$static)
 case "$arch" in
     native) ;;
-    armhf|arm64) args+=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$arch.cmake) ;;
+    armhf|arm64) args+=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$arch.cmake)
+                 # The board's libmosquitto for zolvin_4g_mqtt (not with --static: Debian ships no static one).
+                 [ "$static" = ON ] || args+=(-DZOLVIN_MOSQUITTO_ROOT="$(scripts/mosquitto-sysroot.sh "$arch")") ;;
     *) echo "package.sh: native, armhf or arm64, not '$arch'" >&2; exit 2 ;;
 esac
 build=build/pkg-$arch$([ "$static" = ON ] && echo -static || true)
 cmake -S . -B "$build" -G Ninja "${args[@]}" >/dev/null
 nice -n 10 cmake --build "$build" -j 2 >/dev/null
 (cd "$build" && rm -f ./*.deb && cpack -G DEB >cpack.log 2>&1) || { cat "$build/cpack.log"; exit 1; }
-deb=$(ls "$build"/*.deb)
+deb=$(ls "$build"/zolvin-4g_*.deb)
+# The telemetry program's package, where libmosquitto was there to build it.
+mqtt_deb=$(ls "$build"/zolvin-4g-mqtt_*.deb 2>/dev/null || true)
 
 fail() { echo "package.sh: $*" >&2; exit 1; }
 dpkg-deb -I "$deb" | sed -n '/Architecture:/,$p'
@@ -78,4 +82,48 @@ if [ "$arch" = native ] && command -v systemd-analyze >/dev/null; then
     echo "systemd-analyze verify: passed"
 fi
 echo "daemon: $(stat -c %s "$root/usr/sbin/zolvin_4g") bytes stripped"
+
+if [ -n "$mqtt_deb" ]; then
+    echo "== $mqtt_deb"
+    dpkg-deb -I "$mqtt_deb" | sed -n '/Architecture:/,$p'
+    dpkg-deb -f "$mqtt_deb" Architecture | grep -qx "$want_arch" || fail "mqtt: not an $want_arch package"
+    dpkg-deb -f "$mqtt_deb" Depends | grep -q 'zolvin-4g (= ' || fail "mqtt: no dependency on zolvin-4g"
+    if [ "$static" = OFF ]; then
+        dpkg-deb -f "$mqtt_deb" Depends | grep -Eq '(^|, )libmosquitto1( \(>= [0-9.]+\))?(,|$)' ||
+            fail "mqtt: no dependency on libmosquitto1"
+    fi
+    [ "$(dpkg-deb --ctrl-tarfile "$mqtt_deb" | tar -xOf - ./conffiles)" = "/etc/zolvin_4g_mqtt.conf" ] ||
+        fail "mqtt: the conffile is not its configuration"
+    mroot=$root/mqtt
+    dpkg-deb -x "$mqtt_deb" "$mroot"
+    files=$(cd "$mroot" && find . -type f -printf '%m %p\n' | sort)
+    echo "$files"
+    [ "$files" = "644 ./etc/zolvin_4g_mqtt.conf
+644 ./usr/lib/systemd/system/zolvin_4g_mqtt.service
+644 ./usr/share/man/man8/zolvin_4g_mqtt.8.gz
+755 ./usr/sbin/zolvin_4g_mqtt" ] || fail "mqtt: unexpected files or modes"
+    file "$mroot/usr/sbin/zolvin_4g_mqtt" | grep -q ', stripped' || fail "mqtt: program not stripped"
+    [ -z "$(zcat "$mroot/usr/share/man/man8/zolvin_4g_mqtt.8.gz" | LC_ALL=C.UTF-8 groff -man -Tutf8 -ww -z 2>&1)" ] ||
+        fail "groff warns on zolvin_4g_mqtt.8"
+    # The example configuration is all comments: the program must refuse it
+    # for want of a broker, naming the key (a native package only runs here).
+    if [ "$arch" = native ]; then
+        out=$("$mroot/usr/sbin/zolvin_4g_mqtt" --config "$mroot/etc/zolvin_4g_mqtt.conf" 2>&1) && fail "mqtt: ran without a broker"
+        echo "$out" | grep -q "configuration key broker: required" || fail "mqtt: unexpected refusal: $out"
+        # Every key of the example, uncommented, is one the program takes.
+        # (The broker this machine itself, so that nothing leaves it.)
+        sed -n 's/^#\([a-z_]*=.*\)/\1/p' "$mroot/etc/zolvin_4g_mqtt.conf" | grep -v '^tls_\|^password_file' |
+            sed 's/^broker=.*/broker=127.0.0.1/' >"$root/every_key.conf"
+        out=$(timeout 1 "$mroot/usr/sbin/zolvin_4g_mqtt" --config "$root/every_key.conf" 2>&1; echo "status $?")
+        echo "$out" | grep -q "configuration key" && fail "mqtt: the example's keys are refused: $out"
+    fi
+    if [ "$arch" = native ] && command -v systemd-analyze >/dev/null; then
+        sed "s|^ExecStart=|ExecStart=$mroot|" "$mroot/usr/lib/systemd/system/zolvin_4g_mqtt.service" \
+            >"$root/zolvin_4g_mqtt.service"
+        MANPATH="$mroot/usr/share/man" systemd-analyze verify "$root/zolvin_4g_mqtt.service"
+        echo "systemd-analyze verify (mqtt): passed"
+    fi
+    echo "mqtt: $(stat -c %s "$mroot/usr/sbin/zolvin_4g_mqtt") bytes stripped"
+    echo "$mqtt_deb"
+fi
 echo "$deb"

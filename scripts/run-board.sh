@@ -4,21 +4,25 @@
 # output as it comes, then what the board recorded. Needs root (the board uses
 # namespaces and mounts); installs missing build tools with apt-get.
 #
-#   scripts/run-board.sh [--seconds N] [--family ec20|ec200t|ec200s|none] [--keep]
+#   scripts/run-board.sh [--seconds N] [--family ec20|ec200t|ec200s|none] [--keep] [--mqtt]
 #
 # The board is stopped after N seconds (default 15) if the daemon has not ended
-# by itself by then.
+# by itself by then. --mqtt also runs a Mosquitto broker and zolvin_4g_mqtt on
+# the board, and shows what mosquitto_sub received of the board's state and
+# events.
 set -euo pipefail
 
 seconds=15
 family=ec200t
 keep=0
+mqtt=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --seconds) seconds="${2:?--seconds needs a number}"; shift 2 ;;
     --family) family="${2:?--family needs a name}"; shift 2 ;;
     --keep) keep=1; shift ;;
-    -h|--help) sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --mqtt) mqtt=1; shift ;;
+    -h|--help) sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "run-board.sh: unknown argument '$1'" >&2; exit 2 ;;
   esac
 done
@@ -38,6 +42,11 @@ command -v cmake >/dev/null || missing+=(cmake)
 command -v g++ >/dev/null || missing+=(g++)
 if ! command -v ninja >/dev/null && ! command -v make >/dev/null; then missing+=(ninja-build); fi
 [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
+if [ "$mqtt" -eq 1 ]; then
+  command -v mosquitto >/dev/null || [ -x /usr/sbin/mosquitto ] || missing+=(mosquitto)
+  command -v mosquitto_sub >/dev/null || missing+=(mosquitto-clients)
+  [ -f /usr/include/mosquitto.h ] || missing+=(libmosquitto-dev)
+fi
 if [ ${#missing[@]} -gt 0 ]; then
   echo "== installing ${missing[*]}"
   apt-get update -qq
@@ -49,14 +58,23 @@ command -v ninja >/dev/null && generator=(-G Ninja)
 if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root" -B "$build" "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
+targets=(zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl zolvin_4g_ctl)
+if [ "$mqtt" -eq 1 ]; then
+  # A build tree configured before libmosquitto was installed must look again.
+  grep -q '^MOSQUITTO_LIBRARY:FILEPATH=/' "$build/CMakeCache.txt" ||
+    cmake -U 'MOSQUITTO_*' -S "$root" -B "$build" >/dev/null
+  targets+=(zolvin_4g_mqtt)
+fi
 echo "== building in $build"
-cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl zolvin_4g_ctl -j 2 >/dev/null
+cmake --build "$build" --target "${targets[@]}" -j 2 >/dev/null
 
 work="$(mktemp -d /tmp/zolvin_board.XXXXXX)"
 board_pid=""
 tail_pid=""
 listener=""
+mqtt_pids=()
 cleanup() {
+  for pid in "${mqtt_pids[@]}"; do kill "$pid" 2>/dev/null; done
   [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && wait "$board_pid" 2>/dev/null
   [ -n "$tail_pid" ] && kill "$tail_pid" 2>/dev/null
   [ -n "$listener" ] && kill "$listener" 2>/dev/null
@@ -136,11 +154,41 @@ events_session() {
   echo "  the module received:"
   "$build/tools/simboard/zolvin_boardctl" "$modem" "wait AT+CMGS 5000" | sed 's/^/    /'
 }
+# A broker on the board's loopback, a subscriber to everything the board
+# publishes, and zolvin_4g_mqtt beside the client, all in the board's network
+# namespace (where the daemon's events socket is).
+  # (An array, not a function: a function put in the background is a subshell,
+  # and $! would be its pid, not the program's.)
+  in_board=(nsenter --net="/proc/$board_pid/ns/net")
+mqtt_start() {
+  [ "$mqtt" -eq 1 ] || return 0
+  printf 'user root\nlog_dest stderr\nallow_anonymous true\nlistener 1883 127.0.0.1\n' >"$work/broker.conf"
+  "${in_board[@]}" mosquitto -c "$work/broker.conf" >"$work/broker.log" 2>&1 &
+  mqtt_pids+=($!)
+  until_seen ' running' "$work/broker.log" 10 || return 0
+  "${in_board[@]}" mosquitto_sub -h 127.0.0.1 -t 'zolvin/#' -v >"$work/mqtt_sub.out" 2>&1 &
+  mqtt_pids+=($!)
+  printf 'broker=127.0.0.1\nclient_id=demo-board\nstate_interval_s=5\n' >"$work/zolvin_4g_mqtt.conf"
+  echo "== zolvin_4g_mqtt, configuration:"
+  sed 's/^/   /' "$work/zolvin_4g_mqtt.conf"
+  "${in_board[@]}" "$build/tools/mqtt/zolvin_4g_mqtt" --config "$work/zolvin_4g_mqtt.conf" >"$work/mqtt.log" 2>&1 &
+  mqtt_pids+=($!)
+  until_seen 'demo-board/state' "$work/mqtt_sub.out" 10 || true
+}
+mqtt_show() {
+  [ "$mqtt" -eq 1 ] || return 0
+  echo "== what the broker's subscriber received"
+  echo "\$ mosquitto_sub -h 127.0.0.1 -t 'zolvin/#' -v"
+  sed 's/^/  /' "$work/mqtt_sub.out"
+  echo "== zolvin_4g_mqtt's own output"
+  sed 's/^/  /' "$work/mqtt.log"
+}
 session_done=0
 while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
   if [ "$session_done" -eq 0 ] && grep -q 'busybox udhcpc' "$work/calls.log" 2>/dev/null; then
     session_done=1
     sleep 0.5
+    mqtt_start
     listen_start
     echo "== client session"
     ctl version
@@ -159,6 +207,7 @@ while kill -0 "$board_pid" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do
     events_session
     ctl status
     listen_stop
+    mqtt_show
     echo "== daemon output (continued)"
   fi
   sleep 0.2

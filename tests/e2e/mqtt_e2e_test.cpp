@@ -1,0 +1,548 @@
+// zolvin_4g_mqtt between the real daemon on the simulated board and a real
+// Mosquitto broker, both in the board's network namespace: the retained
+// online flag and state, every event once and in order as the client tool
+// shows it, the state at once on a link loss, the last will, the offline
+// queue across a broker outage, TLS, and bad configurations.
+
+#include "e2e/board.h"
+
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <fstream>
+#include <sys/stat.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <thread>
+
+#ifndef ZOLVIN_MQTT_BIN
+#define ZOLVIN_MQTT_BIN ""
+#endif
+
+namespace {
+
+const std::string MQTT_BIN = ZOLVIN_MQTT_BIN;
+const std::string PREFIX = "zolvin/board7";
+
+// A program run in the board's network namespace, its output in files.
+class ns_process {
+public:
+    ns_process(const sim_board *board, const std::vector<std::string> &argv, const std::string &out,
+               const std::string &err) {
+        std::vector<char *> args;
+        for (const std::string &a : argv)
+            args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        auto start = [&] {
+            pid_ = fork();
+            if (pid_ == 0) {
+                int o = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+                int e = open(err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+                if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0)
+                    _exit(126);
+                execv(args[0], args.data());
+                _exit(127);
+            }
+        };
+        if (board != nullptr)
+            board->in_network(start);
+        else
+            start();
+    }
+    ~ns_process() { stop(SIGKILL); }
+    ns_process(const ns_process &) = delete;
+    ns_process &operator=(const ns_process &) = delete;
+
+    bool running() { return pid_ > 0 && !exit_status(milliseconds(0)); }
+    // The exit status once the program has ended within `timeout`.
+    std::optional<int> exit_status(milliseconds timeout) {
+        if (!status_ && pid_ > 0) {
+            wait_until(
+                [&] {
+                    int s = 0;
+                    if (waitpid(pid_, &s, WNOHANG) != pid_)
+                        return false;
+                    status_ = WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
+                    return true;
+                },
+                timeout.count(), 2);
+        }
+        return status_;
+    }
+    void stop(int sig = SIGTERM) {
+        if (pid_ > 0 && !status_ && kill(pid_, sig) == 0 && !exit_status(milliseconds(5000))) {
+            kill(pid_, SIGKILL);
+            exit_status(milliseconds(5000));
+        }
+    }
+
+private:
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+};
+
+struct message {
+    bool retained;
+    std::string topic, payload;
+};
+
+// A broker, a subscriber to everything under "zolvin/" and the program, in
+// the board's network namespace. The subscriber keeps its session (QoS 1, no
+// clean session) and the broker its store, so a broker restart loses nothing
+// of what the subscriber is owed.
+class mqtt_rig {
+public:
+    explicit mqtt_rig(sim_board &board) : board_(board), dir_(board.path("mqtt")) {
+        mkdir(dir_.c_str(), 0755);
+        // The board has its network namespace once it serves its control
+        // socket; a program started before would run outside it.
+        EXPECT_TRUE(wait_until([&] { return access(board.path("control.sock").c_str(), F_OK) == 0; }, 10000, 5));
+    }
+
+    // A sanitized build's report on the program's standard error fails the
+    // test; the program ends with SIGTERM, so a leak check runs too.
+    ~mqtt_rig() {
+        if (program_ == nullptr)
+            return;
+        program_->stop();
+        const std::string err = program_err();
+        EXPECT_TRUE(err.find("Sanitizer") == std::string::npos && err.find("runtime error") == std::string::npos) << err;
+    }
+    mqtt_rig(const mqtt_rig &) = delete;
+    mqtt_rig &operator=(const mqtt_rig &) = delete;
+
+    std::string path(const std::string &name) const { return dir_ + "/" + name; }
+    std::string write(const std::string &name, const std::string &content) const {
+        std::ofstream(path(name), std::ios::binary) << content;
+        return path(name);
+    }
+
+    bool start_broker(const std::string &more = "") {
+        write("broker.conf", "user root\npersistence true\npersistence_location " + dir_ +
+                                 "/\nlog_dest stderr\nallow_anonymous true\nlistener 1883 127.0.0.1\n" + more);
+        size_t runs = count_in(path("broker.err"), " running");
+        broker_ = std::make_unique<ns_process>(&board_, std::vector<std::string>{"/usr/sbin/mosquitto", "-c", path("broker.conf")},
+                                               path("broker.out"), path("broker.err"));
+        return wait_until([&] { return count_in(path("broker.err"), " running") > runs; }, 10000, 5);
+    }
+    void stop_broker() { broker_->stop(); }
+
+    bool start_subscriber() {
+        sub_ = std::make_unique<ns_process>(
+            &board_,
+            std::vector<std::string>{"/usr/bin/mosquitto_sub", "-h", "127.0.0.1", "-q", "1", "-c", "-i", "test-sub",
+                                     "-t", "zolvin/#", "-F", "%r %t %p"},
+            path("sub.out"), path("sub.err"));
+        // Subscribed once the broker has the session.
+        return wait_until([&] { return count_in(path("broker.err"), "test-sub") > 0; }, 10000, 5);
+    }
+
+    void start_program(const std::string &conf, const std::vector<std::string> &more = {}) {
+        std::vector<std::string> argv = {MQTT_BIN, "--config", write("program.conf", conf)};
+        argv.insert(argv.end(), more.begin(), more.end());
+        program_ = std::make_unique<ns_process>(&board_, argv, path("program.out"), path("program.err"));
+    }
+    ns_process &program() { return *program_; }
+    std::string program_err() const { return read_file(path("program.err")); }
+
+    // Everything the subscriber received, in order.
+    std::vector<message> received() const {
+        std::vector<message> out;
+        std::istringstream in(read_file(path("sub.out")));
+        for (std::string line; std::getline(in, line);) {
+            size_t a = line.find(' '), b = line.find(' ', a + 1);
+            if (a == std::string::npos || b == std::string::npos)
+                continue;
+            out.push_back({line[0] == '1', line.substr(a + 1, b - a - 1), line.substr(b + 1)});
+        }
+        return out;
+    }
+    std::vector<std::string> payloads(const std::string &topic) const {
+        std::vector<std::string> out;
+        for (const message &m : received())
+            if (m.topic == topic)
+                out.push_back(m.payload);
+        return out;
+    }
+    // The events, as "kind payload", from message `from` on.
+    std::vector<std::string> events(size_t from = 0) const {
+        std::vector<std::string> out;
+        std::vector<message> all = received();
+        const std::string under = PREFIX + "/event/";
+        for (size_t i = from; i < all.size(); ++i)
+            if (all[i].topic.rfind(under, 0) == 0)
+                out.push_back(all[i].topic.substr(under.size()) + " " + all[i].payload);
+        return out;
+    }
+    bool wait_for(const std::function<bool()> &ready, milliseconds timeout = WAIT) {
+        return sim_board::wait_until(ready, timeout, milliseconds(10));
+    }
+    // What a new subscriber to `topic` gets at once: the retained message, as
+    // "retained-flag payload", or "" when there is none.
+    std::string retained(const std::string &topic) {
+        const std::string out = path("retained.out");
+        unlink(out.c_str());
+        ns_process once(&board_,
+                        {"/usr/bin/mosquitto_sub", "-h", "127.0.0.1", "-t", topic, "-C", "1", "-W", "2", "-F", "%r %p"},
+                        out, path("retained.err"));
+        once.exit_status(milliseconds(5000));
+        std::string got = read_file(out);
+        return got.empty() ? got : got.substr(0, got.find('\n'));
+    }
+
+private:
+    static size_t count_in(const std::string &file, const std::string &text) {
+        std::string all = read_file(file);
+        size_t n = 0;
+        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+            ++n;
+        return n;
+    }
+
+    sim_board &board_;
+    std::string dir_;
+    std::unique_ptr<ns_process> broker_, sub_, program_;
+};
+
+// A member of a JSON object as Python's json module reads it ("null" when
+// it is missing), so that no check rests on our own escaping.
+std::string json_member(const std::string &json, const std::string &key) {
+    temp_dir dir;
+    auto [status, out] = run_command("python3 -c 'import json,sys; print(json.dumps(json.load(sys.stdin).get(\"" + key +
+                                     "\")))' <" + dir.write("member.json", json));
+    EXPECT_EQ(status, 0) << json;
+    return out.substr(0, out.find('\n'));
+}
+
+#define SKIP_WITHOUT_MQTT()                                                                                            \
+    do {                                                                                                               \
+        if (MQTT_BIN.empty() || access("/usr/sbin/mosquitto", X_OK) != 0 || access("/usr/bin/mosquitto_sub", X_OK) != 0) \
+            GTEST_SKIP() << "zolvin_4g_mqtt or mosquitto is not installed (scripts/deps.sh)";                          \
+    } while (0)
+
+const std::string PROGRAM_CONF = "# the test's\nbroker=127.0.0.1\nclient_id=board7\n";
+const std::string AUTO_DIAL = "auto_dial=1\napn_name=cmnet\n";
+
+// `zolvin_4g_ctl --json listen version` beside the program, subscribed once
+// it has printed its first line (the reply to 911).
+std::unique_ptr<ns_process> listen(mqtt_rig &rig, sim_board &board) {
+    auto p = std::make_unique<ns_process>(&board, std::vector<std::string>{ZOLVIN_CTL_BIN, "--json", "listen", "version"},
+                                          rig.path("listen.out"), rig.path("listen.err"));
+    EXPECT_TRUE(rig.wait_for([&] { return read_file(rig.path("listen.out")).find('\n') != std::string::npos; }));
+    return p;
+}
+
+// The events the listener printed: its lines after the first.
+std::vector<std::string> listened_events(const std::string &text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    std::getline(in, line);
+    while (std::getline(in, line))
+        out.push_back(line);
+    return out;
+}
+
+TEST(MqttTest, OnlineStateEveryEventInOrderTheLinkLossAtOnceAndTheWill) {
+    SKIP_WITHOUT_MQTT();
+    READY_BOARD(b, board_config("ec20", AUTO_DIAL));
+    ASSERT_TRUE(b.client->state_becomes("Connected"));
+    mqtt_rig rig(b.board);
+    ASSERT_TRUE(rig.start_broker());
+    ASSERT_TRUE(rig.start_subscriber());
+    std::unique_ptr<ns_process> listener = listen(rig, b.board);
+    rig.start_program(PROGRAM_CONF);
+
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.payloads(PREFIX + "/state").empty(); })) << rig.program_err();
+    EXPECT_EQ(rig.payloads(PREFIX + "/online"), std::vector<std::string>{"1"});
+    const std::string state = rig.payloads(PREFIX + "/state")[0];
+    EXPECT_EQ(json_member(state, "state"), "\"Connected\"") << state;
+    EXPECT_EQ(json_member(state, "link"), "1") << state;
+    EXPECT_EQ(json_member(state, "mqtt_dropped"), "0") << state;
+    EXPECT_EQ(json_member(state, "dials"), "1") << state;
+    // Both are retained: a subscriber that comes later gets them at once.
+    EXPECT_EQ(rig.retained(PREFIX + "/online"), "1 1");
+    EXPECT_EQ(rig.retained(PREFIX + "/state"), "1 " + state);
+
+    // Every kind of event the module can cause here (the restart's is the slow test's).
+    ASSERT_TRUE(b.emu.inject_lines({"RING", "+CLIP: \"13912345678\",129", "NO CARRIER", "+QTONEDET: 49", "+QWTTS: 0",
+                                    "+CME ERROR: 10"}));
+    ASSERT_TRUE(b.emu.inject_lines({"+CMT: ,34", "0891683108100005F0040D91683119325476F800006211320151242316C8329BFD0699E5EF36888E2E83DC65FAFD2D5F03"}));
+    ASSERT_TRUE(b.emu.inject_lines({"+CDS: 26", "0891683108100005F006050D91683119325476F8621132015124236211320161242300"}));
+    const std::vector<std::string> kinds = {"call", "call", "tone", "speech_end", "module_error", "sms", "sms_report"};
+    ASSERT_TRUE(rig.wait_for([&] { return rig.events().size() >= kinds.size(); })) << testing::PrintToString(rig.events());
+
+    // A link loss: the module leaves the bus. Its event comes first, then the
+    // state with the link down, within a few seconds of the unplug.
+    const size_t before = rig.received().size();
+    ASSERT_TRUE(b.board.unplug());
+    const long long unplugged = monotonic_ms();
+    auto link_down = [&] {
+        std::vector<message> all = rig.received();
+        for (size_t i = before; i < all.size(); ++i)
+            if (all[i].topic == PREFIX + "/state" && json_member(all[i].payload, "link") == "0")
+                return true;
+        return false;
+    };
+    ASSERT_TRUE(rig.wait_for(link_down)) << read_file(rig.path("sub.out"));
+    EXPECT_LT(monotonic_ms() - unplugged, 3000);
+    const std::vector<message> after = rig.received();
+    EXPECT_EQ(after[before].topic, PREFIX + "/event/module") << read_file(rig.path("sub.out"));
+    const std::string lost = rig.payloads(PREFIX + "/state").back();
+    EXPECT_EQ(json_member(lost, "state"), "null") << lost; // not ready
+    EXPECT_EQ(json_member(lost, "lost"), "1") << lost;
+    ASSERT_TRUE(b.board.plug());
+    ASSERT_TRUE(rig.wait_for([&] { return rig.events().size() == kinds.size() + 2; })) << testing::PrintToString(rig.events());
+
+    // Each once, in order, with exactly the JSON the client tool prints.
+    std::vector<std::string> events = rig.events(), listened = listened_events(read_file(rig.path("listen.out")));
+    ASSERT_EQ(listened.size(), events.size()) << read_file(rig.path("listen.out"));
+    std::vector<std::string> got_kinds;
+    for (size_t i = 0; i < events.size(); ++i) {
+        got_kinds.push_back(events[i].substr(0, events[i].find(' ')));
+        EXPECT_EQ(events[i].substr(events[i].find(' ') + 1), listened[i]);
+    }
+    EXPECT_EQ(got_kinds, kinds + std::vector<std::string>(2, "module"));
+    // The fields, as a JSON parser reads them.
+    EXPECT_EQ(parsed_json(listened[0]), "[[\"event\", \"call\"], [\"state\", \"incoming\"], [\"number\", \"13912345678\"]]\n");
+    EXPECT_EQ(parsed_json(listened[1]), "[[\"event\", \"call\"], [\"state\", \"ended\"], [\"reason\", \"no carrier\"]]\n");
+    EXPECT_EQ(parsed_json(listened[5]), "[[\"event\", \"sms\"], [\"from\", \"+8613912345678\"], "
+                                        "[\"time\", \"2026-11-23T10:15:42\"], [\"text\", \"Hello from the network\"]]\n");
+    EXPECT_EQ(json_member(listened[6], "reference"), "5");
+    EXPECT_EQ(json_member(listened[8], "state"), "\"back\"");
+
+    // Killed, the program says nothing more: the broker publishes its will.
+    size_t online = rig.payloads(PREFIX + "/online").size();
+    rig.program().stop(SIGKILL);
+    ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/online").size() > online; }));
+    EXPECT_EQ(rig.payloads(PREFIX + "/online").back(), "0");
+    EXPECT_EQ(rig.retained(PREFIX + "/online"), "1 0");
+}
+
+// The broker away for 10 s while events keep coming: none lost within the
+// queue, all in order after the reconnect; beyond the queue the oldest are
+// dropped and counted in the state. Then the restart's event. About 45 s.
+TEST(MqttSlowTest, ABrokerAwayLosesNoEventWithinTheQueueAndDropsTheOldestBeyondIt) {
+    SKIP_WITHOUT_MQTT();
+    READY_BOARD(b);
+    mqtt_rig rig(b.board);
+    ASSERT_TRUE(rig.start_broker());
+    ASSERT_TRUE(rig.start_subscriber());
+    rig.start_program(PROGRAM_CONF + "queue=6\n");
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.payloads(PREFIX + "/state").empty(); })) << rig.program_err();
+
+    auto tones = [&](int first, int n) {
+        std::vector<std::string> sent;
+        for (int i = first; i < first + n; ++i) {
+            EXPECT_TRUE(b.emu.inject_line("+QTONEDET: " + std::to_string(i)));
+            sent.push_back("tone {\"event\":\"tone\",\"tone\":\"" + std::to_string(i) + "\"}");
+        }
+        return sent;
+    };
+    // The client tool listens beside the program: once it has printed an
+    // event, the program has had it from the daemon too.
+    std::unique_ptr<ns_process> listener = listen(rig, b.board);
+    auto listened = [&](const std::string &tone) {
+        return rig.wait_for([&] { return read_file(rig.path("listen.out")).find("\"" + tone + "\"") != std::string::npos; });
+    };
+    rig.stop_broker();
+    long long down = monotonic_ms();
+    std::vector<std::string> within = tones(10, 6);
+    EXPECT_TRUE(listened("15"));
+    std::this_thread::sleep_for(milliseconds(10000 - (monotonic_ms() - down)));
+    ASSERT_TRUE(rig.start_broker());
+    // The back-off has reached 8 s by now.
+    ASSERT_TRUE(rig.wait_for([&] { return rig.events().size() >= within.size(); }, milliseconds(30000)))
+        << rig.program_err();
+    EXPECT_EQ(rig.events(), within);
+    std::string state = rig.payloads(PREFIX + "/state").back();
+    EXPECT_EQ(json_member(state, "mqtt_dropped"), "0") << state;
+
+    size_t from = rig.received().size();
+    rig.stop_broker();
+    std::vector<std::string> beyond = tones(20, 9);
+    EXPECT_TRUE(listened("28"));
+    ASSERT_TRUE(rig.start_broker());
+    ASSERT_TRUE(rig.wait_for([&] { return rig.events(from).size() >= 6; }, milliseconds(30000))) << rig.program_err();
+    EXPECT_EQ(rig.events(from), std::vector<std::string>(beyond.begin() + 3, beyond.end()));
+    state = rig.payloads(PREFIX + "/state").back();
+    EXPECT_EQ(json_member(state, "mqtt_dropped"), "3") << state;
+
+    // The restart's completion is an event too, and the state follows it.
+    from = rig.received().size();
+    ASSERT_TRUE(b.client->send(901));
+    ASSERT_EQ(show(b.client->reply(901, milliseconds(60000))), "901/0/");
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.events(from).empty(); }));
+    EXPECT_EQ(rig.events(from)[0], "restarted {\"code\":901,\"status\":0,\"status_name\":\"ok\",\"text\":\"\"}");
+}
+
+// A stand-in for the daemon's events socket, in the board's network
+// namespace: it answers 912 and 913, sends what it is told, and hangs up.
+class fake_events {
+public:
+    fake_events(sim_board &board, const std::string &name) {
+        board.in_network([&] {
+            sockaddr_un addr{};
+            addr.sun_family = AF_UNIX;
+            memcpy(addr.sun_path + 1, name.data(), name.size());
+            listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&addr),
+                     static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())) != 0 ||
+                ::listen(listen_fd_, 4) != 0)
+                ADD_FAILURE() << "cannot listen on @" << name << ": " << strerror(errno);
+        });
+    }
+    ~fake_events() {
+        hang_up();
+        close(listen_fd_);
+    }
+    bool accept_within(milliseconds timeout) {
+        pollfd p{listen_fd_, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(timeout.count())) != 1)
+            return false;
+        fd_ = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        return fd_ >= 0;
+    }
+    // Answers the requests that come within `timeout`: 912 with `state`, 913
+    // with a statistics text of `link`; true once both were answered.
+    bool serve_state(const std::string &state, int link, milliseconds timeout) {
+        bool state_asked = false, stats_asked = false;
+        const long long until = monotonic_ms() + timeout.count();
+        while (!(state_asked && stats_asked) && monotonic_ms() < until) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, static_cast<int>(until - monotonic_ms())) != 1)
+                break;
+            uint8_t buf[REQUEST_MAX];
+            ssize_t n = recv(fd_, buf, sizeof buf, 0);
+            request_frame r;
+            if (n <= 0 || request_parse(buf, static_cast<size_t>(n), &r) < 0)
+                return false;
+            const std::string stats = "up=5 link=" + std::to_string(link) + " link_s=0 dials=1 dial_failures=0 resets=0 "
+                                      "lost=0 probes=0 probe_failures=0 sms_in=0 sms_out=0 dropped=0";
+            if (r.code == 912)
+                state_asked = send_frame(912, 0, state);
+            else if (r.code == 913)
+                stats_asked = send_frame(913, 0, stats);
+        }
+        return state_asked && stats_asked;
+    }
+    bool send_frame(int code, int status, const std::string &text) {
+        uint8_t frame[REPLY_MAX];
+        size_t len = reply_build(frame, code, status, text.c_str());
+        return send(fd_, frame, len, MSG_NOSIGNAL) == static_cast<ssize_t>(len);
+    }
+    void hang_up() {
+        if (fd_ >= 0)
+            close(std::exchange(fd_, -1));
+    }
+
+private:
+    int listen_fd_ = -1, fd_ = -1;
+};
+
+// The daemon's socket lost: online goes to "0" at once, the program comes back
+// by itself (1 s later, the back-off's first step) with "1" and a fresh state,
+// and what it hears then is published.
+TEST(MqttTest, TheDaemonsSocketLostMeansOfflineUntilTheProgramIsBack) {
+    SKIP_WITHOUT_MQTT();
+    SKIP_WITHOUT_BOARD();
+    sim_board board(board_config("none"));
+    ASSERT_TRUE(board.start_daemon());
+    mqtt_rig rig(board);
+    ASSERT_TRUE(rig.start_broker());
+    ASSERT_TRUE(rig.start_subscriber()) << read_file(rig.path("broker.err")) << read_file(rig.path("sub.err"));
+    const std::string name = "zolvin_mqtt_test_events";
+    fake_events daemon(board, name);
+    rig.start_program(PROGRAM_CONF, {"--events-socket", "@" + name});
+    ASSERT_TRUE(daemon.accept_within(WAIT)) << rig.program_err();
+    ASSERT_TRUE(daemon.serve_state("Connected", 1, WAIT));
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.payloads(PREFIX + "/state").empty(); })) << rig.program_err();
+    EXPECT_EQ(rig.payloads(PREFIX + "/online"), std::vector<std::string>{"1"});
+
+    daemon.hang_up();
+    ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/online").size() == 2; }));
+    EXPECT_EQ(rig.payloads(PREFIX + "/online").back(), "0");
+    EXPECT_EQ(rig.retained(PREFIX + "/online"), "1 0");
+    const long long lost = monotonic_ms();
+    ASSERT_TRUE(daemon.accept_within(milliseconds(5000)));
+    EXPECT_GE(monotonic_ms() - lost, 800); // the back-off, not a busy retry
+    ASSERT_TRUE(daemon.serve_state("Disconnected", 0, WAIT));
+    ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/state").size() == 2; }));
+    EXPECT_EQ(json_member(rig.payloads(PREFIX + "/state").back(), "state"), "\"Disconnected\"");
+    EXPECT_EQ(rig.payloads(PREFIX + "/online").back(), "1");
+    ASSERT_TRUE(daemon.send_frame(1021, 1, "7"));
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.events().empty(); }));
+    EXPECT_EQ(rig.events(), std::vector<std::string>{"tone {\"event\":\"tone\",\"tone\":\"7\"}"});
+}
+
+// The openssl commands that make a CA and a broker certificate for 127.0.0.1
+// signed by it, and a second CA that signed nothing of this broker's.
+std::string make_certificates(const std::string &dir) {
+    const std::string key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
+    return "cd " + dir + " && openssl req -x509" + key + " -keyout ca.key -out ca.crt -days 2 -subj /CN=test-ca" +
+           " && openssl req -x509" + key + " -keyout other.key -out other.crt -days 2 -subj /CN=other-ca" +
+           " && openssl req" + key + " -keyout broker.key -out broker.csr -subj /CN=127.0.0.1" +
+           " && printf 'subjectAltName=IP:127.0.0.1\\n' >san.ext && openssl x509 -req -in broker.csr -CA ca.crt" +
+           " -CAkey ca.key -CAcreateserial -out broker.crt -days 2 -extfile san.ext 2>&1";
+}
+
+TEST(MqttTest, TlsWithTheBoardsCaAndAWrongCaRefusedWithAClearMessage) {
+    SKIP_WITHOUT_MQTT();
+    SKIP_WITHOUT_BOARD();
+    sim_board board(board_config("none"));
+    ASSERT_TRUE(board.start_daemon());
+    mqtt_rig rig(board);
+    auto [status, out] = run_command(make_certificates(rig.path("")));
+    ASSERT_EQ(status, 0) << out;
+    ASSERT_TRUE(rig.start_broker("listener 8883 127.0.0.1\ncafile " + rig.path("ca.crt") + "\ncertfile " +
+                                 rig.path("broker.crt") + "\nkeyfile " + rig.path("broker.key") + "\n"));
+    ASSERT_TRUE(rig.start_subscriber());
+
+    // tls_ca alone: TLS on 8883, the broker's certificate checked.
+    rig.start_program(PROGRAM_CONF + "tls_ca=" + rig.path("other.crt") + "\n");
+    ASSERT_TRUE(rig.wait_for([&] { return rig.program_err().find("certificate verify failed") != std::string::npos; }))
+        << rig.program_err();
+    EXPECT_NE(rig.program_err().find("broker 127.0.0.1:8883"), std::string::npos) << rig.program_err();
+    EXPECT_NE(rig.program_err().find("tls_ca=" + rig.path("other.crt")), std::string::npos) << rig.program_err();
+    EXPECT_TRUE(rig.payloads(PREFIX + "/online").empty());
+    rig.program().stop();
+
+    rig.start_program(PROGRAM_CONF + "tls_ca=" + rig.path("ca.crt") + "\n");
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.payloads(PREFIX + "/state").empty(); })) << rig.program_err();
+    EXPECT_EQ(rig.payloads(PREFIX + "/online"), std::vector<std::string>{"1"});
+    EXPECT_EQ(json_member(rig.payloads(PREFIX + "/state")[0], "state"), "null"); // no module on this board
+}
+
+// No board needed: the program ends before it connects anywhere.
+TEST(MqttTest, BadConfigurationsNameTheKeyOrTheFileAndExitWithTwo) {
+    if (MQTT_BIN.empty())
+        GTEST_SKIP() << "zolvin_4g_mqtt is not built (no libmosquitto)";
+    temp_dir dir;
+    const std::string ca = dir.write("ca.crt", "x");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"port=1883\n", "configuration key broker: required"},
+        {"broker=b\nport=0\n", "configuration key port: '0'"},
+        {"broker=b\nstate_interval_s=ten\n", "configuration key state_interval_s: 'ten'"},
+        {"broker=b\nqueue=0\n", "configuration key queue: '0'"},
+        {"broker=b\nqeue=5\n", "configuration key qeue: not a key"},
+        {"broker=b\ntopic_prefix=fleet/#\n", "configuration key topic_prefix: 'fleet/#'"},
+        {"broker=b\ntls_ca=" + dir.path() + "/missing.crt\n", "configuration key tls_ca: cannot read " + dir.path() + "/missing.crt"},
+        {"broker=b\ntls_ca=" + ca + "\ntls_cert=" + ca + "\n", "configuration key tls_key: tls_cert and tls_key go together"},
+        {"broker=b\npassword_file=" + dir.path() + "/nope\n", "configuration key password_file: cannot read"},
+        {"broker=b\nbroker\n", "configuration line 2: no key=value"},
+    };
+    for (const auto &[text, message] : cases) {
+        const std::string conf = dir.write("bad.conf", text);
+        auto [status, out] = run_command("'" + MQTT_BIN + "' --config " + conf + " 2>&1");
+        EXPECT_EQ(status, 2) << text;
+        EXPECT_NE(out.find(message), std::string::npos) << text << "\n" << out;
+    }
+    auto [status, out] = run_command("'" + MQTT_BIN + "' --config " + dir.path() + "/absent.conf 2>&1");
+    EXPECT_EQ(status, 2);
+    EXPECT_NE(out.find("cannot read the configuration file " + dir.path() + "/absent.conf"), std::string::npos) << out;
+}
+
+} // namespace
