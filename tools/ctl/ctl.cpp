@@ -349,54 +349,6 @@ bool starts_with(const std::string &s, const char *prefix) { return s.compare(0,
 
 // ---- socket
 
-int connect_to(const std::string &name, std::string *error) {
-    sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    if (name.empty() || name.size() >= sizeof addr.sun_path) {
-        *error = "bad socket name '" + name + "'";
-        return -1;
-    }
-    memcpy(addr.sun_path, name.c_str(), name.size());
-    socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    if (name[0] == '@')
-        addr.sun_path[0] = '\0'; // abstract: the name's bytes without a terminator
-    else
-        len = static_cast<socklen_t>(len + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        *error = std::string("socket: ") + strerror(errno);
-        return -1;
-    }
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
-        int e = errno;
-        close(fd);
-        *error = "cannot connect to " + name + ": " + strerror(e);
-        if (e == ECONNREFUSED || e == ENOENT)
-            *error += " (is the daemon running?)";
-        return -1;
-    }
-    return fd;
-}
-
-// Any local process could have bound the name while the daemon was not
-// running: a request (an APN password) or an answer (a call, a message) is
-// only as trustworthy as the process on the other end.
-bool server_trusted(int fd, uid_t expected, std::string *error) {
-    ucred cred{};
-    socklen_t len = sizeof cred;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
-        *error = std::string("cannot read the server's credentials: ") + strerror(errno);
-        return false;
-    }
-    if (cred.uid == expected)
-        return true;
-    *error = "the socket belongs to uid " + std::to_string(cred.uid) + " (pid " + std::to_string(cred.pid) +
-             "), not to uid " + std::to_string(expected) +
-             ": not the daemon; nothing was sent (--server-uid UID names the daemon's user)";
-    return false;
-}
-
 bool send_all(int fd, const std::vector<uint8_t> &bytes) {
     size_t done = 0;
     while (done < bytes.size()) {
@@ -414,7 +366,7 @@ bool send_all(int fd, const std::vector<uint8_t> &bytes) {
 // the reason written to `err` otherwise.
 int open_trusted(const std::string &name, uid_t server_uid, std::ostream &err, int *status) {
     std::string error;
-    int fd = connect_to(name, &error);
+    int fd = connect_to(name, 0, &error);
     if (fd < 0) {
         err << "zolvin_4g_ctl: " << error << std::endl;
         *status = EXIT_NO_ANSWER;
@@ -422,7 +374,8 @@ int open_trusted(const std::string &name, uid_t server_uid, std::ostream &err, i
     }
     if (!server_trusted(fd, server_uid, &error)) {
         close(fd);
-        err << "zolvin_4g_ctl: " << error << std::endl;
+        err << "zolvin_4g_ctl: " << error << "; nothing was sent (--server-uid UID names the daemon's user)"
+            << std::endl;
         *status = EXIT_UNTRUSTED;
         return -1;
     }

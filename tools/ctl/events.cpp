@@ -1,7 +1,12 @@
 #include "ctl/events.h"
 
+#include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace ctl {
 
@@ -396,6 +401,52 @@ bool frame_reader::next(reply_frame *out) {
         return false;
     pending_.erase(pending_.begin(), pending_.begin() + used);
     return true;
+}
+
+// ---- the daemon's sockets
+
+int connect_to(const std::string &name, int flags, std::string *error) {
+    sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (name.empty() || name.size() >= sizeof addr.sun_path) {
+        *error = "bad socket name '" + name + "'";
+        return -1;
+    }
+    memcpy(addr.sun_path, name.c_str(), name.size());
+    socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    if (name[0] == '@')
+        addr.sun_path[0] = '\0'; // abstract: the name's bytes without a terminator
+    else
+        len = static_cast<socklen_t>(len + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+    if (fd < 0) {
+        *error = std::string("socket: ") + strerror(errno);
+        return -1;
+    }
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
+        int e = errno;
+        close(fd);
+        *error = "cannot connect to " + name + ": " + strerror(e);
+        if (e == ECONNREFUSED || e == ENOENT)
+            *error += " (is the daemon running?)";
+        return -1;
+    }
+    return fd;
+}
+
+bool server_trusted(int fd, uid_t expected, std::string *error) {
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
+        *error = std::string("cannot read the server's credentials: ") + strerror(errno);
+        return false;
+    }
+    if (cred.uid == expected)
+        return true;
+    *error = "the socket belongs to uid " + std::to_string(cred.uid) + " (pid " + std::to_string(cred.pid) +
+             "), not to uid " + std::to_string(expected) + ": not the daemon";
+    return false;
 }
 
 } // namespace ctl

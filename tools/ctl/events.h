@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace ctl {
@@ -99,5 +100,16 @@ private:
     std::vector<uint8_t> pending_;
     bool bad_ = false;
 };
+
+// ---- the daemon's sockets
+
+// A stream connection to the socket `name` ('@' first: an abstract name),
+// with `flags` (SOCK_NONBLOCK) added to the socket's; -1 with the reason.
+int connect_to(const std::string &name, int flags, std::string *error);
+// Any local process could have bound the name while the daemon was not
+// running: a request (an APN password) or an answer (a call, a message) is
+// only as trustworthy as the process on the other end. True when the peer
+// runs as `expected`; else false with the reason.
+bool server_trusted(int fd, uid_t expected, std::string *error);
 
 } // namespace ctl

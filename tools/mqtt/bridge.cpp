@@ -43,33 +43,11 @@ constexpr milliseconds REPLY_WAIT(10000);
 // A broker that neither accepts nor refuses within this is tried again.
 constexpr milliseconds CONNECT_WAIT(30000);
 
+// The events socket, checked to be the daemon's: what another process sent
+// would be published as the board's.
 int connect_events(const std::string &name, uid_t owner, std::string *error) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (name.empty() || name.size() >= sizeof addr.sun_path) {
-        *error = "bad socket name '" + name + "'";
-        return -1;
-    }
-    memcpy(addr.sun_path, name.data(), name.size());
-    auto len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    if (name[0] == '@')
-        addr.sun_path[0] = '\0';
-    else
-        len = static_cast<socklen_t>(len + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0) {
-        *error = "cannot connect to the daemon's " + name + ": " + strerror(errno);
-        if (fd >= 0)
-            close(fd);
-        return -1;
-    }
-    // Any local process could hold the name while the daemon is down: what it
-    // sends would be published as the board's.
-    ucred cred{};
-    socklen_t cred_len = sizeof cred;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &cred_len) != 0 || cred.uid != owner) {
-        *error = name + " belongs to uid " + std::to_string(cred.uid) + ", not to the daemon's " +
-                 std::to_string(owner) + ": left";
+    int fd = ctl::connect_to(name, SOCK_NONBLOCK, error);
+    if (fd >= 0 && !ctl::server_trusted(fd, owner, error)) {
         close(fd);
         return -1;
     }
