@@ -13,7 +13,6 @@
 #include <mosquitto.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace mqtt {
