@@ -324,10 +324,13 @@ TEST(MqttTest, OnlineStateEveryEventInOrderTheLinkLossAtOnceAndTheWill) {
 
 // The broker away for 10 s while events keep coming: none lost within the
 // queue, all in order after the reconnect; beyond the queue the oldest are
-// dropped and counted in the state. Then the restart's event. About 45 s.
+// dropped and counted in the state. Then the restart's and a firmware
+// update's events, the two that take the module away for long. About 75 s.
 TEST(MqttSlowTest, ABrokerAwayLosesNoEventWithinTheQueueAndDropsTheOldestBeyondIt) {
     SKIP_WITHOUT_MQTT();
-    READY_BOARD(b);
+    board_config config;
+    config.fota_return = "1500";
+    READY_BOARD(b, config);
     mqtt_rig rig(b.board);
     ASSERT_TRUE(rig.start_broker());
     ASSERT_TRUE(rig.start_subscriber());
@@ -377,6 +380,18 @@ TEST(MqttSlowTest, ABrokerAwayLosesNoEventWithinTheQueueAndDropsTheOldestBeyondI
     ASSERT_EQ(show(b.client->reply(901, milliseconds(60000))), "901/0/");
     ASSERT_TRUE(rig.wait_for([&] { return !rig.events(from).empty(); }));
     EXPECT_EQ(rig.events(from)[0], "restarted {\"code\":901,\"status\":0,\"status_name\":\"ok\",\"text\":\"\"}");
+
+    // The update's end, after the module's reboot; its progress is the client's alone.
+    from = rig.received().size();
+    std::ofstream(b.board.path("image.bin"), std::ios::binary) << std::string(640, 'x');
+    ASSERT_TRUE(b.client->send(561, {"0", b.board.path("image.bin")}));
+    std::optional<reply_frame> end;
+    while ((end = b.client->reply(561, milliseconds(60000))) && end->status == 5) {
+    }
+    ASSERT_EQ(show(end), "561/0/");
+    ASSERT_TRUE(rig.wait_for([&] { return !rig.events(from).empty(); }));
+    EXPECT_EQ(rig.events(from), std::vector<std::string>{
+                                    "firmware {\"code\":561,\"status\":0,\"status_name\":\"ok\",\"text\":\"\"}"});
 }
 
 // A stand-in for the daemon's events socket, in the board's network
