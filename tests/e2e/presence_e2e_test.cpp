@@ -68,7 +68,11 @@ void away_and_back(const std::string &family, const std::string &ifname, const s
         return monotonic_ms() >= gone + 3000;
     });
     EXPECT_TRUE(away.empty()) << joined(away);
-    EXPECT_TRUE(sim_board::wait_until([&] { return b.board.called(DOWN_SCRIPT); }, milliseconds(5000)));
+    // The link was taken down: its interface, then the down script.
+    EXPECT_TRUE(sim_board::wait_until(
+        [&] { return b.board.called("ifconfig " + ifname + " down") && b.board.called(DOWN_SCRIPT); },
+        milliseconds(5000)))
+        << joined(texts(b.board.calls()));
 
     size_t from = next_index(b.emu);
     ASSERT_TRUE(b.board.plug());
@@ -148,29 +152,6 @@ TEST(PresenceTest, LeavingDuringADialIsReportedAtOnceAndTheLinkComesUpAfterTheRe
     std::vector<std::string> sent = commands_since(b.emu, from);
     EXPECT_TRUE(in_order(sent, EC200_DIAL)) << joined(sent);
     EXPECT_TRUE(b.board.called(DHCP + "usb0"));
-    EXPECT_EQ(texts(b.board.lines(), lines), NONE);
-}
-
-// Nobody to tell: the daemon takes the link down by itself (its interface-down
-// command and the down script show it), and a client that comes after the
-// return finds the module working and the link up again.
-TEST(PresenceTest, AModuleThatLeavesWithNoClientConnectedIsTakenBackAndDialledAgain) {
-    READY_BOARD(b, board_config("ec200t", AUTO_DIAL));
-    ASSERT_TRUE(b.client->state_becomes("Connected"));
-    b.client.reset();
-    auto downs = [&] { return count(texts(b.board.calls()), "ifconfig usb0 down"); };
-    size_t lines = b.board.lines().size(), downs_before = downs();
-    ASSERT_TRUE(b.board.unplug());
-    EXPECT_TRUE(sim_board::wait_until([&] { return downs() > downs_before && b.board.called(DOWN_SCRIPT); },
-                                      milliseconds(5000)))
-        << joined(texts(b.board.calls()));
-
-    ASSERT_TRUE(b.board.plug());
-    std::unique_ptr<client_conn> c = served_client(b.board);
-    EXPECT_TRUE(eventually([&] { return c->ask(51).rfind("51/0/", 0) == 0; })) << c->ask(51);
-    EXPECT_TRUE(c->state_becomes("Connected"));
-    EXPECT_TRUE(sim_board::wait_until(
-        [&] { return count(texts(b.board.calls()), DHCP + "usb0") == 2; }, milliseconds(5000)));
     EXPECT_EQ(texts(b.board.lines(), lines), NONE);
 }
 
