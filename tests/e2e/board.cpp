@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sched.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -412,6 +413,15 @@ std::string show(const std::optional<reply_frame> &f) {
     if (!f)
         return "<none>";
     return std::to_string(f->code) + "/" + std::to_string(f->status) + "/" + std::string(f->text, f->text_len);
+}
+
+bool closed_without_reply(int fd, milliseconds within) {
+    pollfd p{fd, POLLIN, 0};
+    char byte;
+    if (poll(&p, 1, static_cast<int>(within.count())) != 1)
+        return false;
+    ssize_t n = recv(fd, &byte, 1, MSG_DONTWAIT);
+    return n == 0 || (n < 0 && errno == ECONNRESET);
 }
 
 std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout) {

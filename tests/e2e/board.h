@@ -193,6 +193,9 @@ std::string show(const std::optional<reply_frame> &f);
 // The frames shown up to and including the first one shown as `last`, or all
 // that came within `timeout` of each other.
 std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout = WAIT);
+// True when the daemon closes the connection without a frame (a reset when
+// it closed with the requests still unread).
+bool closed_without_reply(int fd, milliseconds within = WAIT);
 // Polls `ready` every 50 ms, as each poll may be a request to the daemon.
 inline bool eventually(const std::function<bool()> &ready, milliseconds timeout = WAIT) {
     return sim_board::wait_until(ready, timeout, milliseconds(50));

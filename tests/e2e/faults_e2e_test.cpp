@@ -7,7 +7,6 @@
 #include "e2e/board.h"
 
 #include <cstdlib>
-#include <iostream>
 
 namespace {
 
@@ -78,8 +77,6 @@ TEST(FaultClientTest, ThreeHundredClientsThatLeaveWithoutReadingLeaveNothingBehi
     std::vector<std::string> sent = commands_since(b.emu, from);
     // Workers ran for clients that had already gone (the others found one busy).
     EXPECT_GT(count(sent, "AT+CSQ"), 0u);
-    std::cout << sent.size() << " commands; descriptors " << fds_before << " -> " << fds_after << ", resident " << rss_before << " kB -> "
-              << rss_after << " kB\n";
     EXPECT_GT(fds_before, 3u);
     EXPECT_LE(fds_after, fds_before);
     ASSERT_GT(rss_before, 0);
@@ -103,7 +100,6 @@ TEST(FaultClientTest, AClientThatStopsReadingUnderAThousandEventsHoldsUpNeitherT
             ADD_FAILURE() << "mixed frame " << show(f);
         events += f->code == 1001;
     }
-    std::cout << "the stalled client got " << events << " of 1000 events\n";
     EXPECT_LT(events, 1000u) << "the client's socket never filled";
     stalled.close();
     std::unique_ptr<client_conn> next = served_client(b.board);
