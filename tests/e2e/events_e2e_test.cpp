@@ -30,6 +30,39 @@ long long stat_value(const std::string &stats, const std::string &key) {
     return at == std::string::npos ? -1 : std::stoll(stats.substr(at + key.size() + 2));
 }
 
+TEST(EventsTest, EightSubscribersGetEveryEventInOrderAndNoRepliesOrPassThrough) {
+    READY_BOARD(b);
+    client_conn &c = *b.client;
+    subscribers subs = subscribe(b.board, 8);
+
+    ASSERT_TRUE(b.emu.inject_lines({"RING", "+CLIP: \"13912345678\",129", "NO CARRIER"}));
+    // The client's requests meanwhile are answered to it alone.
+    EXPECT_EQ(c.ask(912), "912/0/Disconnected");
+    EXPECT_EQ(c.ask_settled(52), "52/0/861234567890123");
+    ASSERT_TRUE(b.emu.inject_lines({"+QTONEDET: 49", "+CME ERROR: 10"}));
+    // (In before pass-through is on, which would take them.)
+    EXPECT_EQ(show(c.reply(1201)), "1201/1/+CME ERROR: 10");
+    // Pass-through lines are the client's: the RING here is a 402, no event.
+    EXPECT_EQ(c.ask_settled(401, {"1"}), "401/0/");
+    ASSERT_TRUE(b.emu.inject_line("RING"));
+    EXPECT_EQ(show(c.reply(402)), "402/0/RING");
+    // Any other worker code ends the mode; then one more event closes the run.
+    EXPECT_EQ(c.ask_settled(52), "52/0/861234567890123");
+    ASSERT_TRUE(b.emu.inject_line("+CME ERROR: 99"));
+
+    const std::vector<std::string> events = {"1001/1/13912345678", "1001/2/1", "1021/1/49", "1201/1/+CME ERROR: 10",
+                                             "1201/1/+CME ERROR: 99"};
+    for (size_t i = 0; i < subs.size(); ++i)
+        EXPECT_EQ(frames_until(*subs[i], events.back()), events) << "subscriber " << i;
+    // The client got the same events, among its replies.
+    EXPECT_EQ(show(c.reply(1201)), "1201/1/+CME ERROR: 99");
+    std::vector<std::string> client_events;
+    for (const reply_frame &f : c.others)
+        if (f.code > 1000)
+            client_events.push_back(show(f));
+    EXPECT_EQ(client_events, std::vector<std::string>(events.begin(), events.begin() + 3));
+}
+
 // Subscribers look and do not steer: 911, 912 and 913 are answered, every
 // other code 14. A ninth subscriber and strangers are closed at once; a
 // subscriber that hangs up frees its slot.

@@ -1,7 +1,8 @@
 // A module that leaves the USB bus by itself, on the simulated board: the
 // daemon refuses requests as "not ready" at once and tells the client (1101),
 // takes the module back without a power cycle when it returns within a minute
-// and dials again. Its own power cycles are no departures.
+// and dials again, and power-cycles it when it does not. Its own power cycles
+// are no departures. PresenceSlowTest is the long one (about 90 s).
 
 #include "e2e/board.h"
 
@@ -194,6 +195,36 @@ TEST(PresenceTest, TheDaemonsOwnPowerCycleIsNoDepartureButOneAfterItIs) {
     // A subscriber hears the restart's completion and both ways of the
     // departure, and none of the client's replies.
     EXPECT_EQ(frames_until(listener, "1101/0/"), (std::vector<std::string>{"901/0/", "1101/1/", "1101/0/"}));
+}
+
+// Not back within 60 s: one power cycle (which plugs it back on this board),
+// the 20 s settle and the bring-up, and only then the return is reported.
+TEST(PresenceSlowTest, AModuleNotBackWithinAMinuteIsPowerCycledOnceAndReportedBackAfterTheBringUp) {
+    SKIP_WITHOUT_BOARD();
+    board_config config("ec200t", AUTO_DIAL);
+    config.power_replug_ms = 1000;
+    ready_board b(config);
+    ASSERT_TRUE(b.start());
+    client_conn &c = *b.client;
+    ASSERT_TRUE(c.state_becomes("Connected"));
+    size_t lines = b.board.lines().size();
+    ASSERT_TRUE(b.board.unplug());
+    long long gone = monotonic_ms();
+    EXPECT_EQ(take(c, PRESENCE, milliseconds(2000)), "1101/1/");
+
+    ASSERT_TRUE(sim_board::wait_until([&] { return b.board.lines().size() >= lines + POWER_CYCLE.size(); },
+                                      milliseconds(90000)))
+        << "no power cycle 90 s after the departure: " << joined(texts(b.board.lines()));
+    std::vector<record> all = b.board.lines();
+    std::vector<record> cycle(all.begin() + static_cast<long>(lines), all.end());
+    EXPECT_EQ(texts(cycle), POWER_CYCLE);
+    EXPECT_GE(cycle[0].ms - gone, 58000);
+    EXPECT_LE(cycle[0].ms - gone, 70000);
+    EXPECT_EQ(take(c, PRESENCE, milliseconds(60000)), "1101/0/");
+    EXPECT_GE(monotonic_ms() - cycle.back().ms, 19000);
+    EXPECT_TRUE(c.state_becomes("Connected"));
+    EXPECT_EQ(texts(b.board.lines(), lines), POWER_CYCLE);
+    EXPECT_EQ(take(c, PRESENCE, milliseconds(500)), "<none>");
 }
 
 } // namespace
