@@ -98,19 +98,6 @@ struct SmsLongSendTest : testing::Test, emulated_bench {
     }
 };
 
-TEST_F(SmsLongSendTest, EachPartIsOneExchangeAndTheReplyJoinsTheirReferences) {
-    const submit_vector &v = vector_named("7-bit, the 400 characters");
-    ASSERT_EQ(v.parts, 3u);
-    text_set(state().smsc_number, v.smsc);
-    EXPECT_EQ(shown(sms_send_pdu(0, "DEFAULT", v.destination, v.text, v.validity, 0)), "251 0 1,2,3|");
-    EXPECT_EQ(stat_value("sms_out"), 1);
-    EXPECT_EQ(state().at_state.load(), AT_IDLE);
-    std::vector<std::string> want;
-    for (size_t i = 0; i < v.parts; ++i)
-        want.push_back("AT+CMGS=" + std::to_string(v.tpdu_octets[i]) + " " + v.pdus[i]);
-    EXPECT_EQ(cmgs(), want);
-}
-
 TEST_F(SmsLongSendTest, TheFirstFailingPartEndsTheSendWithItsOwnReply) {
     const submit_vector &v = vector_named("7-bit, the 400 characters");
     text_set(state().smsc_number, v.smsc);
