@@ -15,7 +15,6 @@
 #include <ctime>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <thread>
 
 namespace {
@@ -86,25 +85,24 @@ TEST(SmsSendTest, ExchangesWithTheEmulatedModule) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.reports);
-        std::optional<emulated_bench> b;
-        b.emplace();
-        c.setup(b->port.module());
+        emulated_bench b;
+        c.setup(b.port.module());
         aside.got.clear();
         op_outcome o = c.op();
         EXPECT_EQ(state().at_state.load(), AT_IDLE);
         EXPECT_EQ(aside.got + shown(o), c.reports);
-        EXPECT_EQ(b->client.frames(), ""); // the outcome is the caller's to send
+        EXPECT_EQ(b.client.frames(), ""); // the outcome is the caller's to send
         EXPECT_EQ(stat_value("sms_out"), o.ok() ? 1 : 0);
         if (c.held)
-            b->port.module().release();
-        b->port.module().inject_line("MARK");
+            b.port.module().release();
+        b.port.module().inject_line("MARK");
         EXPECT_EQ(urc_before("MARK"), c.urc);
         if (c.held)
             at_send("\x1b", 1); // ends a body still awaited, showing what was sent after the prompt
         at_send("AT+END\r", 7);
-        ASSERT_TRUE(b->port.module().wait_for_command("AT+END", 3000));
+        ASSERT_TRUE(b.port.module().wait_for_command("AT+END", 3000));
         std::vector<std::string> got;
-        for (const modem_command &m : b->port.module().commands()) {
+        for (const modem_command &m : b.port.module().commands()) {
             bool esc = m.state == modem_command::body_state::aborted;
             got.push_back(m.state == modem_command::body_state::none
                               ? m.text : m.text + (esc ? " [esc " : " [") + m.body + "]");
