@@ -71,14 +71,15 @@ TEST(ClientReportTest, FramesOnlyWhileConnectedAndTheNextGetsThroughAfterAFlood)
     client_report(911, 0, "lost"); // nobody connected yet: dropped, not queued
     state().client_connected = 1;
     client_report(1001, 2, "1");
-    client_report(0x11032, 0x100FF, nullptr);              // the low 16 bits of each
+    client_report(0x11032, 0x100FF, nullptr);             // the low 16 bits of each
     client_report(402, 0, std::string(600, 'L').c_str()); // the text cut to 492 bytes
     uint8_t buf[1 << 16];
     ssize_t n = recv(sv[1], buf, sizeof buf, MSG_DONTWAIT);
     ASSERT_GT(n, 0);
-    EXPECT_EQ(std::string(buf, buf + n),
-              std::string("ZVR\x03\xE9\0\x02" "1\0", 9) + std::string("ZVR\x10\x32\0\xFF\0", 8) +
-                  std::string("ZVR\x01\x92\0\0", 7) + std::string(492, 'L') + '\0');
+    const std::string first = std::string("ZVR\x03\xE9\0\x02" "1\0", 9) +
+                              std::string("ZVR\x10\x32\0\xFF\0", 8) +
+                              std::string("ZVR\x01\x92\0\0", 7) + std::string(492, 'L') + '\0';
+    EXPECT_EQ(std::string(buf, buf + n), first);
     // Far more than the socket holds, to a client that does not read meanwhile.
     const std::string text(400, 'x');
     for (int i = 0; i < 2000; ++i)

@@ -155,7 +155,8 @@ std::vector<std::string> lines_of(const std::string &pdu) {
     std::string lower = pdu;
     for (char &c : lower)
         c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return {pdu, lower, pdu + "\"", pdu + " 1A2B", pdu + "\r\n", pdu + "0", pdu + "g00", pdu + ",x"};
+    return {pdu, lower, pdu + "\"", pdu + " 1A2B",
+            pdu + "\r\n", pdu + "0", pdu + "g00", pdu + ",x"};
 }
 
 TEST(SmsParseTest, AgreesWithIndependentCodecUpToTheFirstCharacterThatIsNotHexadecimal) {
@@ -182,7 +183,8 @@ TEST(SmsParseTest, AgreesWithIndependentCodecUpToTheFirstCharacterThatIsNotHexad
             EXPECT_EQ(sms.part, v.part);
             // The record's lengths count bytes of UTF-8, the sender's too.
             char head[64];
-            snprintf(head, sizeof head, "%02zu%s14%s%03zu", strlen(v.sender), v.sender, v.stamp, v.text_len);
+            snprintf(head, sizeof head, "%02zu%s14%s%03zu", strlen(v.sender), v.sender, v.stamp,
+                     v.text_len);
             EXPECT_EQ(parse_deliver(line), head + std::string(v.text, v.text_len));
         }
     }
