@@ -94,14 +94,13 @@ TEST(RingTest, ALineArrivingDuringTheClosingDrainGoesBehindTheLeftovers) {
     EXPECT_EQ(s.at_state.load(), AT_IDLE);
 }
 
+using ReceiveThreadTest = port_test;
+
 // With atprint, sent and complete received lines are echoed; an unfinished
 // line is handed over about a second after its last byte, without an echo.
-TEST(ReceiveThreadTest, EchoesTrafficAndDeliversALineWithoutEndASecondLater) {
-    fresh_state fresh;
+TEST_F(ReceiveThreadTest, EchoesTrafficAndDeliversALineWithoutEndASecondLater) {
     state().atprint = 1;
-    at_port port;
     testing::internal::CaptureStdout();
-    port.start_rx();
     EXPECT_EQ(at_send("AT+CSQ\r\n", 8), 8);
     EXPECT_EQ(port.module_reads("\n", 2000), "AT+CSQ\r\n");
     port.module_says("\r\n+CSQ: 5,99\r\n> ");
@@ -120,11 +119,7 @@ TEST(ReceiveThreadTest, EchoesTrafficAndDeliversALineWithoutEndASecondLater) {
 // A port that goes away by itself is the module leaving the bus: the client
 // hears it once and at once, and a transaction waiting for an answer stops
 // waiting instead of sitting out its time-out.
-TEST(ReceiveThreadTest, AHungUpPortTellsTheModuleLeftAndEndsTheWaitingTransaction) {
-    fresh_state fresh;
-    at_port port;
-    client_end client;
-    port.start_rx();
+TEST_F(ReceiveThreadTest, AHungUpPortTellsTheModuleLeftAndEndsTheWaitingTransaction) {
     at_begin();
     int64_t start = monotonic_ms();
     std::thread gone([&] { port.hang_up(); });
@@ -141,7 +136,7 @@ TEST(ReceiveThreadTest, AHungUpPortTellsTheModuleLeftAndEndsTheWaitingTransactio
 
 // A write may meet the hung-up port before the receive thread does: the loss
 // is told then, and the request is refused as not ready, not failed.
-TEST(ReceiveThreadTest, AWriteToAHungUpPortTellsTheModuleLeft) {
+TEST(PortWriteTest, AWriteToAHungUpPortTellsTheModuleLeft) {
     fresh_state fresh;
     at_port port;
     client_end client;
