@@ -209,16 +209,6 @@ TEST_F(LocalCodeTest, NotReadyComesBeforeBusy) {
     EXPECT_EQ(ask(912), "912 0 Connected|");
 }
 
-// The statistics as the server answers them, fields in their order.
-TEST_F(LocalCodeTest, StatisticsAnswerWithTheCountersAndTheLink) {
-    stats_start(monotonic_ms() - 61000);
-    stats_link_up(monotonic_ms() - 2500);
-    stat_add(stat_counter::dials);
-    stat_add(stat_counter::dropped);
-    EXPECT_EQ(ask(913), "913 0 up=61 link=1 link_s=2 dials=1 dial_failures=0 resets=0 lost=0 "
-                        "probes=0 probe_failures=0 sms_in=0 sms_out=0 dropped=1|");
-}
-
 // What a write leaves is read back through the protocol; 912 shows the dial switch.
 TEST_F(LocalCodeTest, SettingsReadAndWritten) {
     const std::string sixty(60, 'p'), fifty(50, 'p'), limit = "10 Value between 1-30000";
