@@ -7,18 +7,8 @@
 #include "support/test_support.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cstring>
-#include <fstream>
-#include <net/if.h>
-#include <poll.h>
-#include <sched.h>
 #include <string>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -220,53 +210,6 @@ TEST(ProbeTest, LoopbackAnswersAndFailuresNeitherSendNorWait) {
     // interface that is not there sends nothing.
     EXPECT_EQ(stat_value("probes"), 3);
     EXPECT_EQ(stat_value("probe_failures"), 0);
-}
-
-// A look-up waits on a name server that never answers: the test's own, in
-// mount and network namespaces of the test's thread (and of the probes it
-// starts). A probe cancelled meanwhile ends only after the look-up's one
-// second, and the next probe's look-up is made: a probe cancelled inside the
-// resolver used to leave its lock taken, and the next one hung on it for good.
-TEST(ProbeTest, ACancelledProbeFinishesItsNameLookUpAndTheNextLookUpGoesOut) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "private mount and network namespaces need root";
-    fresh_state fresh;
-    std::thread([] {
-        ASSERT_EQ(unshare(CLONE_NEWNS | CLONE_NEWNET), 0);
-        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(mount("tmpfs", "/etc", "tmpfs", 0, "mode=755"), 0);
-        std::ofstream("/etc/resolv.conf") << "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n";
-        std::ofstream("/etc/nsswitch.conf") << "hosts: dns\n";
-        int dns = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ifreq lo{};
-        strcpy(lo.ifr_name, "lo");
-        ASSERT_EQ(ioctl(dns, SIOCGIFFLAGS, &lo), 0);
-        lo.ifr_flags = static_cast<short>(lo.ifr_flags | IFF_UP);
-        ASSERT_EQ(ioctl(dns, SIOCSIFFLAGS, &lo), 0);
-        sockaddr_in server{};
-        server.sin_family = AF_INET;
-        server.sin_port = htons(53);
-        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(bind(dns, reinterpret_cast<sockaddr *>(&server), sizeof server), 0);
-        for (int round = 0; round < 2; ++round) {
-            SCOPED_TRACE(round);
-            pthread_t tid;
-            auto probe = [](void *) -> void * {
-                icmp_ping("lo", "far.link.test."); // absolute: no search domain adds a query
-                return nullptr;
-            };
-            ASSERT_EQ(pthread_create(&tid, nullptr, probe, nullptr), 0);
-            pollfd query{dns, POLLIN, 0};
-            ASSERT_EQ(poll(&query, 1, 5000), 1);
-            char drop[512];
-            ASSERT_GT(recv(dns, drop, sizeof drop, 0), 0);
-            int64_t cancelled = monotonic_ms();
-            pthread_cancel(tid);
-            pthread_join(tid, nullptr);
-            EXPECT_GE(monotonic_ms() - cancelled, 500);
-        }
-        close(dns);
-    }).join();
 }
 
 } // namespace

@@ -10,8 +10,6 @@
 #include "support/test_support.h"
 
 #include <algorithm>
-#include <stdexcept>
-#include <sys/socket.h>
 #include <thread>
 
 namespace {
@@ -172,28 +170,6 @@ TEST_F(ServedTest, ARestartDuringAClientsDialLeavesThePortFree) {
     EXPECT_EQ(b.client.frames(1, 5000), "102 0 20|");
 }
 
-// A worker's reply belongs to the client that asked: one that has gone gets
-// it nowhere, least of all through its successor on the same descriptor
-// number. Events go to whoever is connected.
-TEST_F(ServedTest, AWorkersReplyNeverReachesTheNextClientOnTheSameNumber) {
-    daemon_state &s = state();
-    b.port.module().set_reply("AT+CSQ", modem_reply::standard().until_released().one_shot());
-    const uint32_t first = s.client_generation.load();
-    send(102);
-    ASSERT_TRUE(b.port.module().wait_for_command("AT+CSQ", 5000).has_value());
-    b.client.successor();
-    b.port.module().release();
-    ASSERT_TRUE(worker_wait_ended(monotonic_ms() + 5000));
-    std::thread([first] { // a thread of the first client's worker
-        client_reply_bind(first);
-        client_report(EVENT_CALL, 1, "10086");
-        client_report(102, STATUS_OK, "late");
-    }).join();
-    send(102);
-    EXPECT_EQ(b.client.frames(2, 5000), "1001 1 10086|102 0 20|");
-    EXPECT_EQ(b.client.frames(), "");
-}
-
 // Local codes are answered by handle_request itself, before it returns.
 class LocalCodeTest : public port_test {
 protected:
@@ -231,16 +207,6 @@ TEST_F(LocalCodeTest, NotReadyComesBeforeBusy) {
     s.worker_busy = 0;
     s.phase = module_phase::connected;
     EXPECT_EQ(ask(912), "912 0 Connected|");
-}
-
-// The statistics as the server answers them, fields in their order.
-TEST_F(LocalCodeTest, StatisticsAnswerWithTheCountersAndTheLink) {
-    stats_start(monotonic_ms() - 61000);
-    stats_link_up(monotonic_ms() - 2500);
-    stat_add(stat_counter::dials);
-    stat_add(stat_counter::dropped);
-    EXPECT_EQ(ask(913), "913 0 up=61 link=1 link_s=2 dials=1 dial_failures=0 resets=0 lost=0 "
-                        "probes=0 probe_failures=0 sms_in=0 sms_out=0 dropped=1|");
 }
 
 // What a write leaves is read back through the protocol; 912 shows the dial switch.
@@ -321,50 +287,6 @@ TEST_F(LocalCodeTest, OneReadIsOneFrame) {
     // Two frames in one read: the bytes after the first are not a request.
     send(std::string("ZVS\x03\x8F\0\0ZVS\x03\x90\0\0", 14));
     EXPECT_EQ(client.frames(), "911 0 ZOLVIN 4G SERVER V1.23|");
-}
-
-// A subscriber's socket pair: the daemon's end in a slot, the test reads the other.
-struct subscriber_end {
-    subscriber_end() {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
-            throw std::runtime_error("socketpair");
-        slot = subscriber_attach(fds[0]);
-    }
-    ~subscriber_end() {
-        subscriber_detach(slot);
-        close(fds[0]);
-        close(fds[1]);
-    }
-    // The frames waiting, as "code status text|".
-    std::string frames() {
-        std::string got;
-        reply_frame r;
-        while (next_frame(fds[1], pending, &r, 100))
-            got += std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
-        return got;
-    }
-    int fds[2];
-    int slot;
-    std::vector<uint8_t> pending;
-};
-
-// Events go to the client and every subscriber; replies, the answers to a
-// subscriber's request and 402 lines go to one of them only.
-TEST_F(LocalCodeTest, EventsReachEverySubscriberAndAnswersOnlyTheirAsker) {
-    subscriber_end a, b;
-    ASSERT_GE(a.slot, 0);
-    ASSERT_GE(b.slot, 0);
-    event_report(EVENT_CALL, 1, "10086");
-    client_report(102, STATUS_OK, "20");
-    client_report(EVENT_AT_LINE, STATUS_OK, "RING");
-    const std::string q = request_bytes(911), other = request_bytes(525, {"1", "echo"});
-    handle_subscriber_request(reinterpret_cast<const uint8_t *>(q.data()), q.size(), a.slot);
-    handle_subscriber_request(reinterpret_cast<const uint8_t *>(other.data()), other.size(), b.slot);
-    event_report(EVENT_FOTA_DONE, STATUS_OK, nullptr);
-    EXPECT_EQ(client.frames(), "1001 1 10086|102 0 20|402 0 RING|561 0 |");
-    EXPECT_EQ(a.frames(), "1001 1 10086|911 0 ZOLVIN 4G SERVER V1.23|561 0 |");
-    EXPECT_EQ(b.frames(), "1001 1 10086|525 14 |561 0 |");
-    EXPECT_EQ(state().down_script[0], '\0');
 }
 
 // Root, members by either group and strangers are the end-to-end test's

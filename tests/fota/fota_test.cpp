@@ -128,7 +128,6 @@ TEST_F(FotaTest, RefusalsAndFailures) {
         int64_t pause_us;
         std::string frames, flags, urc = "";
     } cases[] = {
-        {mf::ec200t, {}, "a", 0, 0, "561 10 |", "0000 checking"},
         {mf::ec200t, {}, "a", 320, -1000, "561 10 |", "0000 checking"},
         {mf::ec20, {}, "a", 320, 0, "561 10 |", "0000 checking"},
         {mf::ec200t, {}, "missing", 320, 0, "561 1 file not found!|", "0000 checking"},

@@ -57,21 +57,6 @@ client_end::client_end() {
     client_attach(fds_[0]);
 }
 
-void client_end::successor() {
-    int fresh[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fresh) != 0)
-        throw std::runtime_error("socketpair");
-    client_detach();
-    close(fds_[1]);
-    // Closes the old client's socket and puts the new one in its place.
-    if (dup3(fresh[0], fds_[0], O_CLOEXEC) < 0)
-        throw std::runtime_error("dup3");
-    close(fresh[0]);
-    fds_[1] = fresh[1];
-    pending_.clear();
-    client_attach(fds_[0]);
-}
-
 client_end::~client_end() {
     client_detach();
     close(fds_[0]);

@@ -95,8 +95,6 @@ public:
     client_end(const client_end &) = delete;
     client_end &operator=(const client_end &) = delete;
 
-    // The client goes and a successor takes its place on the same descriptor number.
-    void successor();
     // Next frame within the deadline; false on time-out.
     bool next(reply_frame *out, long timeout_ms);
     // The frames sent so far, as "code status text|": a marker sent now
