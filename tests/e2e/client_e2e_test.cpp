@@ -120,6 +120,25 @@ TEST(ClientInterfaceTest, OneClientAtATimeAndTheNameStaysTheDaemons) {
     EXPECT_EQ(b.board.bind_server_name(nobody), EADDRINUSE);
 }
 
+// A worker outlives its client, but its reply goes nowhere else.
+TEST(ClientInterfaceTest, AWorkersReplyIsNotForTheNextClient) {
+    READY_BOARD(b);
+    size_t from = next_index(b.emu);
+    ASSERT_TRUE(b.emu.set_reply("AT+COPS?", modem_reply::standard().until_released().one_shot()));
+    ASSERT_TRUE(b.client->send(103));
+    ASSERT_TRUE(b.emu.wait_for_command("AT+COPS?", 15000, from));
+    b.client->close();
+    client_conn next(b.board.connect_client());
+    ASSERT_TRUE(next.valid());
+    EXPECT_EQ(next.ask(102), "102/12/");
+    ASSERT_TRUE(b.emu.release());
+    // The worker replies before it frees the port: by the 102 answer, a 103 would be here.
+    EXPECT_EQ(next.ask_settled(102), "102/0/20");
+    for (const reply_frame &f : next.others)
+        EXPECT_NE(f.code, 103) << show(f);
+    EXPECT_EQ(commands_since(b.emu, from), (std::vector<std::string>{"AT+COPS?", "AT+CSQ"}));
+}
+
 TEST(ClientWorkerTest, CodesRunTheirCommandsAndPassThroughBelongsToItsClient) {
     READY_BOARD(b, board_config("ec20"));
     client_conn &c = *b.client;

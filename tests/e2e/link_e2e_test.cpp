@@ -7,9 +7,12 @@
 #include "e2e/board.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 namespace {
@@ -151,6 +154,62 @@ TEST(LinkCheckTest, ProbesCarryTheEchoRequestToEachAddressInTurnAndPauseForACall
     ASSERT_TRUE(sim_board::wait_until([&] { return board.called("ifconfig usb0 down"); }));
     long long down = monotonic_ms();
     EXPECT_FALSE(sim_board::wait_until([&] { return probe_after(down + 100); }, milliseconds(2500)));
+    EXPECT_EQ(board.stderr_text(), "");
+}
+
+// The probed host has a name, and the board's name server (the test's socket
+// on the board's loopback) never answers. A disconnect while the check waits
+// on it stops the check once the look-up's 2 s are out, and after a new dial
+// the next check's look-up goes out and its stop returns as well: a check
+// cancelled inside the look-up used to leave the resolver locked, so the next
+// check hung in it and the disconnect after that never came.
+TEST(LinkCheckTest, AStopDuringANameLookUpWaitsForItAndTheNextLookUpAndStopGoThrough) {
+    SKIP_WITHOUT_BOARD();
+    // Absolute, so that no search domain adds a second query.
+    board_config config("ec200t", CHECK_CONF + "ping_address1=far.link.test.\n");
+    config.etc = {{"resolv.conf", "nameserver 127.0.0.1\noptions timeout:2 attempts:1\n"},
+                  {"nsswitch.conf", "hosts: files dns\n"}};
+    sim_board board(config);
+    modem_control emu;
+    ASSERT_TRUE(board.start_daemon());
+    ASSERT_TRUE(board.modem(&emu)); // the board has its network namespace by now
+    int dns = -1;
+    board.in_network([&] {
+        dns = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in server{};
+        server.sin_family = AF_INET;
+        server.sin_port = htons(53);
+        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(dns, reinterpret_cast<sockaddr *>(&server), sizeof server) != 0) {
+            close(dns);
+            dns = -1;
+        }
+    });
+    ASSERT_GE(dns, 0);
+    auto query = [&] {
+        pollfd p{dns, POLLIN, 0};
+        char drop[512];
+        return poll(&p, 1, static_cast<int>(WAIT.count() * 2)) == 1 && recv(dns, drop, sizeof drop, 0) > 0;
+    };
+    auto downs = [&] {
+        std::vector<std::string> all = texts(board.calls());
+        return std::count(all.begin(), all.end(), "ifconfig usb0 down");
+    };
+    client_conn client(board.connect_client());
+    for (int stop = 1; stop <= 2; ++stop) {
+        SCOPED_TRACE(stop);
+        ASSERT_TRUE(query()) << board.stdout_text();
+        long long asked = monotonic_ms();
+        ASSERT_EQ(client.ask(501, {"0"}), "501/0/");
+        ASSERT_TRUE(sim_board::wait_until([&] { return downs() == stop; })) << board.stdout_text();
+        long long stopped = board.calls().back().ms - asked;
+        EXPECT_GE(stopped, 1500);
+        EXPECT_LT(stopped, 3500);
+        if (stop == 1) {
+            ASSERT_EQ(client.ask(501, {"1"}), "501/0/");
+        }
+    }
+    close(dns);
     EXPECT_EQ(board.stderr_text(), "");
 }
 
