@@ -106,6 +106,7 @@ public:
         return wait_until([&] { return count_in("broker.err", " running") > runs; }, 10000, 5);
     }
     void stop_broker() { broker_->stop(); }
+    bool start(const std::string &broker_more = "") { return start_broker(broker_more) && start_subscriber(); }
 
     bool start_subscriber() {
         sub_ = spawn("sub", {"/usr/bin/mosquitto_sub", "-h", "127.0.0.1", "-q", "1", "-c", "-i", "test-sub", "-t",
@@ -184,10 +185,9 @@ private:
         return out;
     }
     size_t count_in(const std::string &name, const std::string &text) const {
-        std::string all = read_file(path(name));
         size_t n = 0;
-        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
-            ++n;
+        for (const std::string &line : lines_of(name))
+            n += line.find(text) != std::string::npos;
         return n;
     }
 
@@ -220,8 +220,7 @@ TEST(MqttTest, OnlineStateEveryEventInOrderTheLinkLossAtOnceAndTheWill) {
     READY_BOARD(b, board_config("ec20", AUTO_DIAL));
     ASSERT_TRUE(b.client->state_becomes("Connected"));
     mqtt_rig rig(b.board);
-    ASSERT_TRUE(rig.start_broker());
-    ASSERT_TRUE(rig.start_subscriber());
+    ASSERT_TRUE(rig.start());
     ASSERT_TRUE(rig.start_listener());
     rig.start_program(PROGRAM_CONF);
 
@@ -276,10 +275,9 @@ TEST(MqttTest, OnlineStateEveryEventInOrderTheLinkLossAtOnceAndTheWill) {
     EXPECT_EQ(json_member(listened[6], "reference"), "5");
 
     // Killed, the program says nothing more: the broker publishes its will.
-    size_t online = rig.payloads(PREFIX + "/online").size();
     rig.program().stop(SIGKILL);
-    ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/online").size() > online; }));
-    EXPECT_EQ(rig.payloads(PREFIX + "/online").back(), "0");
+    ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/online") == std::vector<std::string>{"1", "0"}; }))
+        << testing::PrintToString(rig.payloads(PREFIX + "/online"));
     EXPECT_EQ(rig.retained(PREFIX + "/online"), "1 0");
 }
 
@@ -293,50 +291,44 @@ TEST(MqttSlowTest, ABrokerAwayLosesNoEventWithinTheQueueAndDropsTheOldestBeyondI
     config.fota_return = "1500";
     READY_BOARD(b, config);
     mqtt_rig rig(b.board);
-    ASSERT_TRUE(rig.start_broker());
-    ASSERT_TRUE(rig.start_subscriber());
+    ASSERT_TRUE(rig.start());
     rig.start_program(PROGRAM_CONF + "queue=6\n");
     ASSERT_TRUE(rig.wait_for([&] { return !rig.payloads(PREFIX + "/state").empty(); })) << rig.program_err();
 
-    auto tones = [&](int first, int n) {
+    ASSERT_TRUE(rig.start_listener());
+    // Twice away: 10 s with as many tones as the queue holds (the back-off
+    // reaches 8 s meanwhile), then briefly with three more than it holds.
+    struct outage {
+        int first, count;
+        milliseconds away;
+        size_t dropped;
+    };
+    for (const outage &o : {outage{10, 6, milliseconds(10000), 0}, outage{20, 9, milliseconds(0), 3}}) {
+        SCOPED_TRACE(o.first);
+        const size_t from = rig.received().size();
+        rig.stop_broker();
+        const long long down = monotonic_ms();
         std::vector<std::string> sent;
-        for (int i = first; i < first + n; ++i) {
+        for (int i = o.first; i < o.first + o.count; ++i) {
             EXPECT_TRUE(b.emu.inject_line("+QTONEDET: " + std::to_string(i)));
             sent.push_back("tone {\"event\":\"tone\",\"tone\":\"" + std::to_string(i) + "\"}");
         }
-        return sent;
-    };
-    // The client tool listens beside the program: once it has printed an
-    // event, the program has had it from the daemon too.
-    ASSERT_TRUE(rig.start_listener());
-    auto listened = [&](const std::string &tone) {
-        return rig.wait_for([&] { return read_file(rig.path("listen.out")).find("\"" + tone + "\"") != std::string::npos; });
-    };
-    rig.stop_broker();
-    long long down = monotonic_ms();
-    std::vector<std::string> within = tones(10, 6);
-    EXPECT_TRUE(listened("15"));
-    std::this_thread::sleep_for(milliseconds(10000 - (monotonic_ms() - down)));
-    ASSERT_TRUE(rig.start_broker());
-    // The back-off has reached 8 s by now.
-    ASSERT_TRUE(rig.wait_for([&] { return rig.events().size() >= within.size(); }, milliseconds(30000)))
-        << rig.program_err();
-    EXPECT_EQ(rig.events(), within);
-    std::string state = rig.payloads(PREFIX + "/state").back();
-    EXPECT_EQ(json_member(state, "mqtt_dropped"), "0") << state;
-
-    size_t from = rig.received().size();
-    rig.stop_broker();
-    std::vector<std::string> beyond = tones(20, 9);
-    EXPECT_TRUE(listened("28"));
-    ASSERT_TRUE(rig.start_broker());
-    ASSERT_TRUE(rig.wait_for([&] { return rig.events(from).size() >= 6; }, milliseconds(30000))) << rig.program_err();
-    EXPECT_EQ(rig.events(from), std::vector<std::string>(beyond.begin() + 3, beyond.end()));
-    state = rig.payloads(PREFIX + "/state").back();
-    EXPECT_EQ(json_member(state, "mqtt_dropped"), "3") << state;
+        // Once the client tool beside the program has printed the last, the
+        // program has had it from the daemon too.
+        const std::string last = "\"" + std::to_string(o.first + o.count - 1) + "\"";
+        EXPECT_TRUE(rig.wait_for([&] { return read_file(rig.path("listen.out")).find(last) != std::string::npos; }));
+        std::this_thread::sleep_for(o.away - milliseconds(monotonic_ms() - down));
+        ASSERT_TRUE(rig.start_broker());
+        sent.erase(sent.begin(), sent.begin() + static_cast<long>(o.dropped));
+        ASSERT_TRUE(rig.wait_for([&] { return rig.events(from).size() >= sent.size(); }, milliseconds(30000)))
+            << rig.program_err();
+        EXPECT_EQ(rig.events(from), sent);
+        const std::string state = rig.payloads(PREFIX + "/state").back();
+        EXPECT_EQ(json_member(state, "mqtt_dropped"), std::to_string(o.dropped)) << state;
+    }
 
     // The restart's completion is an event too, and the state follows it.
-    from = rig.received().size();
+    size_t from = rig.received().size();
     ASSERT_TRUE(b.client->send(901));
     ASSERT_EQ(show(b.client->reply(901, milliseconds(60000))), "901/0/");
     ASSERT_TRUE(rig.wait_for([&] { return !rig.events(from).empty(); }));
@@ -419,8 +411,7 @@ TEST(MqttTest, TheDaemonsSocketLostMeansOfflineUntilTheProgramIsBack) {
     sim_board board(board_config("none"));
     ASSERT_TRUE(board.start_daemon());
     mqtt_rig rig(board);
-    ASSERT_TRUE(rig.start_broker());
-    ASSERT_TRUE(rig.start_subscriber()) << read_file(rig.path("broker.err")) << read_file(rig.path("sub.err"));
+    ASSERT_TRUE(rig.start());
     const std::string name = "zolvin_mqtt_test_events";
     fake_events daemon(board, name);
     rig.start_program(PROGRAM_CONF, {"--events-socket", "@" + name});
@@ -461,9 +452,8 @@ TEST(MqttTest, TlsWithTheBoardsCaAndAWrongCaRefusedWithAClearMessage) {
     mqtt_rig rig(board);
     auto [status, out] = run_command(make_certificates(rig.path("")));
     ASSERT_EQ(status, 0) << out;
-    ASSERT_TRUE(rig.start_broker("listener 8883 127.0.0.1\ncafile " + rig.path("ca.crt") + "\ncertfile " +
-                                 rig.path("broker.crt") + "\nkeyfile " + rig.path("broker.key") + "\n"));
-    ASSERT_TRUE(rig.start_subscriber());
+    ASSERT_TRUE(rig.start("listener 8883 127.0.0.1\ncafile " + rig.path("ca.crt") + "\ncertfile " + rig.path("broker.crt") +
+                          "\nkeyfile " + rig.path("broker.key") + "\n"));
 
     // tls_ca alone: TLS on 8883, the broker's certificate checked.
     rig.start_program(PROGRAM_CONF + "tls_ca=" + rig.path("other.crt") + "\n");
