@@ -225,7 +225,6 @@ TEST(MqttTest, OnlineStateEveryEventInOrderTheLinkLossAtOnceAndTheWill) {
     rig.start_program(PROGRAM_CONF);
 
     ASSERT_TRUE(rig.wait_for([&] { return !rig.payloads(PREFIX + "/state").empty(); })) << rig.program_err();
-    EXPECT_EQ(rig.payloads(PREFIX + "/online"), std::vector<std::string>{"1"});
     const std::string state = rig.payloads(PREFIX + "/state")[0];
     EXPECT_EQ(json_member(state, "state"), "\"Connected\"") << state;
     EXPECT_EQ(json_member(state, "link"), "1") << state;
@@ -274,7 +273,7 @@ TEST(MqttTest, OnlineStateEveryEventInOrderTheLinkLossAtOnceAndTheWill) {
                                         "[\"time\", \"2026-11-23T10:15:42\"], [\"text\", \"Hello from the network\"]]\n");
     EXPECT_EQ(json_member(listened[6], "reference"), "5");
 
-    // Killed, the program says nothing more: the broker publishes its will.
+    // Killed, the program says nothing more: the broker publishes its will after the one "1".
     rig.program().stop(SIGKILL);
     ASSERT_TRUE(rig.wait_for([&] { return rig.payloads(PREFIX + "/online") == std::vector<std::string>{"1", "0"}; }))
         << testing::PrintToString(rig.payloads(PREFIX + "/online"));
