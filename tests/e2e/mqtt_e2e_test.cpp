@@ -370,8 +370,9 @@ public:
     // requests, 912 with `state` and 913 with statistics; true once both were.
     bool serve(milliseconds timeout, const std::string &state) {
         pollfd a{listen_fd_, POLLIN, 0};
-        if (poll(&a, 1, static_cast<int>(timeout.count())) != 1 || (fd_ = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
+        if (poll(&a, 1, static_cast<int>(timeout.count())) != 1)
             return false;
+        fd_ = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         bool state_sent = false, stats_sent = false;
         uint8_t buf[REQUEST_MAX];
         request_frame r;
