@@ -402,9 +402,9 @@ bool closed_without_reply(int fd, milliseconds within) {
     return n == 0 || (n < 0 && errno == ECONNRESET);
 }
 
-std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout) {
+std::vector<std::string> frames_until(client_conn &c, const std::string &last) {
     std::vector<std::string> got;
-    while (std::optional<reply_frame> f = c.next(timeout)) {
+    while (std::optional<reply_frame> f = c.next(WAIT)) {
         got.push_back(show(f));
         if (got.back() == last)
             break;

@@ -196,8 +196,8 @@ private:
 std::unique_ptr<client_conn> served_client(sim_board &board);
 std::string show(const std::optional<reply_frame> &f);
 // The frames shown up to and including the first one shown as `last`, or all
-// that came within `timeout` of each other.
-std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout = WAIT);
+// that came within WAIT of each other.
+std::vector<std::string> frames_until(client_conn &c, const std::string &last);
 // True when the daemon closes the connection without a frame (a reset when
 // it closed with the requests still unread).
 bool closed_without_reply(int fd, milliseconds within = WAIT);
