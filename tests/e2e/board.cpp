@@ -88,10 +88,9 @@ sim_board::~sim_board() {
     // A board that could not be built says why only in its own log.
     if (exit_status_ == 125)
         fprintf(stderr, "zolvin_simboard failed:\n%s", read_file(path("simboard.log")).c_str());
-    if (!dir_.empty() && getenv("ZOLVIN_E2E_KEEP") == nullptr) {
-        int ignored = system(("rm -rf '" + dir_ + "'").c_str());
-        (void)ignored;
-    }
+    std::error_code ignored;
+    if (!dir_.empty() && getenv("ZOLVIN_E2E_KEEP") == nullptr)
+        std::filesystem::remove_all(dir_, ignored);
 }
 
 std::string sim_board::skip_reason() {
@@ -212,12 +211,11 @@ std::vector<long long> sim_board::stdout_times(const std::string &text) const {
     std::string out = stdout_text();
     std::vector<long long> times;
     for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) {
-        for (const record &m : marks) {
-            if (std::atoll(m.text.c_str()) >= static_cast<long long>(at + text.size())) {
-                times.push_back(m.ms);
-                break;
-            }
-        }
+        auto seen = std::find_if(marks.begin(), marks.end(), [&](const record &m) {
+            return std::atoll(m.text.c_str()) >= static_cast<long long>(at + text.size());
+        });
+        if (seen != marks.end())
+            times.push_back(seen->ms);
     }
     return times;
 }
@@ -241,60 +239,41 @@ std::string sim_board::control(const std::string &command) {
     return reply;
 }
 
-void sim_board::in_network(const std::function<void()> &fn) const {
-    // Namespaces are the thread's own, and what it makes keeps them.
+void sim_board::in_network(const std::function<void()> &fn, const client_user *as) const {
+    // Namespaces and credentials are the thread's own, and what it makes keeps
+    // them. The raw calls change this thread alone (the C library's wrappers
+    // would change every thread), and it ends with them.
     int ns_fd = open(("/proc/" + std::to_string(pid_) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
     if (ns_fd < 0)
         return;
     std::thread([&] {
-        if (setns(ns_fd, CLONE_NEWNET) == 0)
+        if (setns(ns_fd, CLONE_NEWNET) == 0 &&
+            (as == nullptr || (syscall(SYS_setgroups, as->groups.size(), as->groups.data()) == 0 &&
+                               syscall(SYS_setresgid, as->gid, as->gid, as->gid) == 0 &&
+                               syscall(SYS_setresuid, as->uid, as->uid, as->uid) == 0)))
             fn();
     }).join();
     close(ns_fd);
 }
 
-namespace {
-// The calling thread takes the credentials of `as` (none: it stays as it is).
-// The raw calls change this thread alone (the C library's wrappers would
-// change every thread); in_network's thread ends with them.
-bool become(const client_user *as) {
-    return as == nullptr || (syscall(SYS_setgroups, as->groups.size(), as->groups.data()) == 0 &&
-                             syscall(SYS_setresgid, as->gid, as->gid, as->gid) == 0 &&
-                             syscall(SYS_setresuid, as->uid, as->uid, as->uid) == 0);
-}
-} // namespace
-
 int sim_board::bind_server_name(const client_user &as) {
     int error = -1;
     in_network([&] {
-        if (!become(&as))
-            return;
         sockaddr_un addr;
         socklen_t len = server_address(&addr);
         int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         error = bind(s, reinterpret_cast<sockaddr *>(&addr), len) == 0 ? 0 : errno;
         ::close(s);
-    });
+    }, &as);
     return error;
-}
-
-int sim_board::connect_client(milliseconds timeout, const client_user *as) {
-    return connect_to(server_address, timeout, as);
-}
-
-int sim_board::connect_subscriber(milliseconds timeout, const client_user *as) {
-    return connect_to(events_address, timeout, as);
 }
 
 int sim_board::connect_to(socklen_t (*address)(sockaddr_un *), milliseconds timeout, const client_user *as) {
     // The board has its network namespace once it serves its control socket.
     wait_until([&] { return access(path("control.sock").c_str(), F_OK) == 0; }, timeout);
     int fd = -1;
-    // For `as`, the thread takes that user's credentials: the daemon sees
-    // those of the connecting thread.
+    // The daemon sees the credentials of the connecting thread.
     in_network([&] {
-        if (!become(as))
-            return;
         sockaddr_un addr;
         socklen_t len = address(&addr);
         wait_until(
@@ -308,7 +287,7 @@ int sim_board::connect_to(socklen_t (*address)(sockaddr_un *), milliseconds time
                 return false;
             },
             timeout);
-    });
+    }, as);
     return fd;
 }
 
@@ -410,9 +389,8 @@ std::unique_ptr<client_conn> served_client(sim_board &board) {
 }
 
 std::string show(const std::optional<reply_frame> &f) {
-    if (!f)
-        return "<none>";
-    return std::to_string(f->code) + "/" + std::to_string(f->status) + "/" + std::string(f->text, f->text_len);
+    return f ? std::to_string(f->code) + "/" + std::to_string(f->status) + "/" + std::string(f->text, f->text_len)
+             : "<none>";
 }
 
 bool closed_without_reply(int fd, milliseconds within) {
@@ -424,9 +402,9 @@ bool closed_without_reply(int fd, milliseconds within) {
     return n == 0 || (n < 0 && errno == ECONNRESET);
 }
 
-std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout) {
+std::vector<std::string> frames_until(client_conn &c, const std::string &last) {
     std::vector<std::string> got;
-    while (std::optional<reply_frame> f = c.next(timeout)) {
+    while (std::optional<reply_frame> f = c.next(WAIT)) {
         got.push_back(show(f));
         if (got.back() == last)
             break;

@@ -128,14 +128,19 @@ public:
     // A socket connected to "@phone_server" in the board's network namespace,
     // or -1 when none could connect in time. With `as`, a thread of that
     // user and groups makes the connection, so the daemon sees those credentials.
-    int connect_client(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
+    int connect_client(milliseconds timeout = WAIT, const client_user *as = nullptr) {
+        return connect_to(server_address, timeout, as);
+    }
     // The same on "@phone_events": a subscriber.
-    int connect_subscriber(milliseconds timeout = WAIT, const struct client_user *as = nullptr);
+    int connect_subscriber(milliseconds timeout = WAIT, const client_user *as = nullptr) {
+        return connect_to(events_address, timeout, as);
+    }
     // Binds the daemon's socket name in the board's network namespace as
     // `as`, and lets it go at once: 0 when the name was free, else the errno.
     int bind_server_name(const client_user &as);
-    // Runs `fn` on a thread of its own in the board's network namespace.
-    void in_network(const std::function<void()> &fn) const;
+    // Runs `fn` on a thread of its own in the board's network namespace, with
+    // the credentials of `as` if given.
+    void in_network(const std::function<void()> &fn, const client_user *as = nullptr) const;
     // The daemon's pid on the host, or -1.
     pid_t daemon_pid() const;
 
@@ -191,8 +196,8 @@ private:
 std::unique_ptr<client_conn> served_client(sim_board &board);
 std::string show(const std::optional<reply_frame> &f);
 // The frames shown up to and including the first one shown as `last`, or all
-// that came within `timeout` of each other.
-std::vector<std::string> frames_until(client_conn &c, const std::string &last, milliseconds timeout = WAIT);
+// that came within WAIT of each other.
+std::vector<std::string> frames_until(client_conn &c, const std::string &last);
 // True when the daemon closes the connection without a frame (a reset when
 // it closed with the requests still unread).
 bool closed_without_reply(int fd, milliseconds within = WAIT);
@@ -224,7 +229,6 @@ struct ready_board {
 
 #define SKIP_WITHOUT_BOARD()                                                                          \
     do {                                                                                              \
-        std::string reason_ = sim_board::skip_reason();                                               \
-        if (!reason_.empty())                                                                         \
+        if (std::string reason_ = sim_board::skip_reason(); !reason_.empty())                         \
             GTEST_SKIP() << reason_;                                                                  \
     } while (0)

@@ -84,23 +84,19 @@ bool next_frame(int fd, std::vector<uint8_t> &pending, reply_frame *out, long ti
 bool client_end::next(reply_frame *out, long timeout_ms) { return next_frame(fds_[1], pending_, out, timeout_ms); }
 
 namespace {
-std::string shown(const reply_frame &r) {
-    return std::to_string(r.code) + " " + std::to_string(r.status) + " " + r.text + "|";
+std::string shown(int code, int status, const char *text) {
+    return std::to_string(code) + " " + std::to_string(status) + " " + text + "|";
 }
 } // namespace
 
-std::string shown(const op_outcome &o) {
-    if (o.status == STATUS_NONE)
-        return "";
-    return std::to_string(o.code) + " " + std::to_string(o.status) + " " + o.text + "|";
-}
+std::string shown(const op_outcome &o) { return o.status == STATUS_NONE ? "" : shown(o.code, o.status, o.text); }
 
 std::string client_end::frames() {
     client_report(0xFFFF, 0, nullptr);
     std::string got;
     reply_frame r;
     while (next(&r, 3000) && r.code != 0xFFFF)
-        got += shown(r);
+        got += shown(r.code, r.status, r.text);
     return got;
 }
 
@@ -108,7 +104,7 @@ std::string client_end::frames(size_t count, long timeout_ms) {
     std::string got;
     reply_frame r;
     for (size_t i = 0; i < count && next(&r, timeout_ms); ++i)
-        got += shown(r);
+        got += shown(r.code, r.status, r.text);
     return got;
 }
 
@@ -178,7 +174,7 @@ std::string urc_next(long timeout_ms) {
 }
 
 emulated_port::emulated_port(modem_family family) : emu_(family) {
-    if (!emu_.start(master()))
+    if (!emu_.start(master_))
         throw std::runtime_error("modem emulator");
     start_rx();
 }

@@ -116,7 +116,6 @@ public:
     at_port(const at_port &) = delete;
     at_port &operator=(const at_port &) = delete;
 
-    int master() const { return master_; }
     void start_rx();
     void stop_rx();
     // Writes bytes as the module would.
@@ -129,7 +128,7 @@ public:
     // leaves the bus.
     void hang_up();
 
-private:
+protected:
     int master_ = -1;
     pthread_t rx_ = 0;
     bool rx_running_ = false;
