@@ -32,27 +32,8 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
 fi
 cmake --build "$build" --target zolvin_4g zolvin_simboard zolvin_fakecmd zolvin_boardctl zolvin_4g_mqtt -j 2 >/dev/null
 
-work="$(mktemp -d /tmp/zolvin_mqtt_bench.XXXXXX)"
-board_pid=""
-pids=()
-cleanup() {
-  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-  [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && { wait "$board_pid" 2>/dev/null || true; }
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-printf 'apn_name=cmnet\nauto_dial=1\n' >"$work/zolvin_4g.conf"
-"$build/tools/simboard/zolvin_simboard" --work "$work" --family ec200t \
-  --conf "$work/zolvin_4g.conf" -- "$build/zolvin_4g" >/dev/null 2>&1 &
-board_pid=$!
-wait_for() { # pattern, file, seconds
-  local until=$(( $(date +%s) + $3 ))
-  until grep -q "$1" "$work/$2" 2>/dev/null; do
-    [ "$(date +%s)" -lt "$until" ] || { echo "mqtt.sh: no '$1' in $2 after $3 s" >&2; exit 1; }
-    sleep 0.1
-  done
-}
+. "$root/bench/board.sh"
+board_start 'apn_name=cmnet\nauto_dial=1\n' "$build/zolvin_4g"
 wait_for 'busybox udhcpc' calls.log 60
 # (An array, not a function: a function put in the background is a subshell,
 # and $! would be its pid, not the program's.)

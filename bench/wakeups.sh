@@ -50,27 +50,9 @@ if [ -n "$arch" ]; then
   run=("${emulator[@]}" "$daemon_bin")
 fi
 
-work="$(mktemp -d /tmp/zolvin_wakeups.XXXXXX)"
-board_pid=""
-cleanup() {
-  # The board ends by the signal: its status is not this script's.
-  [ -n "$board_pid" ] && kill -TERM "$board_pid" 2>/dev/null && { wait "$board_pid" 2>/dev/null || true; }
-  rm -rf "$work"
-}
-trap cleanup EXIT
+. "$root/bench/board.sh"
+board_start 'apn_name=cmnet\nauto_dial=1\nauto_check=1\ncheck_timeS=600\nping_address1=10.64.0.1\n' "${run[@]}"
 
-printf 'apn_name=cmnet\nauto_dial=1\nauto_check=1\ncheck_timeS=600\nping_address1=10.64.0.1\n' >"$work/zolvin_4g.conf"
-"$build/tools/simboard/zolvin_simboard" --work "$work" --family ec200t \
-  --conf "$work/zolvin_4g.conf" -- "${run[@]}" >/dev/null 2>&1 &
-board_pid=$!
-
-wait_for() { # pattern, file, seconds
-  local until=$(( $(date +%s) + $3 ))
-  until grep -q "$1" "$work/$2" 2>/dev/null; do
-    [ "$(date +%s)" -lt "$until" ] || { echo "wakeups.sh: no '$1' in $2 after $3 s" >&2; exit 1; }
-    sleep 0.2
-  done
-}
 wait_for 'busybox udhcpc' calls.log 60
 daemon=""
 for p in $(pgrep -f -- "$daemon_bin"); do
