@@ -73,14 +73,15 @@ if command -v busybox >/dev/null; then
     busybox sh "$root/init" stop
     if busybox sh "$root/init" status; then fail "init script: still running after stop"; fi
 fi
-if [ "$arch" = native ] && command -v systemd-analyze >/dev/null; then
-    # verify looks for the program and the manual page on this machine: point
-    # it at the scratch root's.
-    sed "s|^ExecStart=|ExecStart=$root|" "$root/usr/lib/systemd/system/zolvin_4g.service" \
-        >"$root/zolvin_4g.service"
-    MANPATH="$root/usr/share/man" systemd-analyze verify "$root/zolvin_4g.service"
-    echo "systemd-analyze verify: passed"
-fi
+# systemd-analyze verify on a unit NAME unpacked under TREE. It looks for the
+# program and the manual page on this machine: the unit is pointed at TREE's.
+verify_unit() { # TREE NAME
+    [ "$arch" = native ] && command -v systemd-analyze >/dev/null || return 0
+    sed "s|^ExecStart=|ExecStart=$1|" "$1/usr/lib/systemd/system/$2.service" >"$root/$2.service"
+    MANPATH="$1/usr/share/man" systemd-analyze verify "$root/$2.service"
+    echo "systemd-analyze verify ($2): passed"
+}
+verify_unit "$root" zolvin_4g
 echo "daemon: $(stat -c %s "$root/usr/sbin/zolvin_4g") bytes stripped"
 
 if [ -n "$mqtt_deb" ]; then
@@ -117,12 +118,7 @@ if [ -n "$mqtt_deb" ]; then
         out=$(timeout 1 "$mroot/usr/sbin/zolvin_4g_mqtt" --config "$root/every_key.conf" 2>&1; echo "status $?")
         echo "$out" | grep -q "configuration key" && fail "mqtt: the example's keys are refused: $out"
     fi
-    if [ "$arch" = native ] && command -v systemd-analyze >/dev/null; then
-        sed "s|^ExecStart=|ExecStart=$mroot|" "$mroot/usr/lib/systemd/system/zolvin_4g_mqtt.service" \
-            >"$root/zolvin_4g_mqtt.service"
-        MANPATH="$mroot/usr/share/man" systemd-analyze verify "$root/zolvin_4g_mqtt.service"
-        echo "systemd-analyze verify (mqtt): passed"
-    fi
+    verify_unit "$mroot" zolvin_4g_mqtt
     echo "mqtt: $(stat -c %s "$mroot/usr/sbin/zolvin_4g_mqtt") bytes stripped"
     echo "$mqtt_deb"
 fi
