@@ -31,7 +31,8 @@ TEST(FaultModuleTest, AfterGarbageOnThePortRequestsAndEventsComeThroughIntact) {
     ASSERT_TRUE(b.emu.inject_raw(std::string(5000, '\xee')));
     ASSERT_TRUE(b.emu.inject_lines({"RING", CLIP}));
     EXPECT_EQ(show(c.reply(1001)), "1001/1/" + CALLER);
-    EXPECT_EQ(c.ask(103), "103/0/NETWORK");
+    // The worker of 102 may still be freeing the port (a slow daemon, under an emulator).
+    EXPECT_EQ(c.ask_settled(103), "103/0/NETWORK");
     // Nothing of the garbage reached the client as an event of its own.
     for (const reply_frame &f : c.others)
         ADD_FAILURE() << "unexpected frame " << show(f);
